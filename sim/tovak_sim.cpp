@@ -1,0 +1,400 @@
+// tovak-sim: runs tovakd on a simulated device. A device root directory on
+// the host becomes /data, /sdcard, /system, /dev/log, /dev/ps_socket and
+// /dev/socket inside a bubblewrap sandbox with its own /proc and PID
+// namespace.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host_properties.h"
+#include "sim_root.h"
+
+namespace {
+
+const char* const FACTORY_FILES[] = { "dm.cfg", "EventID.txt", "LogItem.txt", "MessageLevel.txt" };
+
+[[noreturn]] void die(const std::string& msg)
+{
+    fprintf(stderr, "tovak-sim: %s\n", msg.c_str());
+    exit(1);
+}
+
+void usage(FILE* out)
+{
+    fprintf(out,
+            "usage: tovak-sim up ROOT [--no-bootcomplete] [--remote-modem] [--etc DIR]\n"
+            "\n"
+            "  up ROOT   create the device root ROOT if needed and run tovakd on it in the\n"
+            "            foreground until Ctrl-C or SIGTERM. Clients reach the daemon at\n"
+            "            ROOT/dev/ps_socket/tovak; its stdout is copied to ROOT/%s.\n"
+            "\n"
+            "  --no-bootcomplete  leave the property dev.bootcomplete unset\n"
+            "  --remote-modem     attach a second (remote) modem\n"
+            "  --etc DIR          factory files for a new ROOT/system/etc (default: %s)\n",
+            SIM_STDOUT_FILE, TOVAK_ETC_DIR);
+}
+
+std::string self_dir()
+{
+    char buf[4096];
+    ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+    if (n <= 0)
+        die("cannot find my own executable");
+    buf[n] = '\0';
+    std::string path(buf);
+    return path.substr(0, path.rfind('/'));
+}
+
+bool is_dir(const std::string& path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+void make_dirs(const std::string& path)
+{
+    std::string partial;
+    size_t pos = 0;
+    while (pos != std::string::npos) {
+        pos = path.find('/', pos + 1);
+        partial = path.substr(0, pos);
+        if (partial.empty() || is_dir(partial))
+            continue;
+        if (mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST)
+            die("cannot create " + partial + ": " + strerror(errno));
+    }
+}
+
+void copy_file(const std::string& from, const std::string& to)
+{
+    FILE* in = fopen(from.c_str(), "rb");
+    if (in == nullptr)
+        die("cannot read factory file " + from + ": " + strerror(errno));
+    FILE* out = fopen(to.c_str(), "wb");
+    if (out == nullptr)
+        die("cannot write " + to + ": " + strerror(errno));
+    char buf[8192];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, in)) > 0)
+        fwrite(buf, 1, n, out);
+    fclose(in);
+    if (fclose(out) != 0)
+        die("cannot write " + to);
+}
+
+bool on_path(const char* prog)
+{
+    const char* path = getenv("PATH");
+    std::string dirs = path ? path : "/usr/bin:/bin";
+    size_t start = 0;
+    while (start <= dirs.size()) {
+        size_t end = dirs.find(':', start);
+        if (end == std::string::npos)
+            end = dirs.size();
+        std::string candidate = dirs.substr(start, end - start) + "/" + prog;
+        if (access(candidate.c_str(), X_OK) == 0)
+            return true;
+        start = end + 1;
+    }
+    return false;
+}
+
+struct UpOptions {
+    std::string root;
+    std::string etc = TOVAK_ETC_DIR;
+    bool bootcomplete = true;
+    bool remote_modem = false;
+};
+
+// Lays out ROOT like a phone's partitions. An existing system/etc is kept
+// as it is, like a flashed system partition.
+void provision(const UpOptions& opt)
+{
+    const std::string& root = opt.root;
+    make_dirs(root);
+    if (!is_dir(root) || access(root.c_str(), W_OK) != 0)
+        die(root + " is not a writable directory");
+    std::string etc = root + "/system/etc";
+    if (!is_dir(etc)) {
+        make_dirs(etc);
+        for (const char* name : FACTORY_FILES)
+            copy_file(opt.etc + "/" + name, etc + "/" + name);
+    }
+    for (const char* dir : { "/data/media/0", "/data/local", "/data/property", "/dev/log", "/dev/ps_socket",
+                             "/dev/socket", "/" SIM_DIR })
+        make_dirs(root + dir);
+    std::string props = root + "/data/property";
+    int rc = opt.bootcomplete ? sim_property_set_in(props.c_str(), "dev.bootcomplete", "1")
+                              : sim_property_clear_in(props.c_str(), "dev.bootcomplete");
+    if (rc != 0)
+        die("cannot set dev.bootcomplete under " + props);
+}
+
+void add_system_dirs(std::vector<std::string>& args)
+{
+    for (const char* dir : { "/usr", "/etc" }) {
+        if (is_dir(dir))
+            args.insert(args.end(), { "--ro-bind", dir, dir });
+    }
+    // Merged-/usr hosts have these as links; others as directories.
+    for (const char* dir : { "/bin", "/sbin", "/lib", "/lib32", "/lib64", "/libx32" }) {
+        char target[4096];
+        ssize_t n = readlink(dir, target, sizeof target - 1);
+        if (n > 0) {
+            target[n] = '\0';
+            args.insert(args.end(), { "--symlink", target, dir });
+        } else if (is_dir(dir)) {
+            args.insert(args.end(), { "--ro-bind", dir, dir });
+        }
+    }
+}
+
+std::vector<std::string> sandbox_command(const UpOptions& opt, const std::string& bin)
+{
+    const std::string& r = opt.root;
+    std::vector<std::string> args = { "bwrap", "--die-with-parent", "--unshare-pid", "--unshare-ipc" };
+    if (geteuid() != 0)
+        args.insert(args.end(), { "--unshare-user", "--uid", "0", "--gid", "0" });
+    add_system_dirs(args);
+    args.insert(args.end(), {
+                                "--proc", "/proc",
+                                "--dev", "/dev",
+                                "--tmpfs", "/tmp",
+                                "--bind", r + "/data", "/data",
+                                "--bind", r + "/data/media/0", "/sdcard",
+                                "--ro-bind", r + "/system", "/system",
+                                "--bind", r + "/dev/log", "/dev/log",
+                                "--bind", r + "/dev/ps_socket", "/dev/ps_socket",
+                                "--bind", r + "/dev/socket", "/dev/socket",
+                                "--ro-bind", bin, bin,
+                                "--chdir", "/",
+                                "--setenv", "PATH", "/usr/sbin:/usr/bin:/sbin:/bin",
+                                "--",
+                                bin + "/tovak-sim",
+                                "inside",
+                                bin,
+                            });
+    if (opt.remote_modem)
+        args.push_back("--remote-modem");
+    return args;
+}
+
+pid_t spawn(const std::vector<std::string>& args, int stdout_fd)
+{
+    std::vector<char*> argv;
+    for (const std::string& a : args)
+        argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    pid_t pid = fork();
+    if (pid < 0)
+        die(std::string("fork: ") + strerror(errno));
+    if (pid == 0) {
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        if (stdout_fd >= 0 && stdout_fd != STDOUT_FILENO) {
+            dup2(stdout_fd, STDOUT_FILENO);
+            close(stdout_fd);
+        }
+        execvp(argv[0], argv.data());
+        fprintf(stderr, "tovak-sim: cannot run %s: %s\n", argv[0], strerror(errno));
+        _exit(127);
+    }
+    return pid;
+}
+
+void write_all(int fd, const char* data, size_t len)
+{
+    while (len > 0) {
+        ssize_t n = write(fd, data, len);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return; // a closed terminal must not stop the device
+        data += n;
+        len -= size_t(n);
+    }
+}
+
+int cmd_up(const UpOptions& opt)
+{
+    if (!on_path("bwrap"))
+        die("bubblewrap (bwrap) is not installed: install the Debian package bubblewrap");
+    provision(opt);
+
+    std::string lock_path = opt.root + "/" SIM_LOCK_FILE;
+    int lock_fd = open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (lock_fd < 0)
+        die("cannot open " + lock_path + ": " + strerror(errno));
+    if (flock(lock_fd, LOCK_EX | LOCK_NB) != 0)
+        die("a daemon already runs on " + opt.root);
+
+    std::string out_path = opt.root + "/" SIM_STDOUT_FILE;
+    int copy_fd = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (copy_fd < 0)
+        die("cannot write " + out_path + ": " + strerror(errno));
+
+    // Signals are taken through a descriptor so that stopping is one more
+    // event of the copy loop.
+    sigset_t mask;
+    sigemptyset(&mask);
+    sigaddset(&mask, SIGINT);
+    sigaddset(&mask, SIGTERM);
+    sigaddset(&mask, SIGHUP);
+    sigprocmask(SIG_BLOCK, &mask, nullptr);
+    int sig_fd = signalfd(-1, &mask, SFD_CLOEXEC);
+    if (sig_fd < 0)
+        die(std::string("signalfd: ") + strerror(errno));
+    signal(SIGPIPE, SIG_IGN);
+
+    int pipe_fds[2];
+    if (pipe2(pipe_fds, O_CLOEXEC) != 0)
+        die(std::string("pipe: ") + strerror(errno));
+    pid_t child = spawn(sandbox_command(opt, self_dir()), pipe_fds[1]);
+    close(pipe_fds[1]);
+
+    bool stopping = false;
+    bool pipe_open = true;
+    while (pipe_open) {
+        pollfd fds[2] = { { pipe_fds[0], POLLIN, 0 }, { sig_fd, POLLIN, 0 } };
+        if (poll(fds, 2, -1) < 0) {
+            if (errno == EINTR)
+                continue;
+            break;
+        }
+        if (fds[1].revents & POLLIN) {
+            signalfd_siginfo info;
+            if (read(sig_fd, &info, sizeof info) == sizeof info && !stopping) {
+                stopping = true;
+                // The sandbox's PID namespace dies with bwrap, taking every
+                // process inside with it.
+                kill(child, SIGKILL);
+            }
+        }
+        if (fds[0].revents & (POLLIN | POLLHUP)) {
+            char buf[8192];
+            ssize_t n = read(pipe_fds[0], buf, sizeof buf);
+            if (n > 0) {
+                write_all(STDOUT_FILENO, buf, size_t(n));
+                write_all(copy_fd, buf, size_t(n));
+            } else if (n == 0 || errno != EINTR) {
+                pipe_open = false;
+            }
+        }
+    }
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    close(copy_fd);
+    if (stopping)
+        return 0;
+    if (WIFEXITED(status))
+        return WEXITSTATUS(status);
+    return 1;
+}
+
+bool wait_for_path(const std::string& path, pid_t owner, int timeout_ms)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (access(path.c_str(), F_OK) == 0)
+            return true;
+        if (waitpid(owner, nullptr, WNOHANG) == owner)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return false;
+}
+
+// Inside the sandbox: bring up the device simulator, when there is one, and
+// then the daemon; the first of them to end ends the device.
+int cmd_inside(int argc, char** argv)
+{
+    if (argc < 3)
+        die("inside: missing binary directory");
+    std::string bin = argv[2];
+    std::vector<std::string> devsim = { bin + "/tovak-devsim" };
+    for (int i = 3; i < argc; i++)
+        devsim.push_back(argv[i]);
+
+    pid_t sim = -1;
+    if (access(devsim[0].c_str(), X_OK) == 0) {
+        sim = spawn(devsim, STDERR_FILENO); // its chatter stays off the daemon's stdout
+        if (!wait_for_path(SIM_DIAG_SOCKET, sim, 10000))
+            die("the device simulator did not come up");
+    }
+    pid_t daemon = spawn({ bin + "/tovakd" }, STDOUT_FILENO);
+    int status = 0;
+    for (;;) {
+        pid_t done = wait(&status);
+        if (done < 0 && errno == EINTR)
+            continue;
+        if (done == daemon || done < 0)
+            break;
+        if (done == sim) {
+            fprintf(stderr, "tovak-sim: the device simulator ended\n");
+            kill(daemon, SIGKILL);
+        }
+    }
+    if (sim > 0)
+        kill(sim, SIGKILL);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc < 2 || strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0) {
+        usage(argc < 2 ? stderr : stdout);
+        return argc < 2 ? 2 : 0;
+    }
+    std::string cmd = argv[1];
+    if (cmd == "inside")
+        return cmd_inside(argc, argv);
+    if (cmd != "up") {
+        usage(stderr);
+        return 2;
+    }
+    if (argc < 3) {
+        usage(stderr);
+        return 2;
+    }
+    UpOptions opt;
+    opt.root = argv[2];
+    for (int i = 3; i < argc; i++) {
+        std::string a = argv[i];
+        if (a == "--no-bootcomplete")
+            opt.bootcomplete = false;
+        else if (a == "--remote-modem")
+            opt.remote_modem = true;
+        else if (a == "--etc" && i + 1 < argc)
+            opt.etc = argv[++i];
+        else {
+            usage(stderr);
+            return 2;
+        }
+    }
+    if (opt.root.empty())
+        die("ROOT is empty");
+    char resolved[4096];
+    make_dirs(opt.root);
+    if (realpath(opt.root.c_str(), resolved) == nullptr)
+        die("cannot use " + opt.root + ": " + strerror(errno));
+    opt.root = resolved;
+    return cmd_up(opt);
+}

@@ -1,0 +1,74 @@
+// A simulated device for end-to-end tests: a fresh device root of its own,
+// `tovak-sim up` running on it, and helpers to talk to it and look at it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tovak_client.h"
+
+// Waits for cond to hold, checking often, until the deadline.
+bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds timeout = std::chrono::seconds(20));
+
+std::string read_file(const std::string& path);
+bool write_file(const std::string& path, const std::string& text);
+bool file_exists(const std::string& path);
+
+// A directory of its own under TMPDIR, removed when it goes.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+class SimDevice {
+public:
+    SimDevice();
+    ~SimDevice();
+    SimDevice(const SimDevice&) = delete;
+    SimDevice& operator=(const SimDevice&) = delete;
+
+    const std::string& root() const { return root_.path(); }
+    // ROOT/rel.
+    std::string path(const std::string& rel) const;
+    std::string socket_path() const;
+
+    // Runs `tovak-sim up ROOT args...` and waits until the daemon accepts
+    // clients. False (with the launcher's output in failure()) if it ends or
+    // never gets there.
+    bool start(const std::vector<std::string>& args = {});
+    // SIGTERM to the launcher and wait for it; returns its exit status.
+    int stop();
+    bool running() const { return launcher_ > 0; }
+    pid_t launcher_pid() const { return launcher_; }
+    std::string failure() const;
+
+    std::unique_ptr<TovakClient> connect(int timeout_ms = 20000);
+
+    // The daemon's stdout as the launcher copied it.
+    std::string daemon_stdout() const;
+    bool wait_stdout(const std::string& needle, std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
+    // Property as stored under ROOT/data/property; empty when unset.
+    std::string property(const std::string& key) const;
+
+    // Path of a program built beside the daemon.
+    static std::string bin(const std::string& name);
+    // Runs a program to its end; returns its exit status, output in out.
+    static int run(const std::vector<std::string>& argv, std::string* out = nullptr, std::string* err = nullptr);
+
+private:
+    TempDir root_;
+    pid_t launcher_ = -1;
+    std::string launcher_err_;
+};

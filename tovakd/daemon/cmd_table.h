@@ -1,0 +1,21 @@
+// The client command table and its lookup.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+// (request length, request payload, reply length [in: room, out: written],
+// reply payload) -> 1 success, 0 failure.
+typedef uint32_t (*command_handler)(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp);
+
+struct cmd_entry {
+    uint32_t id;
+    command_handler handler;
+};
+
+#define CMD_TABLE_SIZE 43
+
+extern const cmd_entry cmd_table[CMD_TABLE_SIZE];
+
+// The handler of id, or null (id above CMD_ID_MAX or not in the table).
+command_handler find_cmd_handler(uint32_t id);

@@ -1,0 +1,220 @@
+#include "daemon/tovak.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "daemon/cmd_table.h"
+#include "daemon/tovak_cmd_ids.h"
+#include "daemon/tovak_log.h"
+#include "daemon/tovak_paths.h"
+#include "daemon/tovak_pkt.h"
+#include "handlers/tovak_handler.h"
+
+#define LOG_MODULE "tovak"
+
+#define TOVAK_VERSION "20121221  ver. 4.05"
+#define TOVAK_START_TAG "TAMBOUR_TOVAK"
+#define TOVAK_SOCKET_UID 0
+#define TOVAK_SOCKET_GID 1001 // radio
+// Decimal on purpose: the socket has always been given this exact mode.
+#define TOVAK_SOCKET_MODE 666
+#define TOVAK_LISTEN_BACKLOG 5
+#define TOVAK_COPY_CHUNK 200
+#define TOVAK_MAX_ZERO_READS 10
+
+// User file first: it is what the copy makes sure of.
+static const char* const default_files[][2] = {
+    { TOVAK_USER_CONFIG_FILE, TOVAK_FACTORY_CONFIG_FILE },
+    { TOVAK_USER_EVENT_ID_FILE, TOVAK_FACTORY_EVENT_ID_FILE },
+    { TOVAK_USER_LOG_ITEM_FILE, TOVAK_FACTORY_LOG_ITEM_FILE },
+    { TOVAK_USER_MESSAGE_LEVEL_FILE, TOVAK_FACTORY_MESSAGE_LEVEL_FILE },
+};
+
+uint32_t handler_dummy(uint32_t, uint8_t*, uint32_t*, uint8_t*)
+{
+    TLOG("dummy called\n");
+    return 1;
+}
+
+int tovak_copy_default_file(const char* user, const char* source)
+{
+    int fd = open(user, O_RDONLY);
+    if (fd >= 0) {
+        TLOG("User file already exists %s\n", user);
+        close(fd);
+        return 0;
+    }
+    int src = open(source, O_RDONLY);
+    if (src < 0) {
+        TLOG("Fatal Error: src file %s doesn't exist\n", source);
+        TLOG_ERR();
+        return -1;
+    }
+    int dst = open(user, O_RDWR | O_CREAT | O_TRUNC, 0666);
+    if (dst < 0) {
+        TLOG("Fatal Error: Target File %s can't creat\n", user);
+        TLOG_ERR();
+        close(src);
+        return -1;
+    }
+    char chunk[TOVAK_COPY_CHUNK];
+    ssize_t n;
+    while ((n = read(src, chunk, sizeof chunk)) > 0) {
+        if (write(dst, chunk, size_t(n)) != n)
+            break;
+    }
+    close(src);
+    close(dst);
+    return 0;
+}
+
+int tovak_daemon_init()
+{
+    TLOG("tovak_daemon_init() config_cfg = %s\n", TOVAK_USER_CONFIG_FILE);
+    int result = 0;
+    for (const auto& pair : default_files) {
+        char user[128];
+        char source[128];
+        snprintf(user, sizeof user, "%s", pair[0]);
+        snprintf(source, sizeof source, "%s", pair[1]);
+        if (tovak_copy_default_file(user, source) < 0)
+            result = -1;
+    }
+    if (result < 0)
+        TLOG_ERR();
+    return result;
+}
+
+void* process_pkt(void* arg)
+{
+    const int fd = int(intptr_t(arg));
+    // The frames are reused for the whole session and cleared only here, so
+    // that a short read leaves the earlier bytes, never stack garbage.
+    tovak_pkt req;
+    tovak_pkt rsp;
+    memset(&req, 0, sizeof req);
+    memset(&rsp, 0, sizeof rsp);
+    uint8_t num_of_consecutive_zero_read = 0;
+    bool failed = false;
+
+    for (;;) {
+        ssize_t n = read(fd, &req, sizeof req);
+        if (n < 0) {
+            TLOG("Failed to read socket\n");
+            failed = true;
+            break;
+        }
+        if (n == 0) {
+            TLOG("read size is zero\n");
+            if (num_of_consecutive_zero_read > TOVAK_MAX_ZERO_READS) {
+                TLOG("num_of_consecutive_zero_read exceeds %d", TOVAK_MAX_ZERO_READS);
+                failed = true;
+                break;
+            }
+            num_of_consecutive_zero_read++;
+            continue;
+        }
+        rsp.len = TOVAK_PKT_DATA_SIZE;
+        TLOG("process_pkt\n");
+        if (req.cmd == CMD_DISCONNECT)
+            break;
+        TLOG("cmd = %d\n", int(req.cmd));
+        command_handler handler = find_cmd_handler(req.cmd);
+        if (handler == nullptr) {
+            TLOG("can't process cmd since there is no handler to process it\n");
+            TLOG_ERR();
+            break;
+        }
+        // No reader may pass the end of the request frame.
+        uint32_t req_len = req.len > TOVAK_PKT_DATA_SIZE ? TOVAK_PKT_DATA_SIZE : req.len;
+        handler(req_len, req.data, &rsp.len, rsp.data);
+        if (write(fd, &rsp, sizeof rsp) < 0) {
+            TLOG("%s", "Failed to write socket errno = %d\n");
+            failed = true;
+            break;
+        }
+        num_of_consecutive_zero_read = 0;
+    }
+
+    if (failed) {
+        TLOG_ERR();
+        TLOG("<-- catch error\n");
+    }
+    TLOG("%s(%d)\n", "server: got disconnection", fd);
+    close(fd);
+    return nullptr;
+}
+
+static int tovak_fail(int listen_fd, const char* msg)
+{
+    TLOG("%s\n", msg);
+    TLOG_ERR();
+    if (listen_fd >= 0)
+        close(listen_fd);
+    return 1;
+}
+
+int tovak_main()
+{
+    static const char dots[] = "...............................................";
+    TLOG("%s\n", dots);
+    TLOG("[!] TOVAKD Started ver %s\n", TOVAK_VERSION);
+    TLOG("%s\n", dots);
+
+    umask(0);
+
+    int init = tovak_daemon_init();
+    TLOG("tovak_daemon_init() = %d\n", init);
+    TLOG_TAG(TOVAK_START_TAG, "tovak daemon initialized = %d\n", init);
+
+    signal(SIGPIPE, SIG_IGN);
+
+    int listen_fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (listen_fd < 0)
+        return tovak_fail(listen_fd, "Failed to create socket");
+
+    const char* path = TOVAK_SOCKET_PATH;
+    if (access(path, F_OK) == 0)
+        unlink(path);
+
+    sockaddr_un addr;
+    memset(&addr, 0, sizeof addr);
+    addr.sun_family = AF_UNIX;
+    strncpy(addr.sun_path, path, sizeof addr.sun_path - 1);
+    // Family, path and its terminating zero.
+    socklen_t addr_len = socklen_t(strlen(path) + 3);
+
+    if (bind(listen_fd, reinterpret_cast<sockaddr*>(&addr), addr_len) < 0)
+        return tovak_fail(listen_fd, "Failed to bind socket");
+    (void)!chown(path, TOVAK_SOCKET_UID, TOVAK_SOCKET_GID);
+    (void)!chmod(path, TOVAK_SOCKET_MODE);
+    if (listen(listen_fd, TOVAK_LISTEN_BACKLOG) < 0)
+        return tovak_fail(listen_fd, "Failed to listen on socket");
+
+    tovak_handler_init();
+    adblog_handler_init();
+
+    for (;;) {
+        int client = accept(listen_fd, reinterpret_cast<sockaddr*>(&addr), &addr_len);
+        if (client < 0)
+            return tovak_fail(listen_fd, "Failed to accept socket");
+        TLOG("%s(%d-%d)\n", "server: got connection", listen_fd, client);
+        // Each session gets its own copy of the descriptor, so the next
+        // accept cannot overwrite it before the thread has read it.
+        pthread_t thread;
+        if (pthread_create(&thread, nullptr, process_pkt, reinterpret_cast<void*>(intptr_t(client))) != 0) {
+            close(client);
+            return tovak_fail(listen_fd, "Failed to create thread");
+        }
+        pthread_detach(thread);
+    }
+}

@@ -1,0 +1,53 @@
+// Client command ids, shared by the daemon's table, the client library and
+// the tests.
+#pragma once
+
+#include <cstdint>
+
+enum tovak_cmd_id : uint32_t {
+    CMD_LOG_ON = 0x00,
+    CMD_LOG_OFF = 0x01,
+    CMD_DISCONNECT = 0x02,
+    CMD_LOG_SIZE = 0x03,
+    CMD_OUT_PATH = 0x04,
+    CMD_COMMIT_LOG = 0x05,
+    CMD_ADD_EVENT = 0x06,
+    CMD_RM_EVENT = 0x07,
+    CMD_GET_EVENTS = 0x08,
+    CMD_ADD_LOG = 0x09,
+    CMD_RM_LOG = 0x0a,
+    CMD_GET_LOGS = 0x0b,
+    CMD_ADD_MSG = 0x0c,
+    CMD_RM_MSG = 0x0d,
+    CMD_GET_MSG = 0x0e,
+    CMD_GET_BUFFER_SIZE = 0x0f,
+    CMD_GET_LOG_STATE = 0x10,
+    CMD_SET_CONFIG_FILE = 0x11,
+    CMD_GET_CONFIG_FILE = 0x12,
+    CMD_SYSTEM_COMMAND = 0x13,
+    CMD_GET_RANGE = 0x14,
+    CMD_ADBLOG_ON = 0x2f,
+    CMD_ADBLOG_OFF = 0x30,
+    CMD_ADBLOG_COMMIT = 0x32,
+    CMD_ADBLOG_GET_STATE = 0x33,
+    CMD_ADBLOG_ADD_CATEGORY = 0x36,
+    CMD_ADBLOG_RM_CATEGORY = 0x37,
+    CMD_ADBLOG_GET_CATEGORIES = 0x38,
+    CMD_ADBLOG_SET_CATEGORIES = 0x39,
+    CMD_ADBLOG_GET_CATEGORY_NAME = 0x3a,
+    CMD_ADBLOG_SET_SIZE = 0x3b,
+    CMD_ADBLOG_GET_SIZE = 0x3c,
+    CMD_ADBLOG_GET_SIZE_LIMITS = 0x3d,
+    CMD_SET_AUTOSAVE = 0x46,
+    CMD_SAVE_MODEM_DATA = 0x47,
+    CMD_SET_MSISDN = 0x48,
+    CMD_GET_AUTOSAVE = 0x49,
+    CMD_DPL_SET_STATE = 0x50,
+    CMD_DPL_GET_STATE = 0x51,
+    CMD_DPL_GET_ALL_IF_LIST = 0x52,
+    CMD_DPL_GET_IF_LIST = 0x53,
+    CMD_DPL_SET_IF = 0x54,
+    CMD_DPL_RESET = 0x55,
+    // Ids above this are refused without a table scan.
+    CMD_ID_MAX = 89,
+};

@@ -1,0 +1,14 @@
+// The daemon's log lines: each goes out three times, "%d: " with the source
+// line on stdout, to the Android log, and the message itself on stdout.
+// A file that logs defines LOG_MODULE, the source name its ERR lines carry.
+#pragma once
+
+#define TOVAK_LOG_TAG "TOVAK"
+
+void tovak_log_line(int line, const char* tag, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+// "%s ERR >> %d\n", three ways.
+void tovak_log_err(const char* module, int line);
+
+#define TLOG(...) tovak_log_line(__LINE__, TOVAK_LOG_TAG, __VA_ARGS__)
+#define TLOG_TAG(tag, ...) tovak_log_line(__LINE__, (tag), __VA_ARGS__)
+#define TLOG_ERR() tovak_log_err(LOG_MODULE, __LINE__)

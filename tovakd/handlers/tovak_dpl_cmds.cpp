@@ -1,0 +1,9 @@
+// DPL interface commands.
+#include "handlers/tovak_handler.h"
+
+TOVAK_HANDLER_NOT_BUILT(handler_dpl_set_state)
+TOVAK_HANDLER_NOT_BUILT(handler_dpl_get_state)
+TOVAK_HANDLER_NOT_BUILT(handler_dpl_get_all_if_list)
+TOVAK_HANDLER_NOT_BUILT(handler_dpl_get_if_list)
+TOVAK_HANDLER_NOT_BUILT(handler_dpl_set_if)
+TOVAK_HANDLER_NOT_BUILT(handler_dpl_reset)
