@@ -150,11 +150,11 @@ bool SimDevice::start(const std::vector<std::string>& args)
     return up && launcher_ > 0;
 }
 
-int SimDevice::stop()
+int SimDevice::stop(int sig)
 {
     if (launcher_ <= 0)
         return -1;
-    kill(launcher_, SIGTERM);
+    kill(launcher_, sig);
     int status = 0;
     while (waitpid(launcher_, &status, 0) < 0 && errno == EINTR) {
     }

@@ -2,6 +2,7 @@
 // `tovak-sim up` running on it, and helpers to talk to it and look at it.
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -48,8 +49,9 @@ public:
     // clients. False (with the launcher's output in failure()) if it ends or
     // never gets there.
     bool start(const std::vector<std::string>& args = {});
-    // SIGTERM to the launcher and wait for it; returns its exit status.
-    int stop();
+    // Signals the launcher (SIGTERM, or SIGINT as Ctrl-C does) and waits for
+    // it; returns its exit status.
+    int stop(int sig = SIGTERM);
     bool running() const { return launcher_ > 0; }
     pid_t launcher_pid() const { return launcher_; }
     std::string failure() const;
