@@ -1,0 +1,125 @@
+#include "logging/tovak_diag.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "daemon/tovak_log.h"
+
+#define LOG_MODULE "tovak_handler"
+
+#define DIAG_HDLC_FLAG 0x7e
+// CRC and closing flag, which the decoder copies along.
+#define DIAG_HDLC_TRAILER 3
+
+static void put_word(uint8_t* at, uint32_t v)
+{
+    for (int i = 0; i < 4; i++)
+        at[i] = uint8_t(v >> (8 * i));
+}
+
+int tovak_hdlc_encode_frame(const uint8_t* pkt, uint32_t len, uint8_t* buf, uint32_t size, bool remote)
+{
+    const uint32_t header = remote ? 8 : 4;
+    if (pkt == nullptr || len == 0 || buf == nullptr || size <= header)
+        return -1;
+    memset(buf, 0, size);
+    put_word(buf, DIAG_DATA_TYPE_REQUEST);
+    if (remote)
+        put_word(buf + 4, uint32_t(DIAG_REMOTE_PROC_ID));
+
+    diag_send_desc_type send = { pkt, pkt + len - 1, 0, 1 };
+    diag_hdlc_dest_type dest = { buf + header, buf + size - 1 };
+    diag_hdlc_encode(&send, &dest);
+
+    // The header words hold no flag byte, so the first flag closes the frame.
+    for (uint32_t i = 0; i < size; i++) {
+        if (buf[i] == DIAG_HDLC_FLAG)
+            return int(i + 1);
+    }
+    return -1;
+}
+
+// Unframes the answer in place into buf; the payload length, or -1.
+static int unframe(diag_rsp_type* rsp, uint8_t* buf)
+{
+    diag_hdlc_decode_type hdlc = { rsp->data, 0, rsp->length, buf, 0, TOVAK_DIAG_BUFFER_SIZE, 0 };
+    if (diag_hdlc_decode(&hdlc) == 0) {
+        TLOG("Critical Error: bad ret for hdlc decode\n");
+        return -1;
+    }
+    if (hdlc.dest_idx < DIAG_HDLC_TRAILER || hdlc.dest_idx > TOVAK_DIAG_BUFFER_SIZE)
+        return -1;
+    return int(hdlc.dest_idx - DIAG_HDLC_TRAILER);
+}
+
+int tovak_diag_query(const uint8_t* pkt, uint32_t len, std::vector<uint8_t>* out)
+{
+    if (pkt == nullptr || len == 0)
+        return 0;
+    uint8_t buf[TOVAK_DIAG_BUFFER_SIZE];
+    int frame_len = tovak_hdlc_encode_frame(pkt, len, buf, sizeof buf);
+    if (frame_len < 0)
+        return 0;
+
+    const int mode = diag_get_mode();
+    if (mode != DIAG_MODE_MEMORY)
+        diag_switch_logging(DIAG_MODE_MEMORY);
+    diag_rsp_type* rsp = diag_send_wait_rsp(buf, frame_len, 1, pkt);
+    if (mode != DIAG_MODE_MEMORY)
+        diag_switch_logging(mode);
+    if (rsp == nullptr)
+        return 0;
+
+    int payload = unframe(rsp, buf);
+    if (payload < 0 || uint32_t(payload) > rsp->length) {
+        free(rsp);
+        return 0;
+    }
+    rsp->length = uint32_t(payload);
+    memcpy(rsp->data, buf, size_t(payload));
+    out->insert(out->end(), rsp->data, rsp->data + payload);
+    // Plain free, unlike the request routines: the library hands out the
+    // answer as one block.
+    free(rsp);
+    return 1;
+}
+
+static diag_rsp_type* request(const uint8_t* pkt, uint32_t len, bool remote)
+{
+    if (pkt == nullptr || len == 0) {
+        TLOG_ERR();
+        return nullptr;
+    }
+    if (remote)
+        TLOG("Proc encode MDM\n");
+    uint8_t buf[TOVAK_DIAG_BUFFER_SIZE];
+    int frame_len = tovak_hdlc_encode_frame(pkt, len, buf, sizeof buf, remote);
+    if (frame_len < 0) {
+        TLOG_ERR();
+        return nullptr;
+    }
+    diag_rsp_type* rsp = diag_send_wait_rsp(buf, frame_len, 1, pkt);
+    if (rsp == nullptr) {
+        TLOG_ERR();
+        return nullptr;
+    }
+    int payload = unframe(rsp, buf);
+    if (payload < 0 || uint32_t(payload) > rsp->length) {
+        TLOG_ERR();
+        diag_free_rsp(rsp);
+        return nullptr;
+    }
+    rsp->length = uint32_t(payload);
+    memcpy(rsp->data, buf, size_t(payload));
+    return rsp;
+}
+
+diag_rsp_type* tovak_diag_request(const uint8_t* pkt, uint32_t len)
+{
+    return request(pkt, len, false);
+}
+
+diag_rsp_type* tovak_diag_request_mdm(const uint8_t* pkt, uint32_t len)
+{
+    return request(pkt, len, true);
+}
