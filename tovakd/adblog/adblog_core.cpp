@@ -1,0 +1,413 @@
+#include "adblog/adblog_core.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "daemon/tovak_log.h"
+#include "daemon/tovak_paths.h"
+#include "platform/syslog_capture.h"
+
+#define LOG_MODULE "adblog_core"
+
+#define MAX_NUM_OF_READ_TRY 10
+#define ADBLOG_READ_BUFFER_SIZE 10000
+#define ADBLOG_WAIT_SECONDS 30
+#define ADBLOG_READ_ERROR_SLEEP 2
+#define ADBLOG_CREATE_FAILURE_LIMIT 9
+#define ADBLOG_CREATE_FAILURE_SLEEP 10
+#define ADBLOG_STANDARD_CATEGORIES 4
+#define ADBLOG_DEVICE_PREFIX "log/"
+
+struct adblog_wait {
+    pthread_cond_t cond;
+    pthread_mutex_t mutex;
+};
+
+struct AdblogCategory {
+    char device_name[ADBLOG_NAME_SIZE];
+    syslog_object* log_object;
+    // Read by the capture thread while a client may change it.
+    std::atomic<int32_t> size;
+    std::atomic<uint8_t> enabled;
+    adblog_wait* state_wait;
+    adblog_wait* category_wait;
+    pthread_mutex_t lock; // guards log_object
+    int32_t index;
+};
+
+static const char* const standard_devices[ADBLOG_STANDARD_CATEGORIES] = { "main", "radio", "events", "system" };
+
+// The categories, one per log device; the first four are fixed.
+static AdblogCategory categories[ADBLOG_MAX_CATEGORIES];
+// Enable bytes handed out live; mirrors of categories[i].enabled.
+static std::atomic<uint8_t> enabled_bytes[ADBLOG_MAX_CATEGORIES];
+// Set once initialisation has finished.
+static std::atomic<uint8_t> initialised;
+// 4 plus the extra devices found.
+static std::atomic<int32_t> category_count;
+// Capture on or off; written under state_mutex, read by the threads freely.
+static std::atomic<uint8_t> capture_state;
+static pthread_mutex_t state_mutex = PTHREAD_MUTEX_INITIALIZER;
+// Consecutive failed creations of capture objects, over all categories.
+static std::atomic<uint32_t> creation_failures;
+// Where the next commit goes; serves one successful commit.
+static char output_dir[ADBLOG_NAME_SIZE] = TOVAK_CAPTURE_OUTPUT_DIR;
+static pthread_mutex_t output_dir_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+static bool in_range(int category)
+{
+    return category >= 0 && category < category_count.load();
+}
+
+static void set_enabled(int category, uint8_t value)
+{
+    categories[category].enabled = value;
+    enabled_bytes[category] = value;
+}
+
+// Waits up to 30 seconds; whatever ends the wait, the caller re-tests.
+static int timed_wait(adblog_wait* w)
+{
+    pthread_mutex_lock(&w->mutex);
+    timespec deadline;
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += ADBLOG_WAIT_SECONDS;
+    int rc = pthread_cond_timedwait(&w->cond, &w->mutex, &deadline);
+    if (rc < 0)
+        TLOG("ADBLOG: !!!!! Error: Timed Wait expired errno = %d", errno);
+    pthread_mutex_unlock(&w->mutex);
+    return rc;
+}
+
+static void signal_wait(adblog_wait* w)
+{
+    pthread_mutex_lock(&w->mutex);
+    pthread_cond_signal(&w->cond);
+    pthread_mutex_unlock(&w->mutex);
+}
+
+// Under the category lock.
+static void destroy_object_locked(AdblogCategory* c)
+{
+    if (c->log_object == nullptr)
+        return;
+    syslog_object* obj = c->log_object;
+    c->log_object = nullptr;
+    TLOG("ADBLOG: Destroy log object for category #%s", c->device_name);
+    syslog_destroy(&obj);
+}
+
+static void close_log_object(int category)
+{
+    if (!in_range(category)) {
+        TLOG_ERR();
+        return;
+    }
+    AdblogCategory* c = &categories[category];
+    pthread_mutex_lock(&c->lock);
+    destroy_object_locked(c);
+    pthread_mutex_unlock(&c->lock);
+}
+
+static syslog_object_head* head_of(syslog_object* obj)
+{
+    return reinterpret_cast<syslog_object_head*>(obj);
+}
+
+static void capture(int category, const char* data, uint32_t len)
+{
+    AdblogCategory* c = &categories[category];
+    if (creation_failures > ADBLOG_CREATE_FAILURE_LIMIT) {
+        creation_failures = 0;
+        sleep(ADBLOG_CREATE_FAILURE_SLEEP);
+        TLOG_ERR();
+        return;
+    }
+    char name[ADBLOG_NAME_SIZE];
+    snprintf(name, sizeof name, "adb%s", c->device_name + strlen(ADBLOG_DEVICE_PREFIX));
+    pthread_mutex_lock(&c->lock);
+    if (c->log_object == nullptr) {
+        creation_failures++;
+        TLOG("syslog create: cat = %d, size = %d, tmp_path = %s", category, int(c->size), name);
+        if (syslog_create2(&c->log_object, c->size, name, 1, 2) == 0)
+            c->log_object = nullptr;
+    }
+    if (c->log_object != nullptr) {
+        creation_failures = 0;
+        head_of(c->log_object)->write(c->log_object, data, len);
+    }
+    pthread_mutex_unlock(&c->lock);
+}
+
+static void* capture_thread(void* arg)
+{
+    const int category = *static_cast<int32_t*>(arg);
+    AdblogCategory* c = &categories[category];
+    char path[ADBLOG_NAME_SIZE];
+    snprintf(path, sizeof path, "%s%s", TOVAK_DEV_DIR, c->device_name);
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        TLOG("[ADBLOG] Error : Can't open %s\n", path);
+        TLOG_ERR();
+        return nullptr;
+    }
+    TLOG("ADBLOG: %s adb_fd = %d\n", path, fd);
+    int read_errors = 0;
+    char buf[ADBLOG_READ_BUFFER_SIZE];
+    for (;;) {
+        if (capture_state == 0) {
+            timed_wait(c->state_wait);
+            close_log_object(category);
+            continue;
+        }
+        if (c->enabled == 0) {
+            close_log_object(category);
+            timed_wait(c->category_wait);
+            continue;
+        }
+        ssize_t n = read(fd, buf, sizeof buf);
+        if (n <= 0) {
+            // Counted over the thread's life, so every eleventh failure
+            // sleeps, consecutive or not.
+            if (++read_errors <= MAX_NUM_OF_READ_TRY)
+                continue;
+            TLOG("ADBLOG: Critical Error: The number of read err cnt exceeds MAX_NUM_OF_READ_TRY(%%)so wait 2 seconds to "
+                 "avoid excessive cpu usage\n");
+            read_errors = 0;
+            sleep(ADBLOG_READ_ERROR_SLEEP);
+            continue;
+        }
+        if (!in_range(category)) {
+            TLOG_ERR();
+            continue;
+        }
+        capture(category, buf, uint32_t(n));
+    }
+}
+
+static adblog_wait* new_wait()
+{
+    auto* w = static_cast<adblog_wait*>(malloc(sizeof(adblog_wait)));
+    if (w == nullptr)
+        return nullptr;
+    pthread_cond_init(&w->cond, nullptr);
+    if (pthread_mutex_init(&w->mutex, nullptr) != 0)
+        pthread_cond_destroy(&w->cond);
+    return w;
+}
+
+static void discover_devices(int* extra)
+{
+    *extra = 0;
+    DIR* dir = opendir(TOVAK_LOG_DEVICE_DIR);
+    if (dir == nullptr)
+        return;
+    while (dirent* e = readdir(dir)) {
+        if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0)
+            continue;
+        int slot = -1;
+        for (int i = 0; i < ADBLOG_STANDARD_CATEGORIES; i++) {
+            if (strcmp(e->d_name, standard_devices[i]) == 0)
+                slot = i;
+        }
+        if (slot < 0) {
+            if (ADBLOG_STANDARD_CATEGORIES + *extra >= ADBLOG_MAX_CATEGORIES)
+                continue; // no slot left
+            slot = ADBLOG_STANDARD_CATEGORIES + (*extra)++;
+        }
+        snprintf(categories[slot].device_name, ADBLOG_NAME_SIZE, ADBLOG_DEVICE_PREFIX "%.45s", e->d_name);
+    }
+    closedir(dir);
+}
+
+int adblog_core_init()
+{
+    if (initialised) {
+        TLOG_ERR();
+        return 0;
+    }
+    int extra;
+    discover_devices(&extra);
+    const int count = ADBLOG_STANDARD_CATEGORIES + extra;
+    TLOG("ADBLOG: num_of_adblog_device = %d as follow\n", count);
+    for (int i = 0; i < count; i++)
+        TLOG("%d: %s\n", i, categories[i].device_name);
+
+    for (AdblogCategory& c : categories)
+        c.size = ADBLOG_DEFAULT_SIZE;
+    for (int i = 0; i < count; i++) {
+        if ((categories[i].state_wait = new_wait()) == nullptr)
+            return 0;
+    }
+    for (int i = 0; i < count; i++) {
+        if ((categories[i].category_wait = new_wait()) == nullptr)
+            return 0;
+    }
+    for (AdblogCategory& c : categories)
+        pthread_mutex_init(&c.lock, nullptr);
+
+    // Published before the threads start: they test their number against it.
+    category_count = count;
+    pthread_t threads[ADBLOG_MAX_CATEGORIES];
+    int started = 0;
+    for (int i = 0; i < count; i++) {
+        categories[i].index = i;
+        if (pthread_create(&threads[started], nullptr, capture_thread, &categories[i].index) == 0)
+            started++;
+    }
+    for (int i = 0; i < started; i++)
+        pthread_detach(threads[i]);
+    initialised = 1;
+    return 1;
+}
+
+void adblog_core_set_state(int state)
+{
+    if (!initialised)
+        return;
+    pthread_mutex_lock(&state_mutex);
+    capture_state = uint8_t(state);
+    for (int i = 0; i < category_count; i++) {
+        signal_wait(categories[i].state_wait);
+        signal_wait(categories[i].category_wait);
+    }
+    pthread_mutex_unlock(&state_mutex);
+}
+
+int adblog_core_get_state()
+{
+    if (!initialised)
+        return 0;
+    pthread_mutex_lock(&state_mutex);
+    int state = capture_state;
+    pthread_mutex_unlock(&state_mutex);
+    return state;
+}
+
+int adblog_core_set_category_state(int category, int state)
+{
+    if (!initialised || !in_range(category))
+        return 0;
+    // The signal comes before the store: a thread woken early goes back to
+    // sleep and sees the change at its next wake-up.
+    signal_wait(categories[category].category_wait);
+    TLOG("ADBLOG: set cate(%d), state(%d)\n", category, state);
+    set_enabled(category, uint8_t(state));
+    return 1;
+}
+
+int adblog_core_get_categories(const std::atomic<uint8_t>** enabled, int* count)
+{
+    if (!initialised)
+        return 0;
+    *enabled = enabled_bytes;
+    *count = category_count;
+    return 1;
+}
+
+// The work buffer bounds the whole text; what does not fit is cut.
+static void append_bounded(char* work, size_t size, const char* text)
+{
+    size_t used = strlen(work);
+    while (*text != '\0' && used + 1 < size)
+        work[used++] = *text++;
+    work[used] = '\0';
+}
+
+int adblog_core_get_category_names(char* dest)
+{
+    if (!initialised)
+        return 0;
+    char work[ADBLOG_NAME_SIZE] = {};
+    for (int i = 0; i < category_count; i++) {
+        const char* name = categories[i].device_name;
+        if (strncmp(name, ADBLOG_DEVICE_PREFIX, strlen(ADBLOG_DEVICE_PREFIX)) == 0)
+            name += strlen(ADBLOG_DEVICE_PREFIX);
+        append_bounded(work, sizeof work, name);
+        append_bounded(work, sizeof work, ",");
+    }
+    size_t len = strlen(work);
+    if (len > 0)
+        memcpy(dest, work, len - 1);
+    return 1;
+}
+
+int adblog_core_get_size(int category)
+{
+    if (!initialised || !in_range(category))
+        return 0;
+    return categories[category].size;
+}
+
+int adblog_core_set_size(int category, int size)
+{
+    if (!initialised || !in_range(category))
+        return 0;
+    if (size > ADBLOG_SIZE_MAX)
+        size = ADBLOG_SIZE_MAX;
+    if (size < ADBLOG_SIZE_MIN)
+        size = ADBLOG_SIZE_MIN;
+    AdblogCategory* c = &categories[category];
+    if (capture_state == 1)
+        return c->size;
+    if (size == c->size)
+        return size;
+    c->size = size;
+    // Sizes change only while capture is off, when the threads have closed
+    // their objects; the new size applies to the next object created.
+    pthread_mutex_lock(&categories[0].lock);
+    destroy_object_locked(&categories[0]);
+    pthread_mutex_unlock(&categories[0].lock);
+    return size;
+}
+
+void adblog_core_get_size_limits(int* min, int* max)
+{
+    *min = ADBLOG_SIZE_MIN;
+    *max = ADBLOG_SIZE_MAX;
+}
+
+int adblog_core_set_output_path(const char* dir)
+{
+    if (!initialised || dir == nullptr)
+        return 0;
+    pthread_mutex_lock(&output_dir_mutex);
+    snprintf(output_dir, sizeof output_dir, "%s", dir);
+    pthread_mutex_unlock(&output_dir_mutex);
+    return 1;
+}
+
+int adblog_core_commit()
+{
+    if (adblog_core_get_state() == 0) {
+        TLOG("ADBLOG: state is off so commit operation is not allowed\n");
+        return 0;
+    }
+    char dir[ADBLOG_NAME_SIZE];
+    pthread_mutex_lock(&output_dir_mutex);
+    memcpy(dir, output_dir, sizeof dir);
+    pthread_mutex_unlock(&output_dir_mutex);
+    for (int i = 0; i < category_count; i++) {
+        AdblogCategory* c = &categories[i];
+        if (!c->enabled)
+            continue;
+        pthread_mutex_lock(&c->lock);
+        if (c->log_object != nullptr && head_of(c->log_object)->commit(c->log_object, dir) == 0) {
+            // The category's lock stays held, as it always has after a failed
+            // commit.
+            TLOG_ERR();
+            return 0;
+        }
+        pthread_mutex_unlock(&c->lock);
+    }
+    adblog_core_set_output_path(TOVAK_CAPTURE_OUTPUT_DIR);
+    return 1;
+}
