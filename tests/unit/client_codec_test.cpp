@@ -2,6 +2,7 @@
 // fixtures: each row pairs exact bytes with what they must mean.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <sstream>
@@ -30,7 +31,7 @@ tovak_pkt frame(uint32_t len, const std::string& hex)
     tovak_pkt p = {};
     p.len = len;
     std::vector<uint8_t> b = hex_bytes(hex);
-    memcpy(p.data, b.data(), b.size());
+    std::copy(b.begin(), b.end(), p.data);
     return p;
 }
 

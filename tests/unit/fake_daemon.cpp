@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 
@@ -169,7 +170,7 @@ bool FakeDaemon::send_answer(int fd, const Answer& a)
 {
     tovak_pkt rsp = {};
     rsp.len = a.len;
-    memcpy(rsp.data, a.payload.data(), a.payload.size());
+    std::copy(a.payload.begin(), a.payload.end(), rsp.data);
     const auto* bytes = reinterpret_cast<const uint8_t*>(&rsp);
     std::vector<size_t> ends = a.cuts;
     ends.push_back(sizeof rsp);
