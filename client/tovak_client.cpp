@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstring>
 
-#include "daemon/byte_buffer.h"
 #include "daemon/tovak_cmd_ids.h"
 
 const char* tovak_status_text(TovakStatus status)
@@ -167,12 +166,12 @@ bool TovakClient::wait_closed()
 
 uint32_t tovak_build_system_command(const std::string& text, uint8_t* payload, uint32_t room)
 {
-    byte_buffer bb;
-    byte_buffer_init(&bb, payload, room);
-    uint32_t n = uint32_t(text.size() + 1);
-    if (n > 0xffff || n + 2 > room || !byte_buffer_write_u16(&bb, uint16_t(n)) || !byte_buffer_write_bytes(&bb, text.c_str(), n))
+    // Any length the frame takes: callers may want the daemon's own refusal.
+    tovak_pkt req;
+    if (!tovak_req_counted_text(&req, CMD_SYSTEM_COMMAND, text, TOVAK_PKT_DATA_SIZE) || req.len > room)
         return 0;
-    return byte_buffer_length(&bb);
+    memcpy(payload, req.data, req.len);
+    return req.len;
 }
 
 TovakStatus TovakClient::system_command(const std::string& text, tovak_pkt* reply)

@@ -9,6 +9,7 @@
 
 #include "daemon/tovak_cmd_ids.h"
 #include "fake_daemon.h"
+#include "tovak_client.h"
 #include "tovak_cmd_codec.h"
 
 namespace {
@@ -403,6 +404,19 @@ TEST(ClientHex, RoundTripAndRejects)
         EXPECT_FALSE(tovak_parse_hex(bad, &out)) << bad;
         EXPECT_EQ(std::vector<uint8_t>{ 9 }, out) << bad << ": left alone on failure";
     }
+}
+
+TEST(ClientRequests, SystemCommandBuilderTakesWhatAFrameHolds)
+{
+    std::vector<uint8_t> payload(TOVAK_PKT_DATA_SIZE);
+    // Longer than the daemon takes, so that tests can see it refuse.
+    EXPECT_EQ(5120u, tovak_build_system_command(std::string(5117, 'x'), payload.data(), 5120));
+    EXPECT_EQ(0xfe, payload[0]);
+    EXPECT_EQ(0x13, payload[1]);
+    EXPECT_EQ(0, payload[5119]);
+    EXPECT_EQ(0u, tovak_build_system_command(std::string(5118, 'x'), payload.data(), 5120));
+    EXPECT_EQ(0u, tovak_build_system_command("@@#ps", payload.data(), 7)) << "room for 8 bytes needed";
+    EXPECT_EQ(8u, tovak_build_system_command("@@#ps", payload.data(), 8));
 }
 
 } // namespace
