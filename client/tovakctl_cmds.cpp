@@ -49,13 +49,8 @@ bool on_off_arg(const std::string& text, bool* on, std::string* why)
 // Builders. The row's id is not passed: each builder knows its command, and
 // the table check ties them together.
 
-bool plain(uint32_t cmd, tovak_pkt* req)
-{
-    return tovak_req_plain(req, cmd);
-}
-
-#define CTL_PLAIN_BUILDER(fn, cmd)                                              \
-    bool fn(const CtlArgs&, tovak_pkt* req, std::string*) { return plain(cmd, req); }
+#define CTL_PLAIN_BUILDER(fn, cmd) \
+    bool fn(const CtlArgs&, tovak_pkt* req, std::string*) { return tovak_req_plain(req, cmd); }
 
 CTL_PLAIN_BUILDER(b_log_on, CMD_LOG_ON)
 CTL_PLAIN_BUILDER(b_log_off, CMD_LOG_OFF)
