@@ -61,7 +61,7 @@ static constexpr bool cmd_table_valid()
     if (cmd_table[CMD_TABLE_SIZE - 1].id != CMD_DISCONNECT)
         return false;
     for (size_t i = 0; i < CMD_TABLE_SIZE; i++) {
-        if (cmd_table[i].id > CMD_ID_MAX || cmd_table[i].handler == nullptr)
+        if (cmd_table[i].id > CMD_ID_MAX)
             return false;
         for (size_t j = i + 1; j < CMD_TABLE_SIZE; j++)
             if (cmd_table[i].id == cmd_table[j].id)
