@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include "daemon/tovak_log.h"
 #include "daemon/tovak_paths.h"
