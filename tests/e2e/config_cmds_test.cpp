@@ -1,14 +1,11 @@
 // Choosing and reporting the configuration file over the socket, and the
 // start-up load, on a simulated device.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <cstring>
 #include <filesystem>
 #include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "daemon/tovak_cmd_ids.h"
 #include "sim_device.h"
@@ -25,16 +22,26 @@ size_t count(const std::string& text, const std::string& needle)
     return n;
 }
 
-// 0x11's payload: i16 length (by default the name and its zero), the bytes.
-std::vector<uint8_t> set_payload(const std::string& bytes, int n = -1)
+// 0x11's payload: the i16 length (by default the name and its zero), the name.
+std::vector<uint8_t> set_payload(const std::string& name, int n = -1)
 {
-    if (n < 0)
-        n = int(bytes.size() + 1);
-    std::vector<uint8_t> p(2 + bytes.size() + 1, 0);
+    n = n < 0 ? int(name.size() + 1) : n;
+    std::vector<uint8_t> p(std::max(name.size() + 3, size_t(101)), 0);
     p[0] = uint8_t(n);
     p[1] = uint8_t(n >> 8);
-    memcpy(p.data() + 2, bytes.data(), bytes.size());
+    memcpy(p.data() + 2, name.data(), name.size());
     return p;
+}
+
+// 0x12's answer, checked for a well-formed reply.
+std::string current_file(TovakClient& c)
+{
+    tovak_pkt reply;
+    EXPECT_EQ(TovakStatus::ok, c.transact(CMD_GET_CONFIG_FILE, nullptr, 0, &reply));
+    uint16_t n = uint16_t(reply.data[0] | reply.data[1] << 8);
+    if (n == 0 || n > 100 || reply.len != n + 2u || reply.data[1 + n] != 0)
+        return "<torn reply>";
+    return reinterpret_cast<const char*>(reply.data + 2);
 }
 
 class ConfigCmds : public ::testing::Test {
@@ -42,190 +49,114 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(dev.start()) << dev.failure();
-        client = dev.connect();
-        ASSERT_TRUE(client);
+        ASSERT_TRUE(client = dev.connect());
     }
 
-    // Sends 0x11 and waits until the daemon has logged all of it: its stdout
-    // reaches the file in order, so the next request's line marks the end.
-    // The reply says nothing: it is always the untouched full frame.
-    void set_file(const std::vector<uint8_t>& payload)
+    // Sends 0x11 and returns what the daemon logged for it. The next
+    // request's line marks the end, since stdout reaches the file in order.
+    std::string set_file(const std::vector<uint8_t>& payload)
     {
-        std::string before = dev.daemon_stdout();
-        size_t gets = count(before, "cmd = 18\n");
+        size_t before = dev.daemon_stdout().size();
+        size_t gets = count(dev.daemon_stdout(), "cmd = 18\n");
         tovak_pkt reply;
-        ASSERT_EQ(TovakStatus::ok, client->transact(CMD_SET_CONFIG_FILE, payload.data(), uint32_t(payload.size()), &reply));
-        EXPECT_EQ(uint32_t(TOVAK_PKT_DATA_SIZE), reply.len);
-        get_file();
-        ASSERT_TRUE(wait_until([&] { return count(dev.daemon_stdout(), "cmd = 18\n") > gets; }));
-        std::string out = dev.daemon_stdout();
-        last_refused = count(out, "tovak_handler ERR >> ") > count(before, "tovak_handler ERR >> ");
-        last_reached = count(out, "Set config file size = ") > count(before, "Set config file size = ");
+        EXPECT_EQ(TovakStatus::ok, client->transact(CMD_SET_CONFIG_FILE, payload.data(), uint32_t(payload.size()), &reply));
+        EXPECT_EQ(uint32_t(TOVAK_PKT_DATA_SIZE), reply.len); // never written
+        current = current_file(*client);
+        EXPECT_TRUE(wait_until([&] { return count(dev.daemon_stdout(), "cmd = 18\n") > gets; }));
+        return dev.daemon_stdout().substr(before);
     }
 
-    // 0x12: the current path, checked for a well-formed reply.
-    std::string get_file()
+    // A file of the device, named by its device path.
+    std::string device_file(const std::string& path)
     {
-        tovak_pkt reply;
-        EXPECT_EQ(TovakStatus::ok, client->transact(CMD_GET_CONFIG_FILE, nullptr, 0, &reply));
-        uint16_t n = uint16_t(reply.data[0] | reply.data[1] << 8);
-        EXPECT_EQ(uint32_t(n) + 2, reply.len);
-        if (n == 0 || n > TOVAK_PKT_DATA_SIZE - 2)
-            return "<bad length " + std::to_string(n) + ">";
-        std::string name(reinterpret_cast<const char*>(reply.data + 2), n);
-        EXPECT_EQ('\0', name.back());
-        name.pop_back();
-        EXPECT_EQ(name.size(), strlen(name.c_str()));
-        return name;
-    }
-
-    // A file on the device, at its device path.
-    std::string device_file(const std::string& device_path, const std::string& text)
-    {
-        EXPECT_TRUE(write_file(dev.path(device_path.substr(1)), text));
-        return device_path;
+        EXPECT_TRUE(write_file(dev.path(path.substr(1)), "<LogState>off</LogState>"));
+        return path;
     }
 
     SimDevice dev;
     std::unique_ptr<TovakClient> client;
-    bool last_refused = false;
-    bool last_reached = false;
+    std::string current;
 };
 
-TEST_F(ConfigCmds, GetAnswersTheDefaultPathWhenThePropertyIsUnset)
+TEST_F(ConfigCmds, ChosenFileIsReportedKeptAndSurvivesARestart)
 {
     tovak_pkt reply;
     ASSERT_EQ(TovakStatus::ok, client->transact(CMD_GET_CONFIG_FILE, nullptr, 0, &reply));
     ASSERT_EQ(17u, reply.len);
-    EXPECT_EQ(15, reply.data[0] | reply.data[1] << 8);
-    EXPECT_EQ(0, memcmp(reply.data + 2, "/sdcard/dm.cfg", 15));
-    EXPECT_EQ("", dev.property(CONFIG_PROPERTY));
-}
+    EXPECT_EQ(0, memcmp(reply.data, "\x0f\x00/sdcard/dm.cfg", 17));
 
-TEST_F(ConfigCmds, SetThenGetReturnsThePathAndThePropertyKeepsIt)
-{
-    std::string path = device_file("/data/local/mine.cfg", "<LogState>off</LogState>");
-    set_file(set_payload(path));
-    EXPECT_TRUE(last_reached);
-    EXPECT_FALSE(last_refused);
-    EXPECT_TRUE(dev.wait_stdout("Set config file size = 21, /data/local/mine.cfg\n"));
-    EXPECT_EQ(path, get_file());
-    EXPECT_EQ(path, dev.property(CONFIG_PROPERTY));
-    EXPECT_EQ(0u, count(dev.daemon_stdout(), "Critical Error"));
+    std::string mine = device_file("/data/local/mine.cfg");
+    std::string out = set_file(set_payload(mine));
+    EXPECT_NE(std::string::npos, out.find("Set config file size = 21, /data/local/mine.cfg\n")) << out;
+    EXPECT_EQ(0u, count(out, "tovak_handler ERR >> ") + count(out, "Critical Error"));
+    EXPECT_EQ(mine, current);
+    EXPECT_EQ(mine, dev.property(CONFIG_PROPERTY));
 
-    // After a restart the path comes back from the property, while start-up
-    // itself still reads the user file.
     client.reset();
     dev.stop();
     ASSERT_TRUE(dev.start()) << dev.failure();
-    client = dev.connect();
-    ASSERT_TRUE(client);
-    EXPECT_EQ(path, get_file());
-    EXPECT_TRUE(dev.wait_stdout("[!] Configuration File Loading Success\n"));
+    ASSERT_TRUE(client = dev.connect());
+    EXPECT_EQ(mine, current_file(*client));
 }
 
-TEST_F(ConfigCmds, MissingFileFailsButBecomesTheCurrentPath)
+TEST_F(ConfigCmds, EachChoiceIsTakenOrRefusedWithItsMessage)
 {
-    set_file(set_payload("/data/local/none.cfg"));
-    EXPECT_TRUE(last_refused);
-    EXPECT_TRUE(dev.wait_stdout("Critical Error: Missing Config File\n"));
-    EXPECT_EQ("/data/local/none.cfg", get_file());
-    EXPECT_EQ("/data/local/none.cfg", dev.property(CONFIG_PROPERTY));
-}
-
-TEST_F(ConfigCmds, NamesOf92BytesOrMoreDoNotFitTheProperty)
-{
-    std::string fits = "/data/local/" + std::string(79, 'f');
-    ASSERT_EQ(91u, fits.size());
-    device_file(fits, "");
-    set_file(set_payload(fits));
-    EXPECT_FALSE(last_refused);
-    EXPECT_EQ(fits, dev.property(CONFIG_PROPERTY));
-    EXPECT_EQ(fits, get_file());
-
-    for (size_t len : { 92, 98 }) {
-        std::string too_long = "/data/local/" + std::string(len - 12, 'g');
-        device_file(too_long, "");
-        set_file(set_payload(too_long));
-        EXPECT_TRUE(last_reached) << len;
-        EXPECT_TRUE(last_refused) << len;
-        EXPECT_TRUE(dev.wait_stdout("Critical Error: fail to save config file into property system\n"));
-        // Nothing was taken over.
-        EXPECT_EQ(fits, dev.property(CONFIG_PROPERTY)) << len;
-        EXPECT_EQ(fits, get_file()) << len;
-    }
-}
-
-TEST_F(ConfigCmds, LengthFieldIsCheckedBothWays)
-{
-    std::string path = device_file("/data/local/len.cfg", "");
+    const std::string fits = device_file("/data/local/" + std::string(79, 'f')); // 91 bytes
+    const std::string too_long = device_file("/data/local/" + std::string(80, 'g'));
+    const std::string other = device_file("/data/local/other.cfg");
     struct Case {
-        int n;
-        bool reached;
+        std::vector<uint8_t> payload;
+        const char* logged;
+        std::string current_after;
     };
-    // 99 is the most a name may claim; negative lengths are refused too.
-    for (Case c : { Case{ 100, false }, Case{ 0xffff, false }, Case{ 0x8000, false }, Case{ 99, true } }) {
-        std::vector<uint8_t> p = set_payload(path, c.n);
-        p.resize(2 + 99, 0);
-        set_file(p);
-        EXPECT_EQ(c.reached, last_reached) << c.n;
+    const Case cases[] = {
+        { set_payload(fits), "Set config file size = 92", fits },
+        { set_payload(too_long), "Critical Error: fail to save config file into property system\n", fits },
+        { set_payload(other, 100), "tovak_handler ERR >> ", fits },
+        { set_payload(other, 0xffff), "tovak_handler ERR >> ", fits },
+        // The name ends at its length, zero byte or not.
+        { set_payload(other + "XYZ", int(other.size())), "Set config file size = 21, /data/local/other.cfg\n", other },
+        { set_payload(fits, 99), "Set config file size = 99", fits },
+        { set_payload(""), "Critical Error: Missing Config File\n", fits },
+        // A missing file fails, but the name is taken.
+        { set_payload("/data/local/none.cfg"), "Critical Error: Missing Config File\n", "/data/local/none.cfg" },
+    };
+    for (const Case& c : cases) {
+        std::string out = set_file(c.payload);
+        EXPECT_NE(std::string::npos, out.find(c.logged)) << c.logged << "\n" << out;
+        EXPECT_EQ(c.current_after, current);
+        EXPECT_EQ(c.current_after, dev.property(CONFIG_PROPERTY));
     }
-    EXPECT_TRUE(dev.wait_stdout("Set config file size = 99, /data/local/len.cfg\n"));
-    EXPECT_EQ(path, get_file());
-}
-
-TEST_F(ConfigCmds, NameEndsAtItsLengthWithoutAZeroByte)
-{
-    std::string path = device_file("/data/local/a.cfg", "");
-    std::vector<uint8_t> p = set_payload(path + "XYZ", int(path.size()));
-    set_file(p);
-    EXPECT_FALSE(last_refused);
-    EXPECT_EQ(path, get_file());
-    EXPECT_EQ(path, dev.property(CONFIG_PROPERTY));
 }
 
 TEST_F(ConfigCmds, ClientsChoosingFilesAtOnceSeeWholeNames)
 {
-    const int clients = 4;
-    std::set<std::string> paths = { "/sdcard/dm.cfg" };
-    for (int i = 0; i < clients; i++)
-        paths.insert(device_file("/data/local/c" + std::to_string(i) + ".cfg", "<LogState>off</LogState>"));
-    std::vector<std::string> seen[clients];
+    std::set<std::string> paths;
+    for (int i = 0; i < 4; i++)
+        paths.insert(device_file("/data/local/c" + std::to_string(i) + ".cfg"));
+    std::vector<std::string> seen[4];
     std::vector<std::thread> threads;
-    for (int i = 0; i < clients; i++) {
+    for (int i = 0; i < 4; i++) {
         threads.emplace_back([&, i] {
             auto c = dev.connect();
-            if (!c)
-                return;
-            std::string mine = "/data/local/c" + std::to_string(i) + ".cfg";
-            std::vector<uint8_t> p = set_payload(mine);
-            for (int round = 0; round < 25; round++) {
-                tovak_pkt reply;
-                if (c->transact(CMD_SET_CONFIG_FILE, p.data(), uint32_t(p.size()), &reply) != TovakStatus::ok ||
-                    c->transact(CMD_GET_CONFIG_FILE, nullptr, 0, &reply) != TovakStatus::ok) {
-                    seen[i].push_back("<no reply>");
-                    return;
-                }
-                uint16_t n = uint16_t(reply.data[0] | reply.data[1] << 8);
-                if (n == 0 || n > 100 || reply.len != uint32_t(n) + 2 || reply.data[2 + n - 1] != 0)
-                    seen[i].push_back("<torn reply>");
-                else
-                    seen[i].push_back(reinterpret_cast<const char*>(reply.data + 2));
+            std::vector<uint8_t> p = set_payload(*std::next(paths.begin(), i));
+            tovak_pkt reply;
+            for (int round = 0; c && round < 25; round++) {
+                if (c->transact(CMD_SET_CONFIG_FILE, p.data(), uint32_t(p.size()), &reply) != TovakStatus::ok)
+                    break;
+                seen[i].push_back(current_file(*c));
             }
         });
     }
     for (auto& t : threads)
         t.join();
-    for (int i = 0; i < clients; i++) {
-        EXPECT_EQ(25u, seen[i].size()) << i;
-        for (const std::string& s : seen[i])
-            EXPECT_EQ(1u, paths.count(s)) << s;
+    for (const auto& s : seen) {
+        EXPECT_EQ(25u, s.size());
+        for (const std::string& name : s)
+            EXPECT_EQ(1u, paths.count(name)) << name;
     }
     EXPECT_EQ(0u, count(dev.daemon_stdout(), "Critical Error"));
-    // The last choice is the one that stays.
-    std::string last = get_file();
-    EXPECT_EQ(last, dev.property(CONFIG_PROPERTY));
-    EXPECT_EQ(1u, paths.count(last));
+    EXPECT_EQ(current_file(*client), dev.property(CONFIG_PROPERTY));
 }
 
 TEST(ConfigStartup, LoadsTheUserFileWhateverThePropertySays)
@@ -234,32 +165,24 @@ TEST(ConfigStartup, LoadsTheUserFileWhateverThePropertySays)
     std::filesystem::create_directories(dev.path("data/property"));
     ASSERT_TRUE(write_file(dev.path("data/property/persist.dmlogging.config_file"), "/data/local/none.cfg"));
     ASSERT_TRUE(dev.start()) << dev.failure();
-    EXPECT_TRUE(dev.wait_stdout("[!] Configuration File Loading Success\n"));
+    ASSERT_TRUE(dev.wait_stdout("tovak handler is initialized successfully\n"));
     std::string out = dev.daemon_stdout();
-    EXPECT_EQ(std::string::npos, out.find("Configuration File Loading Fail"));
-    // The configuration is loaded before the handlers are ready.
-    EXPECT_LT(out.find("[!] Configuration File Loading Success"), out.find("tovak handler is initialized successfully"));
+    EXPECT_LT(out.find("[!] Configuration File Loading Success\n"), out.find("tovak handler is initialized"));
     auto c = dev.connect();
     ASSERT_TRUE(c);
-    tovak_pkt reply;
-    ASSERT_EQ(TovakStatus::ok, c->transact(CMD_GET_CONFIG_FILE, nullptr, 0, &reply));
-    EXPECT_STREQ("/data/local/none.cfg", reinterpret_cast<const char*>(reply.data + 2));
+    EXPECT_EQ("/data/local/none.cfg", current_file(*c));
 }
 
 TEST(ConfigStartup, FallsBackToTheBuiltInTextWhenTheUserFileIsUnreadable)
 {
     SimDevice dev;
-    // A directory where the file should be: provisioning leaves it, and it
-    // can't be read as a configuration.
+    // A directory where the file should be: provisioning leaves it alone.
     std::filesystem::create_directories(dev.path("data/media/0/dm.cfg"));
     ASSERT_TRUE(dev.start()) << dev.failure();
     EXPECT_TRUE(dev.wait_stdout("Configuration File Loading Fail so load default config.\n"));
-    EXPECT_TRUE(dev.wait_stdout("tovak handler is initialized successfully\n"));
-    // Still serving.
     auto c = dev.connect();
     ASSERT_TRUE(c);
-    tovak_pkt reply;
-    EXPECT_EQ(TovakStatus::ok, c->transact(CMD_GET_CONFIG_FILE, nullptr, 0, &reply));
+    EXPECT_EQ("/sdcard/dm.cfg", current_file(*c));
 }
 
 } // namespace
