@@ -1,6 +1,7 @@
 // Modem logging state, start-up and the logging commands.
 #include "handlers/tovak_handler.h"
 
+#include "config/tovak_config.h"
 #include "daemon/tovak_log.h"
 
 #define LOG_MODULE "tovak_handler"
@@ -11,6 +12,7 @@ uint8_t tovak_handler_initialized;
 // the gate so that commands such as the shell diagnostics can run.
 uint32_t tovak_handler_init()
 {
+    tovak_config_init();
     TLOG("tovak handler is initialized successfully\n");
     tovak_handler_initialized = 1;
     return 1;

@@ -1,0 +1,119 @@
+// The configuration record, the dm.cfg reader and writer, and the item sets
+// that commands edit. Operations return 0 for success and -1 for failure
+// unless stated.
+//
+// One recursive mutex guards the record, the file-name buffer and every file
+// operation; each function below takes it for its own duration. Code that
+// needs several fields at once, or writes the modem-range fields, holds a
+// tovak_config_locked for that span; it may call the functions below
+// meanwhile. Never keep a pointer into the record past the accessor's life:
+// every load replaces the lists.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "config/tovak_config_lists.h"
+
+#define TOVAK_CONFIG_FILE_PROPERTY "persist.dmlogging.config_file"
+// The platform's property value limit, and so the longest path plus its zero.
+#define TOVAK_CONFIG_FILE_NAME_SIZE 92
+
+extern const char DEFAULT_CONFIG_TEXT[];
+
+struct tovak_config {
+    // The path last given to tovak_config_load_file, opened or not.
+    std::string path;
+    std::unique_ptr<tovak_event_list> events;
+    std::unique_ptr<tovak_log_list> log_codes;
+    std::unique_ptr<tovak_msg_list> messages;
+    std::unique_ptr<tovak_if_list> dpl_ifs;
+    uint32_t log_state = 0;
+    uint32_t dpl_state = 0;
+    uint32_t buffer_size = 0;
+    std::vector<uint16_t> adblog_categories;
+    uint32_t adblog_state = 0;
+    std::vector<uint32_t> adblog_sizes;
+    // Filled by the modem range query; never read from or written to the file,
+    // and kept across loads.
+    uint8_t ranges_known = 0;
+    uint16_t event_id_count = 0;
+    std::vector<uint32_t> msg_ssid_ranges; // low 16 bits first SSID, high 16 bits last
+    std::vector<uint32_t> log_last_items;  // per equipment id
+};
+
+// Holds the configuration lock while it lives and gives the record.
+class tovak_config_locked {
+public:
+    tovak_config_locked();
+    ~tovak_config_locked();
+    tovak_config_locked(const tovak_config_locked&) = delete;
+    tovak_config_locked& operator=(const tovak_config_locked&) = delete;
+
+    tovak_config& operator*() const { return *config_; }
+    tovak_config* operator->() const { return config_; }
+    // The file-name buffer behind tovak_config_get_file; empty until first use.
+    char* file_name() const;
+
+private:
+    tovak_config* config_;
+};
+
+// File.
+int tovak_config_load_file(const char* path);
+// 0 always.
+int tovak_config_load_text(const char* text);
+// 0 always: a file that can't be written is left as it was.
+int tovak_config_save_file(const char* path);
+// The record as tovak_config_save_file writes it.
+std::string tovak_config_text();
+int tovak_config_init();
+int tovak_config_reload();
+// The current configuration file path, filled from the property on first use.
+// The pointer is to this thread's copy, valid until its next call.
+const char* tovak_config_get_file();
+int tovak_config_set_file(const char* name);
+
+// Ordered sets; ids arrive as 32 bits and only the low 16 are used. The gets
+// hand out a malloc'd array the caller frees, and set *count to -1 on failure.
+int tovak_config_add_event(uint32_t id);
+int tovak_config_rm_event(uint32_t id);
+int tovak_config_get_events(uint16_t** ids, int* count);
+int tovak_config_add_log(uint32_t code);
+int tovak_config_rm_log(uint32_t code);
+int tovak_config_get_logs(uint16_t** codes, int* count);
+int tovak_config_add_dpl_if(uint32_t id);
+int tovak_config_rm_dpl_if(uint32_t id);
+int tovak_config_get_dpl_ifs(uint16_t** ids, int* count);
+
+// One message-level entry as handed out: 8 bytes, as listed to clients.
+struct tovak_msg_entry {
+    uint16_t ssid;
+    uint32_t mask;
+};
+static_assert(sizeof(tovak_msg_entry) == 8, "message entries are listed as 8-byte records");
+
+// Replaces the SSID's mask; it never merges.
+int tovak_config_add_msg(uint32_t ssid, uint32_t mask);
+int tovak_config_rm_msg(uint32_t ssid);
+int tovak_config_get_msgs(tovak_msg_entry** entries, int* count);
+
+// Log-capture sequences.
+int tovak_config_get_adblog_categories(uint16_t** values, int* count);
+int tovak_config_set_adblog_categories(const uint16_t* values, int count);
+int tovak_config_get_adblog_sizes(uint32_t** values, int* count);
+int tovak_config_set_adblog_sizes(const uint32_t* values, int count);
+// -1 when index is not below the number of sizes; never extends them.
+int tovak_config_set_adblog_size(uint32_t index, uint32_t size);
+
+// State values: setters return 0, getters the value.
+int tovak_config_set_log_state(uint32_t state);
+uint32_t tovak_config_get_log_state();
+int tovak_config_set_dpl_state(uint32_t state);
+uint32_t tovak_config_get_dpl_state();
+int tovak_config_set_buffer_size(uint32_t size);
+uint32_t tovak_config_get_buffer_size();
+int tovak_config_set_adblog_state(uint32_t state);
+uint32_t tovak_config_get_adblog_state();

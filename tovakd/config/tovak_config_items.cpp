@@ -1,0 +1,203 @@
+// The item sets: the add, remove and get operations that commands use on the
+// configuration record. None of them writes the file.
+#include <cstdlib>
+
+#include "config/tovak_config.h"
+
+// Copies items into a fresh malloc'd array that the caller frees.
+template <typename T, typename Items, typename Convert>
+static int copy_out(const Items& items, T** out, int* count, Convert convert)
+{
+    auto* array = static_cast<T*>(malloc(items.size() * sizeof(T)));
+    if (array == nullptr)
+        return -1;
+    size_t i = 0;
+    for (const auto& item : items)
+        array[i++] = convert(item);
+    *out = array;
+    *count = int(items.size());
+    return 0;
+}
+
+template <typename T, typename Items>
+static int copy_out(const Items& items, T** out, int* count)
+{
+    return copy_out(items, out, count, [](const auto& item) { return T(item); });
+}
+
+// ids is null when no configuration is loaded.
+static int get_ids(const std::set<uint16_t>* ids, uint16_t** out, int* count)
+{
+    if (out == nullptr || count == nullptr)
+        return -1;
+    *count = -1;
+    if (ids == nullptr)
+        return -1;
+    return copy_out(*ids, out, count);
+}
+
+static int add_id(std::set<uint16_t>* ids, uint32_t id)
+{
+    if (ids == nullptr)
+        return -1;
+    ids->insert(uint16_t(id));
+    return 0;
+}
+
+static int rm_id(std::set<uint16_t>* ids, uint32_t id)
+{
+    if (ids == nullptr)
+        return -1;
+    ids->erase(uint16_t(id));
+    return 0;
+}
+
+int tovak_config_add_event(uint32_t id)
+{
+    tovak_config_locked c;
+    return add_id(c->events ? &c->events->ids : nullptr, id);
+}
+
+int tovak_config_rm_event(uint32_t id)
+{
+    tovak_config_locked c;
+    return rm_id(c->events ? &c->events->ids : nullptr, id);
+}
+
+int tovak_config_get_events(uint16_t** ids, int* count)
+{
+    tovak_config_locked c;
+    return get_ids(c->events ? &c->events->ids : nullptr, ids, count);
+}
+
+int tovak_config_add_log(uint32_t code)
+{
+    tovak_config_locked c;
+    return add_id(c->log_codes ? &c->log_codes->codes : nullptr, code);
+}
+
+int tovak_config_rm_log(uint32_t code)
+{
+    tovak_config_locked c;
+    return rm_id(c->log_codes ? &c->log_codes->codes : nullptr, code);
+}
+
+int tovak_config_get_logs(uint16_t** codes, int* count)
+{
+    tovak_config_locked c;
+    return get_ids(c->log_codes ? &c->log_codes->codes : nullptr, codes, count);
+}
+
+int tovak_config_add_dpl_if(uint32_t id)
+{
+    tovak_config_locked c;
+    return add_id(c->dpl_ifs ? &c->dpl_ifs->ids : nullptr, id);
+}
+
+int tovak_config_rm_dpl_if(uint32_t id)
+{
+    tovak_config_locked c;
+    return rm_id(c->dpl_ifs ? &c->dpl_ifs->ids : nullptr, id);
+}
+
+int tovak_config_get_dpl_ifs(uint16_t** ids, int* count)
+{
+    tovak_config_locked c;
+    return get_ids(c->dpl_ifs ? &c->dpl_ifs->ids : nullptr, ids, count);
+}
+
+int tovak_config_add_msg(uint32_t ssid, uint32_t mask)
+{
+    tovak_config_locked c;
+    if (!c->messages)
+        return -1;
+    c->messages->masks[uint16_t(ssid)] = mask;
+    return 0;
+}
+
+int tovak_config_rm_msg(uint32_t ssid)
+{
+    tovak_config_locked c;
+    if (!c->messages)
+        return -1;
+    c->messages->masks.erase(uint16_t(ssid));
+    return 0;
+}
+
+int tovak_config_get_msgs(tovak_msg_entry** entries, int* count)
+{
+    if (entries == nullptr || count == nullptr)
+        return -1;
+    *count = -1;
+    tovak_config_locked c;
+    if (!c->messages)
+        return -1;
+    return copy_out(c->messages->masks, entries, count, [](const std::pair<const uint16_t, uint32_t>& entry) {
+        return tovak_msg_entry{ entry.first, entry.second };
+    });
+}
+
+int tovak_config_get_adblog_categories(uint16_t** values, int* count)
+{
+    if (values == nullptr || count == nullptr)
+        return -1;
+    *count = -1;
+    tovak_config_locked c;
+    return copy_out(c->adblog_categories, values, count);
+}
+
+int tovak_config_set_adblog_categories(const uint16_t* values, int count)
+{
+    if (count < 0 || (values == nullptr && count > 0))
+        return -1;
+    tovak_config_locked c;
+    c->adblog_categories.assign(values, values + count);
+    return 0;
+}
+
+int tovak_config_get_adblog_sizes(uint32_t** values, int* count)
+{
+    if (values == nullptr || count == nullptr)
+        return -1;
+    *count = -1;
+    tovak_config_locked c;
+    return copy_out(c->adblog_sizes, values, count);
+}
+
+int tovak_config_set_adblog_sizes(const uint32_t* values, int count)
+{
+    if (count < 0 || (values == nullptr && count > 0))
+        return -1;
+    tovak_config_locked c;
+    c->adblog_sizes.assign(values, values + count);
+    return 0;
+}
+
+int tovak_config_set_adblog_size(uint32_t index, uint32_t size)
+{
+    tovak_config_locked c;
+    if (index >= c->adblog_sizes.size())
+        return -1;
+    c->adblog_sizes[index] = size;
+    return 0;
+}
+
+// Plain stores and loads, under the lock so that a reader never sees a field
+// that a concurrent load is replacing.
+#define TOVAK_CONFIG_STATE(field)                 \
+    int tovak_config_set_##field(uint32_t value)  \
+    {                                             \
+        tovak_config_locked c;                    \
+        c->field = value;                         \
+        return 0;                                 \
+    }                                             \
+    uint32_t tovak_config_get_##field()           \
+    {                                             \
+        tovak_config_locked c;                    \
+        return c->field;                          \
+    }
+
+TOVAK_CONFIG_STATE(log_state)
+TOVAK_CONFIG_STATE(dpl_state)
+TOVAK_CONFIG_STATE(buffer_size)
+TOVAK_CONFIG_STATE(adblog_state)
