@@ -4,6 +4,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -431,6 +432,41 @@ TEST_F(HostLibs, AndroidLogReachesTheTextFileAndTheMainFifo)
     EXPECT_EQ("TOVAK", entries[0].tag);
     EXPECT_EQ("hello 42 there", entries[0].msg);
     close(fd);
+}
+
+TEST_F(HostLibs, ABurstOfLogLinesFromManyThreadsLosesNothing)
+{
+    // Far more than the kernel queues for a datagram socket at once.
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; t++)
+        threads.emplace_back([t] {
+            for (int i = 0; i < 200; i++)
+                __android_log_print(ANDROID_LOG_INFO, "BURST", "thread %d line %d", t, i);
+        });
+    for (auto& th : threads)
+        th.join();
+    const std::string logcat = root() + "/" SIM_LOGCAT_FILE;
+    auto lines = [&] {
+        std::string text = read_file(logcat);
+        size_t n = 0;
+        for (size_t p = text.find(" I BURST   : "); p != std::string::npos; p = text.find(" I BURST   : ", p + 1))
+            n++;
+        return n;
+    };
+    EXPECT_TRUE(wait_until([&] { return lines() == 800; })) << lines();
+    EXPECT_NE(std::string::npos, read_file(logcat).find("thread 3 line 199\n"));
+}
+
+TEST_F(HostLibs, AFrozenLoggerDoesNotHoldTheCallerForEver)
+{
+    ASSERT_EQ(0, kill(sim.pid(), SIGSTOP));
+    // The first entries fit the socket's queue; the rest wait a moment each
+    // and go to stderr.
+    for (int i = 0; i < 12; i++)
+        EXPECT_EQ(7, __android_log_print(ANDROID_LOG_WARN, "FROZEN", "line %02d", i));
+    ASSERT_EQ(0, kill(sim.pid(), SIGCONT));
+    const std::string logcat = root() + "/" SIM_LOGCAT_FILE;
+    EXPECT_TRUE(wait_until([&] { return read_file(logcat).find("FROZEN  : line 00\n") != std::string::npos; }));
 }
 
 TEST_F(HostLibs, StalledFifoHoldsEntriesUntilReleased)

@@ -28,6 +28,7 @@ public:
     // SIGTERM and wait; its exit status.
     int stop();
     bool alive() const;
+    pid_t pid() const { return pid_; }
 
 private:
     pid_t pid_ = -1;
