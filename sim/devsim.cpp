@@ -322,7 +322,6 @@ void Server::run()
             { sig_fd, POLLIN, 0 }, { diag_, POLLIN, 0 }, { qmi_, POLLIN, 0 },
             { ctl_, POLLIN, 0 },   { logdw_, POLLIN, 0 },
         };
-        const size_t fifo_base = fds.size();
         for (int b = 0; b < LOG_ID_COUNT; b++) {
             bool want = !device_.queue(b).empty() && !device_.stalled(b);
             fds.push_back({ want ? fifo_[b] : -1, POLLOUT, 0 });
@@ -380,7 +379,6 @@ void Server::run()
             accept_all(ctl_, false);
         if (fds[4].revents & POLLIN)
             read_logdw();
-        (void)fifo_base;
         flush_fifos();
     }
 }
