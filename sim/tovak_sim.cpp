@@ -7,7 +7,9 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/signalfd.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -37,6 +39,7 @@ void usage(FILE* out)
 {
     fprintf(out,
             "usage: tovak-sim up ROOT [--no-bootcomplete] [--remote-modem] [--etc DIR]\n"
+            "       tovak-sim ctl ROOT COMMAND [ARGS...]\n"
             "\n"
             "  up ROOT   create the device root ROOT if needed and run tovakd on it in the\n"
             "            foreground until Ctrl-C or SIGTERM. Clients reach the daemon at\n"
@@ -44,7 +47,11 @@ void usage(FILE* out)
             "\n"
             "  --no-bootcomplete  leave the property dev.bootcomplete unset\n"
             "  --remote-modem     attach a second (remote) modem\n"
-            "  --etc DIR          factory files for a new ROOT/system/etc (default: %s)\n",
+            "  --etc DIR          factory files for a new ROOT/system/etc (default: %s)\n"
+            "\n"
+            "  ctl ROOT COMMAND   drive the simulated device of a running `up ROOT`:\n"
+            "            `ctl ROOT status` prints its state as JSON, `ctl ROOT help` lists\n"
+            "            the commands (faults, injected log entries, ranges, QMI data).\n",
             SIM_STDOUT_FILE, TOVAK_ETC_DIR);
 }
 
@@ -180,6 +187,7 @@ std::vector<std::string> sandbox_command(const UpOptions& opt, const std::string
                                 "--bind", r + "/dev/log", "/dev/log",
                                 "--bind", r + "/dev/ps_socket", "/dev/ps_socket",
                                 "--bind", r + "/dev/socket", "/dev/socket",
+                                "--bind", r + "/" SIM_DIR, "/" SIM_DIR,
                                 "--ro-bind", bin, bin,
                                 "--chdir", "/",
                                 "--setenv", "PATH", "/usr/sbin:/usr/bin:/sbin:/bin",
@@ -355,6 +363,51 @@ int cmd_inside(int argc, char** argv)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
 }
 
+// Sends the command to the device simulator under ROOT and prints its
+// answer; errors go to stderr with status 1.
+int cmd_ctl(const std::string& root, int argc, char** argv)
+{
+    std::string path = root + "/" SIM_CTL_SOCKET;
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    if (path.size() >= sizeof addr.sun_path)
+        die("path too long: " + path);
+    strcpy(addr.sun_path, path.c_str());
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
+        die("no device simulator at " + root + " (is `tovak-sim up " + root + "` running?)");
+    std::string request;
+    for (int i = 0; i < argc; i++) {
+        request += argv[i];
+        request += '\0';
+    }
+    signal(SIGPIPE, SIG_IGN);
+    write_all(fd, request.data(), request.size());
+    shutdown(fd, SHUT_WR);
+    std::string reply;
+    for (;;) {
+        pollfd p = { fd, POLLIN, 0 };
+        int r = poll(&p, 1, 10000);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r == 0)
+            die("the device simulator did not answer");
+        char buf[8192];
+        ssize_t n = read(fd, buf, sizeof buf);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        reply.append(buf, size_t(n));
+    }
+    close(fd);
+    if (reply.empty())
+        die("the device simulator closed without an answer");
+    bool failed = reply.compare(0, 7, "error: ") == 0;
+    write_all(failed ? STDERR_FILENO : STDOUT_FILENO, reply.data(), reply.size());
+    return failed ? 1 : 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -366,6 +419,13 @@ int main(int argc, char** argv)
     std::string cmd = argv[1];
     if (cmd == "inside")
         return cmd_inside(argc, argv);
+    if (cmd == "ctl") {
+        if (argc < 4) {
+            usage(stderr);
+            return 2;
+        }
+        return cmd_ctl(argv[2], argc - 3, argv + 3);
+    }
     if (cmd != "up") {
         usage(stderr);
         return 2;

@@ -115,11 +115,14 @@ TEST_F(Spine, LogLinesGoOutThreeWays)
     EXPECT_TRUE(std::regex_search(out, std::regex(R"((^|\n)\d+: \.{47}\n\d+: \[!\] TOVAKD Started ver 20121221  ver\. 4\.05\n\d+: \.{47}\n)")))
         << out;
     EXPECT_TRUE(std::regex_search(out, std::regex(R"((^|\n)\d+: tovak daemon initialized = 0\n)")));
-    // The Android log copy, under each line's own tag.
-    std::string log = read_file(dev.path("launcher.err"));
-    EXPECT_NE(std::string::npos, log.find("D/TOVAK(")) << log;
-    EXPECT_TRUE(std::regex_search(log, std::regex(R"(D/TAMBOUR_TOVAK\(\d+\): tovak daemon initialized = 0)"))) << log;
-    EXPECT_TRUE(std::regex_search(log, std::regex(R"(D/TOVAK\(\d+\): \[!\] TOVAKD Started ver 20121221  ver\. 4\.05)")));
+    // The Android log copy, under each line's own tag, in the logger's
+    // threadtime text file.
+    const std::string logcat = dev.path(SIM_LOGCAT_FILE);
+    ASSERT_TRUE(wait_until([&] { return read_file(logcat).find("tovak daemon initialized = 0") != std::string::npos; }));
+    std::string log = read_file(logcat);
+    EXPECT_TRUE(std::regex_search(log, std::regex(R"(\d+ D TAMBOUR_TOVAK: tovak daemon initialized = 0\n)"))) << log;
+    EXPECT_TRUE(std::regex_search(log, std::regex(R"(\d+ D TOVAK   : \[!\] TOVAKD Started ver 20121221  ver\. 4\.05\n)")))
+        << log;
 }
 
 TEST_F(Spine, UnknownIdsCloseTheSessionWithoutAReply)

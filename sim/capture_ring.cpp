@@ -1,0 +1,140 @@
+#include "capture_ring.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+bool make_directories(const std::string& path)
+{
+    for (size_t pos = 1; pos <= path.size(); pos++) {
+        if (pos < path.size() && path[pos] != '/')
+            continue;
+        std::string part = path.substr(0, pos);
+        if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST)
+            return false;
+    }
+    struct stat st;
+    return !path.empty() && stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+CaptureRing::~CaptureRing()
+{
+    if (fd_ >= 0) {
+        close(fd_);
+        unlink(path_.c_str());
+    }
+}
+
+bool CaptureRing::open(const std::string& backing_path, size_t capacity)
+{
+    if (fd_ >= 0 || capacity == 0)
+        return false;
+    size_t slash = backing_path.rfind('/');
+    if (slash != std::string::npos && slash > 0 && !make_directories(backing_path.substr(0, slash)))
+        return false;
+    fd_ = ::open(backing_path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd_ < 0)
+        return false;
+    path_ = backing_path;
+    capacity_ = capacity;
+    return true;
+}
+
+static bool pwrite_all(int fd, const uint8_t* p, size_t n, off_t off)
+{
+    while (n > 0) {
+        ssize_t w = pwrite(fd, p, n, off);
+        if (w < 0 && errno == EINTR)
+            continue;
+        if (w <= 0)
+            return false;
+        p += w;
+        n -= size_t(w);
+        off += w;
+    }
+    return true;
+}
+
+static bool pread_all(int fd, uint8_t* p, size_t n, off_t off)
+{
+    while (n > 0) {
+        ssize_t r = pread(fd, p, n, off);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r <= 0)
+            return false;
+        p += r;
+        n -= size_t(r);
+        off += r;
+    }
+    return true;
+}
+
+bool CaptureRing::write(const void* data, size_t len)
+{
+    if (fd_ < 0 || (data == nullptr && len > 0))
+        return false;
+    const uint8_t* p = static_cast<const uint8_t*>(data);
+    // Only the newest capacity bytes of a long write can stay.
+    if (len > capacity_) {
+        total_ += len - capacity_;
+        p += len - capacity_;
+        len = capacity_;
+    }
+    while (len > 0) {
+        size_t pos = size_t(total_ % capacity_);
+        size_t n = std::min(len, capacity_ - pos);
+        if (!pwrite_all(fd_, p, n, off_t(pos)))
+            return false;
+        total_ += n;
+        p += n;
+        len -= n;
+    }
+    return true;
+}
+
+bool CaptureRing::contents(std::vector<uint8_t>* out) const
+{
+    if (fd_ < 0)
+        return false;
+    size_t kept = size_t(std::min<uint64_t>(total_, capacity_));
+    out->resize(kept);
+    if (kept == 0)
+        return true;
+    size_t start = total_ > capacity_ ? size_t(total_ % capacity_) : 0;
+    size_t first = std::min(kept, capacity_ - start);
+    return pread_all(fd_, out->data(), first, off_t(start)) && pread_all(fd_, out->data() + first, kept - first, 0);
+}
+
+bool CaptureRing::commit(const std::string& dir, const std::string& name, int64_t unix_sec, std::string* path) const
+{
+    std::vector<uint8_t> data;
+    if (!contents(&data) || !make_directories(dir))
+        return false;
+    time_t t = time_t(unix_sec);
+    struct tm tm;
+    localtime_r(&t, &tm);
+    char stamp[32];
+    strftime(stamp, sizeof stamp, "%Y%m%d_%H%M%S", &tm);
+    std::string base = dir + (dir.back() == '/' ? "" : "/") + name + "_" + stamp;
+    for (int n = 1; n < 1000; n++) {
+        std::string file = base + (n > 1 ? "_" + std::to_string(n) : "") + ".log";
+        int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        if (fd < 0 && errno == EEXIST)
+            continue;
+        if (fd < 0)
+            return false;
+        bool ok = pwrite_all(fd, data.data(), data.size(), 0);
+        ok = close(fd) == 0 && ok;
+        if (!ok)
+            unlink(file.c_str());
+        else if (path)
+            *path = file;
+        return ok;
+    }
+    return false;
+}

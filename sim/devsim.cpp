@@ -1,0 +1,418 @@
+// tovak-devsim: the simulated device's services, single-threaded around
+// poll. Inside the sandbox it serves the device paths as they are; with
+// --root DIR (for tests without a sandbox) every path it chooses itself lies
+// under DIR. Paths that clients hand in are used as given.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "device.h"
+#include "sim_link.h"
+#include "sim_root.h"
+
+namespace {
+
+[[noreturn]] void die(const std::string& msg)
+{
+    fprintf(stderr, "tovak-devsim: %s\n", msg.c_str());
+    exit(1);
+}
+
+uint64_t clock_ns(clockid_t id)
+{
+    struct timespec ts;
+    clock_gettime(id, &ts);
+    return uint64_t(ts.tv_sec) * 1000000000ull + uint64_t(ts.tv_nsec);
+}
+
+void make_dirs(const std::string& path)
+{
+    for (size_t pos = 1; pos <= path.size(); pos++) {
+        if (pos < path.size() && path[pos] != '/')
+            continue;
+        std::string part = path.substr(0, pos);
+        if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST)
+            die("cannot create " + part + ": " + strerror(errno));
+    }
+}
+
+// Binds under a temporary name and renames into place once listening, so
+// that the path never exists without someone to answer on it.
+int listen_at(const std::string& path, int type)
+{
+    int fd = socket(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        die(std::string("socket: ") + strerror(errno));
+    std::string tmp = path + ".new";
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    if (tmp.size() >= sizeof addr.sun_path)
+        die("socket path too long: " + tmp);
+    strcpy(addr.sun_path, tmp.c_str());
+    unlink(tmp.c_str());
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
+        die("cannot bind " + tmp + ": " + strerror(errno));
+    chmod(tmp.c_str(), 0666);
+    if (type == SOCK_DGRAM) {
+        int on = 1;
+        setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
+        int size = 1 << 20;
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+    } else if (listen(fd, 64) != 0) {
+        die("cannot listen on " + tmp + ": " + strerror(errno));
+    }
+    if (rename(tmp.c_str(), path.c_str()) != 0)
+        die("cannot rename " + tmp + ": " + strerror(errno));
+    return fd;
+}
+
+struct LinkConn {
+    int fd;
+    uint64_t id;
+    LinkConnState state;
+};
+
+struct CtlConn {
+    int fd;
+    std::string in;
+    std::string out;
+    size_t sent = 0;
+    bool replying = false;
+};
+
+struct Delayed {
+    uint64_t due_ns;
+    uint64_t conn_id;
+    std::vector<uint8_t> bytes;
+};
+
+class Server {
+public:
+    Server(const std::string& root, bool remote)
+        : root_(root)
+        , device_(root.empty() ? "/" SIM_DIR : root + "/" SIM_DIR)
+    {
+        make_dirs(root + "/dev/socket");
+        make_dirs(root + "/dev/log");
+        if (remote)
+            device_.control({ "remote-modem", "on" });
+        for (int b = 0; b < LOG_ID_COUNT; b++)
+            fifo_[b] = open_fifo(root + "/dev/log/" + log_buffer_name(b));
+        ctl_ = listen_at(root + SIM_CTL_PATH, SOCK_STREAM);
+        logdw_ = listen_at(root + SIM_LOGDW_PATH, SOCK_DGRAM);
+        qmi_ = listen_at(root + SIM_LINK_QMI_PATH, SOCK_SEQPACKET);
+        // Last: the launcher waits for this one.
+        diag_ = listen_at(root + SIM_LINK_DIAG_PATH, SOCK_SEQPACKET);
+    }
+
+    void run();
+
+private:
+    static int open_fifo(const std::string& path)
+    {
+        struct stat st;
+        if (lstat(path.c_str(), &st) == 0 && !S_ISFIFO(st.st_mode))
+            unlink(path.c_str());
+        if (mkfifo(path.c_str(), 0666) != 0 && errno != EEXIST)
+            die("cannot create " + path + ": " + strerror(errno));
+        chmod(path.c_str(), 0666);
+        // Holding both ends: readers never block on open nor see end of file.
+        int fd = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        if (fd < 0)
+            die("cannot open " + path + ": " + strerror(errno));
+        return fd;
+    }
+
+    void accept_all(int listener, bool link);
+    void serve_link(std::list<LinkConn>::iterator it);
+    void send_link(int fd, const std::vector<uint8_t>& bytes);
+    void serve_ctl(std::list<CtlConn>::iterator it, short revents);
+    void read_logdw();
+    void flush_fifos();
+    void send_due(uint64_t now);
+
+    std::string root_;
+    Device device_;
+    int fifo_[LOG_ID_COUNT];
+    int ctl_, logdw_, qmi_, diag_;
+    std::list<LinkConn> links_;
+    std::list<CtlConn> ctls_;
+    std::deque<Delayed> delayed_; // in due order: every answer waits the same
+    uint64_t next_conn_id_ = 1;
+};
+
+void Server::accept_all(int listener, bool link)
+{
+    for (;;) {
+        int fd = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0)
+            return;
+        if (link)
+            links_.push_back({ fd, next_conn_id_++, {} });
+        else
+            ctls_.push_back({ fd, {}, {}, 0, false });
+    }
+}
+
+void Server::send_link(int fd, const std::vector<uint8_t>& bytes)
+{
+    // A client that stopped reading loses its answer, never the device's time.
+    send(fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+void Server::serve_link(std::list<LinkConn>::iterator it)
+{
+    static uint8_t buf[SIM_LINK_MAX_MSG];
+    for (int k = 0; k < 16; k++) {
+        ssize_t n = recv(it->fd, buf, sizeof buf, MSG_DONTWAIT);
+        if (n < 0 && (errno == EAGAIN || errno == EINTR))
+            return;
+        if (n <= 0) {
+            close(it->fd);
+            links_.erase(it);
+            return;
+        }
+        LinkAnswer a = device_.handle_link(buf, size_t(n), it->state, clock_ns(CLOCK_REALTIME));
+        if (!a.send)
+            continue;
+        if (a.delay_ms > 0)
+            delayed_.push_back({ clock_ns(CLOCK_MONOTONIC) + uint64_t(a.delay_ms) * 1000000ull, it->id,
+                                 std::move(a.bytes) });
+        else
+            send_link(it->fd, a.bytes);
+    }
+}
+
+void Server::send_due(uint64_t now)
+{
+    while (!delayed_.empty() && delayed_.front().due_ns <= now) {
+        for (const LinkConn& c : links_)
+            if (c.id == delayed_.front().conn_id)
+                send_link(c.fd, delayed_.front().bytes);
+        delayed_.pop_front();
+    }
+}
+
+std::vector<std::string> split_args(const std::string& in)
+{
+    std::vector<std::string> args;
+    size_t start = 0;
+    while (start < in.size()) {
+        size_t nul = in.find('\0', start);
+        if (nul == std::string::npos)
+            nul = in.size();
+        args.push_back(in.substr(start, nul - start));
+        start = nul + 1;
+    }
+    return args;
+}
+
+void Server::serve_ctl(std::list<CtlConn>::iterator it, short revents)
+{
+    CtlConn& c = *it;
+    if (!c.replying && (revents & (POLLIN | POLLHUP))) {
+        char buf[4096];
+        for (;;) {
+            ssize_t n = read(c.fd, buf, sizeof buf);
+            if (n > 0) {
+                c.in.append(buf, size_t(n));
+                if (c.in.size() > 65536) {
+                    close(c.fd);
+                    ctls_.erase(it);
+                    return;
+                }
+                continue;
+            }
+            if (n < 0 && errno == EAGAIN)
+                return;
+            if (n < 0 && errno == EINTR)
+                continue;
+            break; // end of the request
+        }
+        c.out = device_.control(split_args(c.in));
+        c.replying = true;
+    }
+    if (c.replying) {
+        while (c.sent < c.out.size()) {
+            ssize_t n = send(c.fd, c.out.data() + c.sent, c.out.size() - c.sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+            if (n < 0 && errno == EAGAIN)
+                return;
+            if (n <= 0)
+                break;
+            c.sent += size_t(n);
+        }
+        close(c.fd);
+        ctls_.erase(it);
+    }
+}
+
+void Server::read_logdw()
+{
+    for (int k = 0; k < 512; k++) {
+        uint8_t buf[8192];
+        char ctrl[CMSG_SPACE(sizeof(struct ucred))];
+        iovec iov = { buf, sizeof buf };
+        msghdr msg = {};
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        msg.msg_control = ctrl;
+        msg.msg_controllen = sizeof ctrl;
+        ssize_t n = recvmsg(logdw_, &msg, MSG_DONTWAIT);
+        if (n < 0)
+            return;
+        int32_t pid = 0;
+        for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
+            if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_CREDENTIALS) {
+                struct ucred cred;
+                memcpy(&cred, CMSG_DATA(c), sizeof cred);
+                pid = cred.pid;
+            }
+        }
+        LogEntry e;
+        int buffer;
+        if (parse_logdw(buf, size_t(n), pid, &e, &buffer))
+            device_.log_entry(buffer, e);
+    }
+}
+
+void Server::flush_fifos()
+{
+    for (int b = 0; b < LOG_ID_COUNT; b++) {
+        LogQueue& q = device_.queue(b);
+        while (!q.empty() && !device_.stalled(b)) {
+            // Entries fit PIPE_BUF: each goes in whole or not at all.
+            ssize_t n = write(fifo_[b], q.front().data(), q.front().size());
+            if (n < 0)
+                break;
+            q.pop();
+        }
+    }
+}
+
+void Server::run()
+{
+    sigset_t mask;
+    sigemptyset(&mask);
+    sigaddset(&mask, SIGINT);
+    sigaddset(&mask, SIGTERM);
+    sigprocmask(SIG_BLOCK, &mask, nullptr);
+    int sig_fd = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
+    signal(SIGPIPE, SIG_IGN);
+
+    const uint64_t tick_ns = 10000000; // 10 ms
+    uint64_t last_tick = clock_ns(CLOCK_MONOTONIC);
+    for (;;) {
+        std::vector<pollfd> fds = {
+            { sig_fd, POLLIN, 0 }, { diag_, POLLIN, 0 }, { qmi_, POLLIN, 0 },
+            { ctl_, POLLIN, 0 },   { logdw_, POLLIN, 0 },
+        };
+        for (int b = 0; b < LOG_ID_COUNT; b++) {
+            bool want = !device_.queue(b).empty() && !device_.stalled(b);
+            fds.push_back({ want ? fifo_[b] : -1, POLLOUT, 0 });
+        }
+        const size_t link_base = fds.size();
+        for (const LinkConn& c : links_)
+            fds.push_back({ c.fd, POLLIN, 0 });
+        const size_t ctl_base = fds.size();
+        for (const CtlConn& c : ctls_)
+            fds.push_back({ c.fd, short(c.replying ? POLLOUT : POLLIN), 0 });
+
+        uint64_t now = clock_ns(CLOCK_MONOTONIC);
+        int64_t wait_ns = -1;
+        if (device_.busy())
+            wait_ns = int64_t(last_tick + tick_ns > now ? last_tick + tick_ns - now : 0);
+        if (!delayed_.empty()) {
+            int64_t d = int64_t(delayed_.front().due_ns > now ? delayed_.front().due_ns - now : 0);
+            wait_ns = wait_ns < 0 ? d : std::min(wait_ns, d);
+        }
+        int timeout = wait_ns < 0 ? -1 : int((wait_ns + 999999) / 1000000);
+        if (poll(fds.data(), fds.size(), timeout) < 0 && errno != EINTR)
+            die(std::string("poll: ") + strerror(errno));
+
+        if (fds[0].revents & POLLIN)
+            return;
+        now = clock_ns(CLOCK_MONOTONIC);
+        if (device_.busy()) {
+            if (now - last_tick >= tick_ns) {
+                device_.tick(double(now - last_tick) / 1e9, clock_ns(CLOCK_REALTIME));
+                last_tick = now;
+            }
+        } else {
+            last_tick = now;
+        }
+        send_due(now);
+
+        // Connections first, by the iterators the poll set was built from.
+        auto link = links_.begin();
+        for (size_t i = link_base; i < ctl_base; i++) {
+            auto cur = link++;
+            if (fds[i].revents)
+                serve_link(cur);
+        }
+        auto ctl = ctls_.begin();
+        for (size_t i = ctl_base; i < fds.size(); i++) {
+            auto cur = ctl++;
+            if (fds[i].revents)
+                serve_ctl(cur, fds[i].revents);
+        }
+        if (fds[1].revents & POLLIN)
+            accept_all(diag_, true);
+        if (fds[2].revents & POLLIN)
+            accept_all(qmi_, true);
+        if (fds[3].revents & POLLIN)
+            accept_all(ctl_, false);
+        if (fds[4].revents & POLLIN)
+            read_logdw();
+        flush_fifos();
+    }
+}
+
+void usage(FILE* out)
+{
+    fprintf(out, "usage: tovak-devsim [--root DIR] [--remote-modem]\n"
+                 "Serves the simulated device: the modem's diag link, the logger, the log FIFOs,\n"
+                 "QMI and the control socket. Normally started by `tovak-sim up`.\n");
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    std::string root;
+    bool remote = false;
+    for (int i = 1; i < argc; i++) {
+        std::string a = argv[i];
+        if (a == "--root" && i + 1 < argc)
+            root = argv[++i];
+        else if (a == "--remote-modem")
+            remote = true;
+        else if (a == "--help" || a == "-h") {
+            usage(stdout);
+            return 0;
+        } else {
+            usage(stderr);
+            return 2;
+        }
+    }
+    while (root.size() > 1 && root.back() == '/')
+        root.pop_back();
+    Server server(root, remote);
+    server.run();
+    return 0;
+}

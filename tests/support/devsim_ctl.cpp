@@ -1,0 +1,65 @@
+#include "devsim_ctl.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "sim_device.h"
+#include "sim_link.h"
+
+int devsim_ctl(const std::string& root, const std::vector<std::string>& args, std::string* out, std::string* err)
+{
+    std::vector<std::string> argv = { SimDevice::bin("tovak-sim"), "ctl", root };
+    argv.insert(argv.end(), args.begin(), args.end());
+    return SimDevice::run(argv, out, err);
+}
+
+nlohmann::json devsim_status(const std::string& root)
+{
+    std::string out;
+    if (devsim_ctl(root, { "status" }, &out) != 0)
+        return nlohmann::json::value_t::discarded;
+    return nlohmann::json::parse(out, nullptr, false);
+}
+
+DevsimProcess::~DevsimProcess()
+{
+    stop();
+}
+
+bool DevsimProcess::start(const std::string& root, const std::vector<std::string>& args)
+{
+    std::vector<std::string> argv = { SimDevice::bin("tovak-devsim"), "--root", root };
+    argv.insert(argv.end(), args.begin(), args.end());
+    pid_ = fork();
+    if (pid_ == 0) {
+        std::vector<char*> a;
+        for (const std::string& s : argv)
+            a.push_back(const_cast<char*>(s.c_str()));
+        a.push_back(nullptr);
+        execv(a[0], a.data());
+        _exit(127);
+    }
+    if (pid_ < 0)
+        return false;
+    return wait_until([&] { return !alive() || file_exists(root + SIM_LINK_DIAG_PATH); }) && alive();
+}
+
+bool DevsimProcess::alive() const
+{
+    return pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == 0;
+}
+
+int DevsimProcess::stop()
+{
+    if (pid_ <= 0)
+        return -1;
+    kill(pid_, SIGTERM);
+    int status = 0;
+    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    }
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
