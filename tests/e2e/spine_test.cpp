@@ -166,8 +166,8 @@ TEST_F(Spine, RefusedCommandsStillAnswerAFullFrame)
         std::vector<uint8_t> payload;
     };
     const Case cases[] = {
-        { CMD_LOG_ON, {} },                                          // not built yet: refuses
-        { CMD_ADBLOG_ON, {} },                                       // capture gate closed
+        { CMD_ADBLOG_SET_SIZE, {} },                                       // no category and size
+        { CMD_ADBLOG_SET_SIZE, { 0, 0, 0, 0 } },                           // size 0
         { CMD_SYSTEM_COMMAND, system_payload(std::string(199, 'x'), 200) }, // text too long
     };
     for (const Case& k : cases) {

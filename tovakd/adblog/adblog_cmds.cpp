@@ -1,29 +1,293 @@
 // Android log capture commands and their start-up.
 #include "handlers/tovak_handler.h"
 
+#include <cstdlib>
+#include <cstring>
+
+#include "adblog/adblog_core.h"
+#include "config/tovak_config.h"
+#include "daemon/byte_buffer.h"
 #include "daemon/tovak_log.h"
 
 #define LOG_MODULE "tovak_handler"
 
+#define ADBLOG_NAMES_SIZE 100
+
 uint8_t adblog_handler_initialized;
 
-// Placeholder until the capture core exists: the capture commands stay
-// refused because adblog_handler_initialized is never set.
-uint32_t adblog_handler_init()
+// Gate A: capture initialised and a reply area to write.
+static bool gate_a(const uint8_t* rsp)
 {
-    TLOG("adblog_handler_init()\n");
+    return adblog_handler_initialized && rsp != nullptr;
+}
+
+static void save_config()
+{
+    tovak_config_save_file(tovak_config_get_file());
+}
+
+static uint32_t set_capture(uint32_t* rsp_len, uint8_t* rsp, int state, const char* entry_line)
+{
+    if (!gate_a(rsp)) {
+        TLOG_ERR();
+        return 0;
+    }
+    TLOG("%s", entry_line);
+    adblog_core_set_state(state);
+    *rsp_len = 0;
+    tovak_config_set_adblog_state(uint32_t(state));
+    save_config();
     return 1;
 }
 
-TOVAK_HANDLER_NOT_BUILT(adblog_on)
-TOVAK_HANDLER_NOT_BUILT(adblog_off)
-TOVAK_HANDLER_NOT_BUILT(adblog_commit)
-TOVAK_HANDLER_NOT_BUILT(adblog_get_state)
-TOVAK_HANDLER_NOT_BUILT(adblog_add_category)
-TOVAK_HANDLER_NOT_BUILT(adblog_rm_category)
-TOVAK_HANDLER_NOT_BUILT(adblog_get_categories)
-TOVAK_HANDLER_NOT_BUILT(adblog_set_categories)
-TOVAK_HANDLER_NOT_BUILT(adblog_get_category_name)
-TOVAK_HANDLER_NOT_BUILT(adblog_set_size_with_cat)
-TOVAK_HANDLER_NOT_BUILT(adblog_get_size_with_cat)
-TOVAK_HANDLER_NOT_BUILT(adblog_get_size_limits)
+uint32_t adblog_on(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
+{
+    return set_capture(rsp_len, rsp, 1, "process adblog_on\n");
+}
+
+uint32_t adblog_off(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
+{
+    return set_capture(rsp_len, rsp, 0, "process adblog_off\n");
+}
+
+uint32_t adblog_commit(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
+{
+    if (!gate_a(rsp)) {
+        TLOG_ERR();
+        return 0;
+    }
+    TLOG("process adblog_commit\n");
+    int result = adblog_core_commit();
+    *rsp_len = 0;
+    return result ? 1 : 0;
+}
+
+uint32_t adblog_get_state(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
+{
+    if (!gate_a(rsp)) {
+        TLOG_ERR();
+        return 0;
+    }
+    TLOG("process adblog_get_state\n");
+    byte_buffer out;
+    byte_buffer_init(&out, rsp, *rsp_len);
+    byte_buffer_write_u32(&out, adblog_core_get_state() != 0 ? 1 : 0);
+    *rsp_len = byte_buffer_length(&out);
+    return 1;
+}
+
+static uint32_t set_category(uint32_t req_len, uint8_t* req, uint8_t* rsp, int state, const char* entry_line,
+                             const char* change_line)
+{
+    if (!gate_a(rsp)) {
+        TLOG_ERR();
+        return 0;
+    }
+    TLOG("%s", entry_line);
+    byte_buffer in;
+    byte_buffer_init(&in, req, req_len);
+    uint32_t category = 0;
+    byte_buffer_read_u32(&in, &category);
+    TLOG(change_line, int(category));
+    // Out of range changes nothing and is no error here.
+    adblog_core_set_category_state(int(category), state);
+    return 1;
+}
+
+uint32_t adblog_add_category(uint32_t req_len, uint8_t* req, uint32_t*, uint8_t* rsp)
+{
+    return set_category(req_len, req, rsp, 1, "process adblog_add_category\n", "adblog add category : %d\n");
+}
+
+uint32_t adblog_rm_category(uint32_t req_len, uint8_t* req, uint32_t*, uint8_t* rsp)
+{
+    return set_category(req_len, req, rsp, 0, "process adblog_rm_category\n", "adblog remove category : %d\n");
+}
+
+// The core's live enable bytes as 0/1 values, logged one by one.
+template <typename T>
+static T* enable_values(int* count)
+{
+    const std::atomic<uint8_t>* enabled = nullptr;
+    *count = 0;
+    adblog_core_get_categories(&enabled, count);
+    T* values = static_cast<T*>(malloc(sizeof(T) * size_t(*count > 0 ? *count : 1)));
+    if (values == nullptr)
+        return nullptr;
+    TLOG("Get Categories..\n");
+    for (int i = 0; i < *count; i++) {
+        values[i] = enabled[i] != 0 ? 1 : 0;
+        TLOG("Category[%d] : %d\n", i, int(values[i]));
+    }
+    return values;
+}
+
+uint32_t adblog_get_categories(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
+{
+    if (!gate_a(rsp)) {
+        TLOG_ERR();
+        return 0;
+    }
+    TLOG("process adblog_get_categories\n");
+    int count;
+    uint32_t* values = enable_values<uint32_t>(&count);
+    if (values == nullptr) {
+        TLOG_ERR();
+        return 0;
+    }
+    byte_buffer out;
+    byte_buffer_init(&out, rsp, *rsp_len);
+    // One write: a reply too small for all of them gets none.
+    byte_buffer_write_bytes(&out, values, uint32_t(count) * 4);
+    *rsp_len = byte_buffer_length(&out);
+    free(values);
+    return 1;
+}
+
+uint32_t adblog_set_categories(uint32_t, uint8_t*, uint32_t*, uint8_t* rsp)
+{
+    if (!gate_a(rsp)) {
+        TLOG_ERR();
+        return 0;
+    }
+    TLOG("process adblog_set_categories\n");
+    int count;
+    uint16_t* values = enable_values<uint16_t>(&count);
+    if (values == nullptr) {
+        TLOG_ERR();
+        return 0;
+    }
+    tovak_config_set_adblog_categories(values, count);
+    save_config();
+    free(values);
+    return 1;
+}
+
+uint32_t adblog_get_category_name(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
+{
+    if (rsp == nullptr) {
+        TLOG_ERR();
+        return 0;
+    }
+    TLOG("process adblog_get_category_name\n");
+    char names[ADBLOG_NAMES_SIZE] = {};
+    adblog_core_get_category_names(names);
+    byte_buffer out;
+    byte_buffer_init(&out, rsp, *rsp_len);
+    byte_buffer_write_bytes(&out, names, uint32_t(strlen(names) + 1));
+    *rsp_len = byte_buffer_length(&out);
+    return 1;
+}
+
+uint32_t adblog_set_size_with_cat(uint32_t req_len, uint8_t* req, uint32_t*, uint8_t* rsp)
+{
+    if (!gate_a(rsp)) {
+        TLOG_ERR();
+        return 0;
+    }
+    TLOG("process adblog_set_size_with_cat\n");
+    if (req_len < 4) {
+        TLOG_ERR();
+        return 0;
+    }
+    byte_buffer in;
+    byte_buffer_init(&in, req, req_len);
+    uint32_t category = 0;
+    uint32_t size = 0;
+    byte_buffer_read_u32(&in, &category);
+    byte_buffer_read_u32(&in, &size);
+    TLOG("Set size cat = %d, size = %d\n", int(category), int(size));
+    if (size == 0 || adblog_core_get_state() != 0) {
+        TLOG_ERR();
+        return 0;
+    }
+    adblog_core_set_size(int(category), int(size));
+    // The file keeps the size as asked; the next start-up clamps it again.
+    tovak_config_set_adblog_size(category, size);
+    save_config();
+    return 1;
+}
+
+uint32_t adblog_get_size_with_cat(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
+{
+    if (!gate_a(rsp)) {
+        TLOG_ERR();
+        return 0;
+    }
+    byte_buffer in;
+    byte_buffer_init(&in, req, req_len);
+    uint32_t category = 0;
+    byte_buffer_read_u32(&in, &category);
+    TLOG("process adblog_get_size_with_cat cat = %d\n", int(category));
+    int size = adblog_core_get_size(int(category));
+    TLOG("adblog size cat = %d, size = %d\n", int(category), size);
+    byte_buffer out;
+    byte_buffer_init(&out, rsp, *rsp_len);
+    byte_buffer_write_u32(&out, uint32_t(size));
+    *rsp_len = byte_buffer_length(&out);
+    return 1;
+}
+
+uint32_t adblog_get_size_limits(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
+{
+    if (!tovak_handler_initialized || rsp == nullptr) {
+        TLOG_ERR();
+        return 0;
+    }
+    int min, max;
+    adblog_core_get_size_limits(&min, &max);
+    byte_buffer out;
+    byte_buffer_init(&out, rsp, *rsp_len);
+    byte_buffer_write_u32(&out, uint32_t(min));
+    byte_buffer_write_u32(&out, uint32_t(max));
+    *rsp_len = byte_buffer_length(&out);
+    return 1;
+}
+
+uint32_t adblog_handler_init()
+{
+    TLOG("adblog_handler_init()\n");
+    if (adblog_core_init() == 1) {
+        TLOG("adblog handler is initialized successfully\n");
+        adblog_handler_initialized = 1;
+    }
+
+    uint16_t* cfg_categories = nullptr;
+    int cfg_category_count = 0;
+    tovak_config_get_adblog_categories(&cfg_categories, &cfg_category_count);
+    const std::atomic<uint8_t>* enabled = nullptr;
+    int core_count = 0;
+    adblog_core_get_categories(&enabled, &core_count);
+    TLOG("core_cat_size = %d\n", core_count);
+    for (int i = 0; i < cfg_category_count && i < core_count; i++) {
+        TLOG("cfg[%d]:%d\n", i, int(cfg_categories[i]));
+        adblog_core_set_category_state(i, cfg_categories[i] == 1 ? 1 : 0);
+    }
+
+    uint32_t* cfg_sizes = nullptr;
+    int cfg_size_count = 0;
+    tovak_config_get_adblog_sizes(&cfg_sizes, &cfg_size_count);
+    TLOG("Number of ADB size info %d, core_cat_size = %d\n", cfg_size_count, core_count);
+    for (int i = 0; i < cfg_size_count && i < core_count; i++) {
+        TLOG("ADB log buffe SIZE cfg[%d]:%d\n", i, int(cfg_sizes[i]));
+        adblog_core_set_size(i, int(cfg_sizes[i]));
+    }
+
+    // The sizes in force replace the configured ones in memory; at most one
+    // per category slot.
+    int kept = cfg_category_count < ADBLOG_MAX_CATEGORIES ? cfg_category_count : ADBLOG_MAX_CATEGORIES;
+    uint32_t in_force[ADBLOG_MAX_CATEGORIES] = {};
+    for (int i = 0; i < kept; i++) {
+        in_force[i] = uint32_t(adblog_core_get_size(i));
+        TLOG("cat = %d, size = %d\n", i, int(in_force[i]));
+    }
+    tovak_config_set_adblog_sizes(in_force, kept < 0 ? 0 : kept);
+
+    uint32_t state = tovak_config_get_adblog_state();
+    TLOG("Current ADB Log state = %d\n", int(state));
+    adblog_core_set_state(state != 0 ? 1 : 0);
+
+    free(cfg_categories);
+    free(cfg_sizes);
+    return 1;
+}
