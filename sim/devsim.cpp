@@ -104,7 +104,7 @@ struct Delayed {
 
 class Server {
 public:
-    Server(const std::string& root, bool remote)
+    Server(const std::string& root, bool remote, const std::vector<std::string>& without_logs)
         : root_(root)
         , device_(root.empty() ? "/" SIM_DIR : root + "/" SIM_DIR)
     {
@@ -112,8 +112,16 @@ public:
         make_dirs(root + "/dev/log");
         if (remote)
             device_.control({ "remote-modem", "on" });
-        for (int b = 0; b < LOG_ID_COUNT; b++)
-            fifo_[b] = open_fifo(root + "/dev/log/" + log_buffer_name(b));
+        for (int b = 0; b < LOG_ID_COUNT; b++) {
+            std::string path = root + "/dev/log/" + log_buffer_name(b);
+            bool without = false;
+            for (const std::string& name : without_logs)
+                without = without || name == log_buffer_name(b);
+            // A phone without this log device: entries for it go nowhere.
+            if (without)
+                unlink(path.c_str());
+            fifo_[b] = without ? -1 : open_fifo(path);
+        }
         ctl_ = listen_at(root + SIM_CTL_PATH, SOCK_STREAM);
         logdw_ = listen_at(root + SIM_LOGDW_PATH, SOCK_DGRAM);
         qmi_ = listen_at(root + SIM_LINK_QMI_PATH, SOCK_SEQPACKET);
@@ -295,6 +303,8 @@ void Server::flush_fifos()
 {
     for (int b = 0; b < LOG_ID_COUNT; b++) {
         LogQueue& q = device_.queue(b);
+        while (!q.empty() && fifo_[b] < 0)
+            q.pop();
         while (!q.empty() && !device_.stalled(b)) {
             // Entries fit PIPE_BUF: each goes in whole or not at all.
             ssize_t n = write(fifo_[b], q.front().data(), q.front().size());
@@ -385,9 +395,10 @@ void Server::run()
 
 void usage(FILE* out)
 {
-    fprintf(out, "usage: tovak-devsim [--root DIR] [--remote-modem]\n"
+    fprintf(out, "usage: tovak-devsim [--root DIR] [--remote-modem] [--without-log NAME]...\n"
                  "Serves the simulated device: the modem's diag link, the logger, the log FIFOs,\n"
-                 "QMI and the control socket. Normally started by `tovak-sim up`.\n");
+                 "QMI and the control socket. Normally started by `tovak-sim up`.\n"
+                 "--without-log NAME leaves out the log device NAME (main, radio, events, system).\n");
 }
 
 } // namespace
@@ -396,12 +407,15 @@ int main(int argc, char** argv)
 {
     std::string root;
     bool remote = false;
+    std::vector<std::string> without_logs;
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
         if (a == "--root" && i + 1 < argc)
             root = argv[++i];
         else if (a == "--remote-modem")
             remote = true;
+        else if (a == "--without-log" && i + 1 < argc)
+            without_logs.push_back(argv[++i]);
         else if (a == "--help" || a == "-h") {
             usage(stdout);
             return 0;
@@ -412,7 +426,7 @@ int main(int argc, char** argv)
     }
     while (root.size() > 1 && root.back() == '/')
         root.pop_back();
-    Server server(root, remote);
+    Server server(root, remote, without_logs);
     server.run();
     return 0;
 }

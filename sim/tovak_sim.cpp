@@ -38,7 +38,7 @@ const char* const FACTORY_FILES[] = { "dm.cfg", "EventID.txt", "LogItem.txt", "M
 void usage(FILE* out)
 {
     fprintf(out,
-            "usage: tovak-sim up ROOT [--no-bootcomplete] [--remote-modem] [--etc DIR]\n"
+            "usage: tovak-sim up ROOT [--no-bootcomplete] [--remote-modem] [--without-log NAME] [--etc DIR]\n"
             "       tovak-sim ctl ROOT COMMAND [ARGS...]\n"
             "\n"
             "  up ROOT   create the device root ROOT if needed and run tovakd on it in the\n"
@@ -47,6 +47,7 @@ void usage(FILE* out)
             "\n"
             "  --no-bootcomplete  leave the property dev.bootcomplete unset\n"
             "  --remote-modem     attach a second (remote) modem\n"
+            "  --without-log NAME a phone without the log device /dev/log/NAME\n"
             "  --etc DIR          factory files for a new ROOT/system/etc (default: %s)\n"
             "\n"
             "  ctl ROOT COMMAND   drive the simulated device of a running `up ROOT`:\n"
@@ -125,6 +126,7 @@ struct UpOptions {
     std::string etc = TOVAK_ETC_DIR;
     bool bootcomplete = true;
     bool remote_modem = false;
+    std::vector<std::string> without_logs;
 };
 
 // Lays out ROOT like a phone's partitions. An existing system/etc is kept
@@ -198,6 +200,8 @@ std::vector<std::string> sandbox_command(const UpOptions& opt, const std::string
                             });
     if (opt.remote_modem)
         args.push_back("--remote-modem");
+    for (const std::string& name : opt.without_logs)
+        args.insert(args.end(), { "--without-log", name });
     return args;
 }
 
@@ -442,6 +446,8 @@ int main(int argc, char** argv)
             opt.bootcomplete = false;
         else if (a == "--remote-modem")
             opt.remote_modem = true;
+        else if (a == "--without-log" && i + 1 < argc)
+            opt.without_logs.push_back(argv[++i]);
         else if (a == "--etc" && i + 1 < argc)
             opt.etc = argv[++i];
         else {

@@ -73,16 +73,21 @@ static void set_enabled(int category, uint8_t value)
     enabled_bytes[category] = value;
 }
 
-// Waits up to 30 seconds; whatever ends the wait, the caller re-tests.
-static int timed_wait(adblog_wait* w)
+// Waits up to 30 seconds while *off is 0; whatever ends the wait, the
+// caller re-tests. The flag is tested again under the pair's mutex, so a
+// change stored and signalled just before the wait is not slept through.
+static int timed_wait(adblog_wait* w, const std::atomic<uint8_t>* off)
 {
+    int rc = 0;
     pthread_mutex_lock(&w->mutex);
-    timespec deadline;
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += ADBLOG_WAIT_SECONDS;
-    int rc = pthread_cond_timedwait(&w->cond, &w->mutex, &deadline);
-    if (rc < 0)
-        TLOG("ADBLOG: !!!!! Error: Timed Wait expired errno = %d", errno);
+    if (*off == 0) {
+        timespec deadline;
+        clock_gettime(CLOCK_REALTIME, &deadline);
+        deadline.tv_sec += ADBLOG_WAIT_SECONDS;
+        rc = pthread_cond_timedwait(&w->cond, &w->mutex, &deadline);
+        if (rc < 0)
+            TLOG("ADBLOG: !!!!! Error: Timed Wait expired errno = %d", errno);
+    }
     pthread_mutex_unlock(&w->mutex);
     return rc;
 }
@@ -164,13 +169,13 @@ static void* capture_thread(void* arg)
     char buf[ADBLOG_READ_BUFFER_SIZE];
     for (;;) {
         if (capture_state == 0) {
-            timed_wait(c->state_wait);
+            timed_wait(c->state_wait, &capture_state);
             close_log_object(category);
             continue;
         }
         if (c->enabled == 0) {
             close_log_object(category);
-            timed_wait(c->category_wait);
+            timed_wait(c->category_wait, &c->enabled);
             continue;
         }
         ssize_t n = read(fd, buf, sizeof buf);

@@ -18,6 +18,8 @@ void tovak_log_line(int line, const char* tag, const char* fmt, ...)
     printf("%d: ", line);
     __android_log_print(ANDROID_LOG_DEBUG, tag, "%s", msg);
     fputs(msg, stdout);
+    // Some messages carry no newline; they must not wait for the next one.
+    fflush(stdout);
     funlockfile(stdout);
 }
 
