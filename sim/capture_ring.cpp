@@ -1,5 +1,7 @@
 #include "capture_ring.h"
 
+#include "sim_files.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -7,19 +9,6 @@
 
 #include <algorithm>
 #include <cerrno>
-
-bool make_directories(const std::string& path)
-{
-    for (size_t pos = 1; pos <= path.size(); pos++) {
-        if (pos < path.size() && path[pos] != '/')
-            continue;
-        std::string part = path.substr(0, pos);
-        if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST)
-            return false;
-    }
-    struct stat st;
-    return !path.empty() && stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
 
 CaptureRing::~CaptureRing()
 {
@@ -34,7 +23,7 @@ bool CaptureRing::open(const std::string& backing_path, size_t capacity)
     if (fd_ >= 0 || capacity == 0)
         return false;
     size_t slash = backing_path.rfind('/');
-    if (slash != std::string::npos && slash > 0 && !make_directories(backing_path.substr(0, slash)))
+    if (slash != std::string::npos && slash > 0 && !sim_make_dirs(backing_path.substr(0, slash)))
         return false;
     fd_ = ::open(backing_path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (fd_ < 0)
@@ -113,7 +102,7 @@ bool CaptureRing::contents(std::vector<uint8_t>* out) const
 bool CaptureRing::commit(const std::string& dir, const std::string& name, int64_t unix_sec, std::string* path) const
 {
     std::vector<uint8_t> data;
-    if (!contents(&data) || !make_directories(dir))
+    if (!contents(&data) || !sim_make_dirs(dir))
         return false;
     time_t t = time_t(unix_sec);
     struct tm tm;

@@ -34,4 +34,3 @@ private:
     uint64_t total_ = 0; // bytes ever written; the ring holds the last capacity_ of them
 };
 
-bool make_directories(const std::string& path);

@@ -13,6 +13,7 @@
 
 #include "hdlc.h"
 #include "le.h"
+#include "sim_files.h"
 #include "sim_link.h"
 
 namespace {
@@ -21,33 +22,6 @@ const size_t MAX_REQUEST_RECORDS = 256;
 const size_t MAX_QMI_UNIT = 60000;
 const size_t MAX_QMI_UNITS = 64;
 const size_t MAX_QMI_SAVE = 16 << 20;
-
-bool make_dirs(const std::string& path)
-{
-    for (size_t pos = 1; pos <= path.size(); pos++) {
-        if (pos < path.size() && path[pos] != '/')
-            continue;
-        std::string part = path.substr(0, pos);
-        if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST)
-            return false;
-    }
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-bool write_all(int fd, const uint8_t* p, size_t n)
-{
-    while (n > 0) {
-        ssize_t w = write(fd, p, n);
-        if (w < 0 && errno == EINTR)
-            continue;
-        if (w <= 0)
-            return false;
-        p += w;
-        n -= size_t(w);
-    }
-    return true;
-}
 
 // A new file that no earlier one is overwritten by: base, then base_2, ...
 int create_new(const std::string& dir, const std::string& base, const std::string& ext, std::string* name)
@@ -155,7 +129,7 @@ std::vector<uint8_t> qmi_canned_unit(size_t unit, size_t size)
 Device::Device(std::string sim_dir)
     : sim_dir_(std::move(sim_dir))
 {
-    make_dirs(sim_dir_);
+    sim_make_dirs(sim_dir_);
     logcat_path_ = sim_dir_ + "/logcat.txt";
     logcat_fd_ = open(logcat_path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     // Statistics in three units of different sizes; no phantom data.
@@ -343,7 +317,7 @@ LinkAnswer Device::op(uint32_t code, const uint8_t* args, size_t len, LinkConnSt
 
 int Device::commit(uint64_t unix_ns)
 {
-    if (!make_dirs(output_path_))
+    if (!sim_make_dirs(output_path_))
         return 0;
     std::string base = stamp(unix_ns);
     bool ok = true;
@@ -357,7 +331,7 @@ int Device::commit(uint64_t unix_ns)
             continue;
         }
         std::vector<uint8_t> data = modem(remote).take_traffic();
-        ok = write_all(fd, data.data(), data.size()) && ok;
+        ok = sim_write_all(fd, data.data(), data.size()) && ok;
         ok = close(fd) == 0 && ok;
     }
     commit_seq_++;
@@ -367,7 +341,7 @@ int Device::commit(uint64_t unix_ns)
 bool Device::save_qmi(const LinkConnState& conn)
 {
     std::string dir = sim_dir_ + "/qmi";
-    if (!make_dirs(dir))
+    if (!sim_make_dirs(dir))
         return false;
     char seq[16];
     snprintf(seq, sizeof seq, "%04u", ++qmi_seq_);
@@ -375,7 +349,7 @@ bool Device::save_qmi(const LinkConnState& conn)
     int fd = create_new(dir, file_part(conn.kind) + "_" + file_part(conn.number) + "_" + seq, ".bin", &name);
     if (fd < 0)
         return false;
-    bool ok = write_all(fd, conn.data.data(), conn.data.size());
+    bool ok = sim_write_all(fd, conn.data.data(), conn.data.size());
     ok = close(fd) == 0 && ok;
     if (ok)
         qmi_saves_.push_back({ "qmi/" + name, conn.kind, conn.number, conn.data.size() });
@@ -388,7 +362,7 @@ void Device::log_entry(int buffer, const LogEntry& e)
         return;
     if (logcat_fd_ >= 0) {
         std::string text = threadtime_text(e);
-        write_all(logcat_fd_, reinterpret_cast<const uint8_t*>(text.data()), text.size());
+        sim_write_all(logcat_fd_, reinterpret_cast<const uint8_t*>(text.data()), text.size());
     }
     queues_[buffer].push(logger_entry_bytes(e));
 }

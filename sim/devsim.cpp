@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "device.h"
+#include "sim_files.h"
 #include "sim_link.h"
 #include "sim_root.h"
 
@@ -39,17 +40,6 @@ uint64_t clock_ns(clockid_t id)
     struct timespec ts;
     clock_gettime(id, &ts);
     return uint64_t(ts.tv_sec) * 1000000000ull + uint64_t(ts.tv_nsec);
-}
-
-void make_dirs(const std::string& path)
-{
-    for (size_t pos = 1; pos <= path.size(); pos++) {
-        if (pos < path.size() && path[pos] != '/')
-            continue;
-        std::string part = path.substr(0, pos);
-        if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST)
-            die("cannot create " + part + ": " + strerror(errno));
-    }
 }
 
 // Binds under a temporary name and renames into place once listening, so
@@ -108,8 +98,8 @@ public:
         : root_(root)
         , device_(root.empty() ? "/" SIM_DIR : root + "/" SIM_DIR)
     {
-        make_dirs(root + "/dev/socket");
-        make_dirs(root + "/dev/log");
+        if (!sim_make_dirs(root + "/dev/socket") || !sim_make_dirs(root + "/dev/log"))
+            die("cannot create " + root + "/dev/socket and /dev/log: " + strerror(errno));
         if (remote)
             device_.control({ "remote-modem", "on" });
         for (int b = 0; b < LOG_ID_COUNT; b++) {

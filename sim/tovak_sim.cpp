@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "host_properties.h"
+#include "sim_files.h"
 #include "sim_root.h"
 
 namespace {
@@ -75,16 +76,8 @@ bool is_dir(const std::string& path)
 
 void make_dirs(const std::string& path)
 {
-    std::string partial;
-    size_t pos = 0;
-    while (pos != std::string::npos) {
-        pos = path.find('/', pos + 1);
-        partial = path.substr(0, pos);
-        if (partial.empty() || is_dir(partial))
-            continue;
-        if (mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST)
-            die("cannot create " + partial + ": " + strerror(errno));
-    }
+    if (!sim_make_dirs(path))
+        die("cannot create " + path + ": " + strerror(errno));
 }
 
 void copy_file(const std::string& from, const std::string& to)
@@ -229,17 +222,10 @@ pid_t spawn(const std::vector<std::string>& args, int stdout_fd)
     return pid;
 }
 
+// A closed terminal must not stop the device.
 void write_all(int fd, const char* data, size_t len)
 {
-    while (len > 0) {
-        ssize_t n = write(fd, data, len);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return; // a closed terminal must not stop the device
-        data += n;
-        len -= size_t(n);
-    }
+    (void)sim_write_all(fd, data, len);
 }
 
 int cmd_up(const UpOptions& opt)
