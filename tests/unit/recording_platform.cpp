@@ -232,7 +232,8 @@ int diag_dpl_get_supported_ifaces(struct diag_dpl_iface_list* list)
     RecordingPlatform& p = platform();
     std::lock_guard<std::mutex> hold(p.mu);
     list->count = p.iface_count;
-    memcpy(list->ids, p.iface_ids.data(), std::min(p.iface_ids.size(), sizeof list->ids));
+    if (!p.iface_ids.empty())
+        memcpy(list->ids, p.iface_ids.data(), std::min(p.iface_ids.size(), sizeof list->ids));
     return 1;
 }
 
@@ -271,7 +272,8 @@ int qmi_tovak_get_data(uint32_t kind, void** data, uint32_t index, uint32_t* uni
     if (!unit.store)
         return unit.len;
     *data = malloc(unit.bytes.size() + 1);
-    memcpy(*data, unit.bytes.data(), unit.bytes.size());
+    if (!unit.bytes.empty())
+        memcpy(*data, unit.bytes.data(), unit.bytes.size());
     *unit_count = unit.unit_count;
     return unit.len;
 }
