@@ -1,9 +1,202 @@
-// DPL interface commands.
+// DPL interface commands. Unlike the mask commands they reach the modem at
+// once.
+#include "handlers/tovak_dpl_cmds.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "config/tovak_config.h"
+#include "daemon/byte_buffer.h"
+#include "daemon/tovak_log.h"
 #include "handlers/tovak_handler.h"
 
-TOVAK_HANDLER_NOT_BUILT(handler_dpl_set_state)
-TOVAK_HANDLER_NOT_BUILT(handler_dpl_get_state)
-TOVAK_HANDLER_NOT_BUILT(handler_dpl_get_all_if_list)
-TOVAK_HANDLER_NOT_BUILT(handler_dpl_get_if_list)
-TOVAK_HANDLER_NOT_BUILT(handler_dpl_set_if)
-TOVAK_HANDLER_NOT_BUILT(handler_dpl_reset)
+#define LOG_MODULE "tovak_handler"
+
+#define DPL_RECORD_ENTRIES 4
+#define DPL_ENTRY_OFFSET 8
+#define DPL_ENTRY_SIZE 16
+// What the library may write back for one interface; not read here.
+#define DPL_ANSWER_SIZE 4
+
+void tovak_dpl_iface_record(uint8_t ifid, uint8_t record[DIAG_DPL_IFACE_RECORD_SIZE])
+{
+    // clang-format off
+    static const uint8_t entries[DPL_RECORD_ENTRIES][2] = {
+        // kind, variant
+        { 1, 0 },
+        { 2, 0 },
+        { 1, 1 },
+        { 2, 1 },
+    };
+    // clang-format on
+    memset(record, 0, DIAG_DPL_IFACE_RECORD_SIZE);
+    record[0] = ifid;
+    record[1] = DPL_RECORD_ENTRIES;
+    for (int i = 0; i < DPL_RECORD_ENTRIES; i++) {
+        uint8_t* e = record + DPL_ENTRY_OFFSET + DPL_ENTRY_SIZE * i;
+        e[0] = entries[i][0]; // u32 kind, little-endian
+        e[4] = ifid;
+        e[6] = entries[i][1];
+    }
+}
+
+static bool gate_t(const uint8_t* rsp)
+{
+    return tovak_handler_initialized && rsp != nullptr;
+}
+
+static void save_config()
+{
+    tovak_config_save_file(tovak_config_get_file());
+}
+
+uint32_t handler_dpl_set_state(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
+{
+    if (!gate_t(rsp)) {
+        TLOG_ERR();
+        return 0;
+    }
+    byte_buffer in;
+    byte_buffer_init(&in, req, req_len);
+    uint32_t state = 0;
+    byte_buffer_read_u32(&in, &state);
+    TLOG("dpl set state %d\n", int(state));
+    // A repeat is refused so that the client learns nothing changed.
+    if (state == tovak_config_get_dpl_state()) {
+        TLOG_ERR();
+        return 0;
+    }
+    if (state != 0) {
+        uint16_t* ids = nullptr;
+        int count = -1;
+        int result = tovak_config_get_dpl_ifs(&ids, &count);
+        TLOG("tovak_config_get_dpl_ifs result = %d, size = %d\n", result, count);
+        // The modem takes one byte per interface.
+        for (int i = 0; i < count; i++)
+            diag_dpl_set_iface_logging_with_ifid(uint8_t(ids[i]));
+        free(ids);
+    } else {
+        diag_dpl_reset_logging();
+    }
+    // A negative request has switched the interfaces on, yet is stored as off.
+    tovak_config_set_dpl_state(int32_t(state) > 0 ? 1 : 0);
+    save_config();
+    *rsp_len = 0;
+    return 1;
+}
+
+uint32_t handler_dpl_get_state(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
+{
+    if (!gate_t(rsp)) {
+        TLOG_ERR();
+        return 0;
+    }
+    TLOG("dpl get state\n");
+    byte_buffer out;
+    byte_buffer_init(&out, rsp, *rsp_len);
+    byte_buffer_write_u32(&out, tovak_config_get_dpl_state());
+    *rsp_len = byte_buffer_length(&out);
+    return 1;
+}
+
+uint32_t handler_dpl_get_all_if_list(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
+{
+    if (!gate_t(rsp)) {
+        TLOG_ERR();
+        return 0;
+    }
+    TLOG("handler_dpl_get_all_if_list output length = %d\n", int(*rsp_len));
+    diag_dpl_iface_list list;
+    memset(&list, 0, sizeof list);
+    diag_dpl_get_supported_ifaces(&list);
+    const uint32_t count = list.count < DIAG_DPL_MAX_IFACES ? list.count : DIAG_DPL_MAX_IFACES;
+
+    byte_buffer out;
+    byte_buffer_init(&out, rsp, *rsp_len);
+    byte_buffer_write_u32(&out, count);
+    for (uint32_t i = 0; i < count; i++) {
+        diag_dpl_iface_desc desc;
+        memset(&desc, 0, sizeof desc);
+        diag_dpl_get_iface_desc(list.ids[i], &desc);
+        const char* end = static_cast<const char*>(memchr(desc.desc, '\0', sizeof desc.desc));
+        // Its length would not fit the reply's byte; it can't be cut either.
+        if (end == nullptr) {
+            TLOG_ERR();
+            return 0;
+        }
+        const uint8_t len = uint8_t(end - desc.desc);
+        TLOG("id = %d, desc = %s\n", int(list.ids[i]), desc.desc);
+        // Each write stands alone: a reply area too small for one still
+        // takes the smaller ones after it.
+        byte_buffer_write_u8(&out, list.ids[i]);
+        byte_buffer_write_u8(&out, len);
+        byte_buffer_write_bytes(&out, desc.desc, len);
+    }
+    *rsp_len = byte_buffer_length(&out);
+    return 1;
+}
+
+uint32_t handler_dpl_get_if_list(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
+{
+    if (!gate_t(rsp)) {
+        TLOG_ERR();
+        return 0;
+    }
+    TLOG("handler_dpl_get_if_list output length = %d\n", int(*rsp_len));
+    uint16_t* ids = nullptr;
+    int count = -1;
+    if (tovak_config_get_dpl_ifs(&ids, &count) != 0 || count < 0) {
+        TLOG_ERR();
+        free(ids);
+        return 0;
+    }
+    byte_buffer out;
+    byte_buffer_init(&out, rsp, *rsp_len);
+    byte_buffer_write_u32(&out, uint32_t(count));
+    // One write: a list too long for the reply goes out as its count alone.
+    byte_buffer_write_bytes(&out, ids, uint32_t(count) * sizeof *ids);
+    *rsp_len = byte_buffer_length(&out);
+    free(ids);
+    return 1;
+}
+
+uint32_t handler_dpl_set_if(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
+{
+    if (!gate_t(rsp)) {
+        TLOG_ERR();
+        return 0;
+    }
+    *rsp_len = 0;
+    byte_buffer in;
+    byte_buffer_init(&in, req, req_len);
+    uint16_t id = 0;
+    byte_buffer_read_u16(&in, &id);
+    TLOG("handler_dpl_set_if, if id = %d\n", int(id));
+    uint8_t record[DIAG_DPL_IFACE_RECORD_SIZE];
+    tovak_dpl_iface_record(uint8_t(id), record);
+    uint8_t answer[DPL_ANSWER_SIZE] = {};
+    // Logged at once, whatever the DPL state.
+    diag_dpl_set_iface_logging(record, answer, DPL_ANSWER_SIZE, uint8_t(id));
+    tovak_config_add_dpl_if(id);
+    save_config();
+    return 1;
+}
+
+uint32_t handler_dpl_reset(uint32_t, uint8_t*, uint32_t*, uint8_t* rsp)
+{
+    if (!gate_t(rsp)) {
+        TLOG_ERR();
+        return 0;
+    }
+    uint16_t* ids = nullptr;
+    int count = -1;
+    tovak_config_get_dpl_ifs(&ids, &count);
+    for (int i = 0; i < count; i++)
+        tovak_config_rm_dpl_if(ids[i]);
+    free(ids);
+    diag_dpl_reset_logging();
+    tovak_config_set_dpl_state(0);
+    save_config();
+    // The reply is never written, not even its length.
+    return 1;
+}
