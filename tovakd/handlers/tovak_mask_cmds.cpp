@@ -20,8 +20,13 @@ static bool gate_t(const uint8_t* rsp)
     return tovak_handler_initialized && rsp != nullptr;
 }
 
-static void save_config()
+// The edit and its save under one hold of the configuration lock: a log on
+// reloading the file in between would otherwise drop the edit.
+template <typename Edit>
+static void edit_and_save(Edit edit)
 {
+    tovak_config_locked c;
+    edit();
     tovak_config_save_file(tovak_config_get_file());
 }
 
@@ -94,8 +99,7 @@ uint32_t handler_add_event(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, ui
         return 0;
     uint16_t id = read_u16(&in);
     TLOG("handler_add_event, event id = %d\n", int(id));
-    tovak_config_add_event(id);
-    save_config();
+    edit_and_save([&] { tovak_config_add_event(id); });
     return 1;
 }
 
@@ -106,8 +110,7 @@ uint32_t handler_rm_event(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uin
         return 0;
     uint16_t id = read_u16(&in);
     TLOG("handler_rm_event, event id = %d\n", int(id));
-    tovak_config_rm_event(id);
-    save_config();
+    edit_and_save([&] { tovak_config_rm_event(id); });
     return 1;
 }
 
@@ -131,8 +134,7 @@ uint32_t handler_add_log(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint
         return 0;
     uint16_t code = read_u16(&in);
     TLOG("handler_add_log, log id = %d\n", int(code));
-    tovak_config_add_log(code);
-    save_config();
+    edit_and_save([&] { tovak_config_add_log(code); });
     return 1;
 }
 
@@ -143,8 +145,7 @@ uint32_t handler_rm_log(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8
         return 0;
     uint16_t code = read_u16(&in);
     TLOG("handler_rm_log, log id = %d\n", int(code));
-    tovak_config_rm_log(code);
-    save_config();
+    edit_and_save([&] { tovak_config_rm_log(code); });
     return 1;
 }
 
@@ -169,8 +170,7 @@ uint32_t handler_add_msg(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint
     uint16_t ssid = read_u16(&in);
     uint32_t mask = read_u32(&in);
     TLOG("handler_add_msg ssid = 0x%x, mask = 0x%x\n", unsigned(ssid), unsigned(mask));
-    tovak_config_add_msg(ssid, mask);
-    save_config();
+    edit_and_save([&] { tovak_config_add_msg(ssid, mask); });
     return 1;
 }
 
@@ -181,8 +181,7 @@ uint32_t handler_rm_msg(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8
         return 0;
     uint16_t ssid = read_u16(&in);
     TLOG("handler_rm_msg ssid = 0x%x\n", unsigned(ssid));
-    tovak_config_rm_msg(ssid);
-    save_config();
+    edit_and_save([&] { tovak_config_rm_msg(ssid); });
     return 1;
 }
 
