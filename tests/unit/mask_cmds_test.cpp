@@ -30,7 +30,7 @@ const uint8_t STALE = 0xAB;
 Reply call(command_handler h, const Bytes& req, uint32_t capacity = TOVAK_PKT_DATA_SIZE)
 {
     tovak_pkt rq = {};
-    memcpy(rq.data, req.data(), req.size());
+    std::copy(req.begin(), req.end(), rq.data);
     tovak_pkt rs;
     memset(rs.data, STALE, sizeof rs.data);
     uint32_t len = capacity;
