@@ -8,8 +8,6 @@
 #include <string>
 
 #include "config_test_support.h"
-#include "host_link.h"
-#include "sim_device.h"
 
 namespace {
 
@@ -299,36 +297,6 @@ TEST(PacketStore, HoldsCopiesAndNeverCountsUnfilledEntries)
     }
     ASSERT_EQ(0, tovak_data_store_packets({}));
     EXPECT_EQ(0u, tovak_data_dm_packet_count());
-}
-
-TEST(LoadPackets, WithoutAModemTheBuiltInLimitsServe)
-{
-    TempDir nowhere;
-    sim_host_set_root(nowhere.path());
-    reset_config();
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(0, tovak_data_load_dm_packet());
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(0u, tovak_data_dm_packet_count());
-    EXPECT_EQ(std::string::npos, out.find(">> getVariousInfoOnEventLogMessage")) << "nothing parsed, nothing asked";
-    EXPECT_NE(std::string::npos, out.find("  tovak_data_load_dm_packet(), total packet_cnt 0\n"));
-
-    tovak_config_load_text(DEFAULT_CONFIG_TEXT);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(0, tovak_data_load_dm_packet());
-    out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(std::string::npos, out.find("Critical Error: Can't initiate diag object\n"));
-    EXPECT_NE(std::string::npos, out.find("  tovak_data_load_dm_packet(), total packet_cnt 27\n"));
-    ASSERT_EQ(27u, tovak_data_dm_packet_count());
-    EXPECT_EQ(0x76, (*tovak_data_get_dm_packet(0))[4]) << "2166 events, the built-in limit";
-    {
-        tovak_config_locked c;
-        EXPECT_EQ(0, c->ranges_known);
-        EXPECT_TRUE(c->log_last_items.empty());
-    }
-    reset_config();
-    tovak_data_store_packets({});
-    sim_host_set_root("");
 }
 
 } // namespace
