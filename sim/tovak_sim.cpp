@@ -331,6 +331,9 @@ int cmd_inside(int argc, char** argv)
 
     pid_t sim = -1;
     if (access(devsim[0].c_str(), X_OK) == 0) {
+        // A socket left by an earlier run would let the daemon start before
+        // this simulator listens; the root's lock says no one else uses it.
+        unlink(SIM_DIAG_SOCKET);
         sim = spawn(devsim, STDERR_FILENO); // its chatter stays off the daemon's stdout
         if (!wait_for_path(SIM_DIAG_SOCKET, sim, 10000))
             die("the device simulator did not come up");

@@ -39,6 +39,8 @@ TEST(DevsimInSandbox, ServesItsDevicePathsBeforeTheDaemonStarts)
         EXPECT_TRUE(is_socket(dev.path(std::string("dev/socket/") + s))) << s;
     for (const char* f : { "main", "radio", "events", "system" })
         EXPECT_TRUE(is_fifo(dev.path(std::string("dev/log/") + f))) << f;
+    // The daemon's start-up switches the mode for its range queries and back.
+    ASSERT_TRUE(dev.wait_stdout("tovak handler is initialized successfully\n"));
     json st = devsim_status(dev.root());
     ASSERT_FALSE(st.is_discarded());
     EXPECT_FALSE(st["modems"]["remote"]["enabled"]);
@@ -70,6 +72,8 @@ TEST(DevsimInSandbox, LibrariesOutsideReachTheSandboxedModem)
 {
     SimDevice dev;
     ASSERT_TRUE(dev.start()) << dev.failure();
+    // The daemon's own start-up asks the modem too; let it finish first.
+    ASSERT_TRUE(dev.wait_stdout("tovak handler is initialized successfully\n"));
     sim_host_set_root(dev.root());
     EXPECT_EQ(0, diag_init());
     EXPECT_EQ(50000000, diag_change_buffer_size(50000000));

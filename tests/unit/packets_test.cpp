@@ -55,7 +55,7 @@ TEST(EventMaskPacket, DefaultSelectionWithBuiltInLimit)
 
 TEST(LogMaskPackets, OnePacketPerEquipmentIdWithCodes)
 {
-    uint32_t last[LOG_EQUIP_ID_COUNT] = {};
+    uint32_t last[TOVAK_EQUIPMENT_ID_COUNT] = {};
     struct Case {
         const char* name;
         std::vector<uint16_t> codes;
@@ -87,7 +87,7 @@ TEST(LogMaskPackets, OnePacketPerEquipmentIdWithCodes)
 
 TEST(LogMaskPackets, CodeOfEquipment4WithTheBuiltInStyleLimit)
 {
-    uint32_t last[LOG_EQUIP_ID_COUNT] = {};
+    uint32_t last[TOVAK_EQUIPMENT_ID_COUNT] = {};
     last[4] = 0x130;
     auto packets = tovak_build_log_mask_packets({ 0x412f }, last);
     ASSERT_EQ(1u, packets.size());
@@ -102,7 +102,7 @@ TEST(LogMaskPackets, CodeOfEquipment4WithTheBuiltInStyleLimit)
 
 TEST(LogMaskPackets, EquipmentIdsInOrder)
 {
-    uint32_t last[LOG_EQUIP_ID_COUNT];
+    uint32_t last[TOVAK_EQUIPMENT_ID_COUNT];
     for (uint32_t& l : last)
         l = 3003;
     auto packets = tovak_build_log_mask_packets({ 0xb061, 0x412f, 0x713f, 0xb0c0, 0x7140 }, last);
@@ -114,7 +114,7 @@ TEST(LogMaskPackets, EquipmentIdsInOrder)
 
 TEST(LogMaskPackets, AbsurdLimitsBuildNothingRatherThanHugePackets)
 {
-    uint32_t last[LOG_EQUIP_ID_COUNT] = {};
+    uint32_t last[TOVAK_EQUIPMENT_ID_COUNT] = {};
     last[1] = 0xffffffff;
     EXPECT_TRUE(tovak_build_log_mask_packets({ 0x1001 }, last).empty());
 }
@@ -124,7 +124,7 @@ TEST(MsgMaskPackets, OnePerRangeWithEveryMask)
     struct Case {
         const char* name;
         std::vector<std::pair<uint16_t, uint32_t>> masks;
-        std::vector<tovak_ssid_range> ranges;
+        std::vector<tovak_msg_range> ranges;
         std::vector<const char*> packets;
     };
     const Case cases[] = {

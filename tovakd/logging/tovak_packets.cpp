@@ -37,12 +37,12 @@ tovak_packet tovak_build_event_mask_packet(const std::vector<uint16_t>& ids, uin
 }
 
 std::vector<tovak_packet> tovak_build_log_mask_packets(const std::vector<uint16_t>& codes,
-                                                       const uint32_t last_items[LOG_EQUIP_ID_COUNT])
+                                                       const uint32_t last_items[TOVAK_EQUIPMENT_ID_COUNT])
 {
     std::vector<uint16_t> sorted(codes);
     std::sort(sorted.begin(), sorted.end());
     std::vector<tovak_packet> out;
-    for (uint32_t q = 0; q < LOG_EQUIP_ID_COUNT; q++) {
+    for (uint32_t q = 0; q < TOVAK_EQUIPMENT_ID_COUNT; q++) {
         const uint32_t last = last_items[q];
         auto first = std::lower_bound(sorted.begin(), sorted.end(), uint16_t(q << 12));
         if (last == 0 || first == sorted.end() || (*first >> 12) != q)
@@ -70,12 +70,12 @@ std::vector<tovak_packet> tovak_build_log_mask_packets(const std::vector<uint16_
 }
 
 std::vector<tovak_packet> tovak_build_msg_mask_packets(const std::vector<std::pair<uint16_t, uint32_t>>& masks,
-                                                       const std::vector<tovak_ssid_range>& ranges)
+                                                       const std::vector<tovak_msg_range>& ranges)
 {
     std::vector<std::pair<uint16_t, uint32_t>> sorted(masks);
     std::sort(sorted.begin(), sorted.end());
     std::vector<tovak_packet> out;
-    for (const tovak_ssid_range& r : ranges) {
+    for (const tovak_msg_range& r : ranges) {
         if (r.last < r.first) {
             TLOG_ERR(); // a range that is no range
             continue;

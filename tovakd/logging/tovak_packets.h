@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "config/tovak_config_lists.h"
+
 #define DIAG_CMD_EVENT_REPORT 0x60
 #define DIAG_CMD_LOG_CONFIG 0x73
 #define DIAG_CMD_EXT_MSG_CONFIG 0x7d
@@ -19,17 +21,10 @@
 #define EXT_MSG_SET_RT_MASK 4
 #define EXT_MSG_SET_ALL_RT_MASKS 5
 
-#define LOG_EQUIP_ID_COUNT 16
-
 // The store keeps 16 bits of a packet's length; nothing longer is built.
 #define TOVAK_MAX_PACKET_SIZE 0xffff
 
 using tovak_packet = std::vector<uint8_t>;
-
-struct tovak_ssid_range {
-    uint16_t first;
-    uint16_t last;
-};
 
 // 0x82: limit n, then an (n >> 3) + 1 byte mask; ids past the mask are left out.
 tovak_packet tovak_build_event_mask_packet(const std::vector<uint16_t>& ids, uint16_t n);
@@ -38,8 +33,8 @@ tovak_packet tovak_build_event_mask_packet(const std::vector<uint16_t>& ids, uin
 // one configured code; codes ascending, the walk ends at the first code past
 // the last item.
 std::vector<tovak_packet> tovak_build_log_mask_packets(const std::vector<uint16_t>& codes,
-                                                       const uint32_t last_items[LOG_EQUIP_ID_COUNT]);
+                                                       const uint32_t last_items[TOVAK_EQUIPMENT_ID_COUNT]);
 
 // 0x7D 4, one per range whether or not any of its SSIDs is configured.
 std::vector<tovak_packet> tovak_build_msg_mask_packets(const std::vector<std::pair<uint16_t, uint32_t>>& masks,
-                                                       const std::vector<tovak_ssid_range>& ranges);
+                                                       const std::vector<tovak_msg_range>& ranges);
