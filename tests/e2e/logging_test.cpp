@@ -15,7 +15,6 @@
 #include "daemon/tovak_cmd_ids.h"
 #include "devsim_ctl.h"
 #include "hdlc.h"
-#include "host_link.h"
 #include "platform/diag.h"
 #include "sim_device.h"
 
@@ -47,6 +46,17 @@ size_t count(const std::string& text, const std::string& needle)
     for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
         n++;
     return n;
+}
+
+bool has_file_starting(const std::string& dir, const std::string& prefix)
+{
+    bool found = false;
+    DIR* d = opendir(dir.c_str());
+    while (dirent* e = d ? readdir(d) : nullptr)
+        found = found || std::string(e->d_name).rfind(prefix, 0) == 0;
+    if (d)
+        closedir(d);
+    return found;
 }
 
 class Logging : public ::testing::Test {
@@ -188,6 +198,10 @@ TEST_F(Logging, ARestartWithLogStateOnResumesWithoutAClient)
     std::string out = dev.daemon_stdout();
     EXPECT_NE(std::string::npos, out.find("Current Log state = 1\n"));
     EXPECT_EQ(std::string::npos, out.find("cmd = ")) << "no client asked";
+    client = dev.connect();
+    bool on = false;
+    ASSERT_TRUE(client->get_log_state(&on).done());
+    EXPECT_TRUE(on);
 }
 
 TEST_F(Logging, LostAndDamagedAnswersDuringLogOnAreSkippedNotRepeated)
@@ -368,21 +382,22 @@ std::set<std::tuple<char, int, int>> stream_items(const std::string& bytes, size
     return items;
 }
 
-TEST_F(Logging, TheModemProducesTrafficOnlyOfEnabledItems)
+TEST_F(Logging, TheCommittedLogHoldsOnlyEnabledItemsWhereTheOutPathSays)
 {
     start();
     EXPECT_EQ(0, status()["modems"]["local"]["traffic"]["produced"]) << "nothing before logging on";
+    ASSERT_TRUE(client->capture_on().done()); // the out path also places the next capture commit
+    ASSERT_TRUE(client->set_out_path("/sdcard/field/dm").done());
+    EXPECT_EQ("/sdcard/field/dm", status()["output_path"]);
     switch_logging(CMD_LOG_ON);
+    bool on = false;
+    ASSERT_TRUE(client->get_log_state(&on).done());
+    EXPECT_TRUE(on);
     // Enough packets to go round all 44 enabled items more than once.
     ASSERT_TRUE(wait_until([&] { return status()["modems"]["local"]["traffic"]["produced"] >= 100; }));
+    ASSERT_TRUE(client->commit_log().done());
 
-    // Committed straight through the platform library: the daemon's commit
-    // command lives with the buffer and output path commands.
-    sim_host_set_root(dev.root());
-    int committed = diag_commit_log();
-    sim_host_set_root("");
-    ASSERT_EQ(1, committed);
-    const std::string dir = dev.path("data/media/0/diag_logs");
+    const std::string dir = dev.path("data/media/0/field/dm");
     std::string stream;
     if (DIR* d = opendir(dir.c_str())) {
         while (dirent* e = readdir(d))
@@ -403,10 +418,50 @@ TEST_F(Logging, TheModemProducesTrafficOnlyOfEnabledItems)
             enabled.insert({ 'M', m[0].get<int>(), level });
     EXPECT_EQ(enabled, items);
 
+    // The Android log capture commits once beside it.
+    ASSERT_TRUE(wait_until([&] {
+        client->capture_commit();
+        return has_file_starting(dev.path("data/media/0/field"), "adbmain_");
+    }));
+
     switch_logging(CMD_LOG_OFF);
     json st = status();
     EXPECT_TRUE(st["logging_stopped"]);
     expect_reports_off(st["modems"]["local"], "local");
+    ASSERT_TRUE(client->get_log_state(&on).done());
+    EXPECT_FALSE(on);
+}
+
+TEST_F(Logging, BufferSizeChangesOnlyWhileLoggingIsOffAndIsAppliedAtStartUp)
+{
+    start();
+    int32_t taken = 0;
+    ASSERT_TRUE(client->set_log_size(3000000, &taken).done());
+    EXPECT_EQ(3000000, taken);
+    EXPECT_EQ(3000000, status()["buffer_size"]);
+
+    switch_logging(CMD_LOG_ON);
+    // Refused while logging runs: 4 bytes of -1.
+    const uint8_t size_req[4] = { 0x80, 0x84, 0x1e, 0x00 }; // 2000000
+    tovak_pkt reply;
+    ASSERT_EQ(TovakStatus::ok, client->transact(CMD_LOG_SIZE, size_req, 4, &reply));
+    EXPECT_EQ(4u, reply.len);
+    EXPECT_EQ(0xffffffffu, uint32_t(reply.data[0] | reply.data[1] << 8 | reply.data[2] << 16 | uint32_t(reply.data[3]) << 24));
+    EXPECT_EQ(3000000, status()["buffer_size"]);
+    EXPECT_NE(std::string::npos, read_file(user_config()).find("<BufferSize>3000000</BufferSize>"));
+    switch_logging(CMD_LOG_OFF);
+
+    // A modem that forgot it gets the configured size again at start-up.
+    client.reset();
+    ASSERT_EQ(0, dev.stop());
+    ASSERT_TRUE(dev.start()) << dev.failure();
+    ASSERT_TRUE(dev.wait_stdout("Current Log Buffer Size 3000000\n"));
+    ASSERT_TRUE(dev.wait_stdout("tovak handler is initialized successfully\n"));
+    EXPECT_EQ(3000000, status()["buffer_size"]);
+    client = dev.connect();
+    uint32_t size = 0;
+    ASSERT_TRUE(client->get_buffer_size(&size).done());
+    EXPECT_EQ(3000000u, size);
 }
 
 TEST_F(Logging, ConcurrentEditsAndSwitchesLoseNothing)
