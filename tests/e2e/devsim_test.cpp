@@ -31,7 +31,7 @@ bool is_socket(const std::string& path)
     return stat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
 }
 
-TEST(DevsimInSandbox, ServesItsDevicePathsBeforeTheDaemonStarts)
+TEST(DevsimInSandbox, ServesItsDevicePathsAndTheDaemonsLogLines)
 {
     SimDevice dev;
     ASSERT_TRUE(dev.start()) << dev.failure();
@@ -41,10 +41,15 @@ TEST(DevsimInSandbox, ServesItsDevicePathsBeforeTheDaemonStarts)
         EXPECT_TRUE(is_fifo(dev.path(std::string("dev/log/") + f))) << f;
     // The daemon's start-up switches the mode for its range queries and back.
     ASSERT_TRUE(dev.wait_stdout("tovak handler is initialized successfully\n"));
+    const std::string logcat = dev.path(SIM_LOGCAT_FILE);
+    const std::regex line(R"( D TAMBOUR_TOVAK: tovak daemon initialized = 0\n)");
+    EXPECT_TRUE(wait_until([&] { return std::regex_search(read_file(logcat), line); })) << read_file(logcat);
     json st = devsim_status(dev.root());
     ASSERT_FALSE(st.is_discarded());
     EXPECT_FALSE(st["modems"]["remote"]["enabled"]);
     EXPECT_EQ(1, st["mode"]);
+    EXPECT_GT(st["logger"]["main"]["received"], 0);
+    EXPECT_EQ(std::string::npos, read_file(dev.path("launcher.err")).find("D/TOVAK(")) << "no stderr fallback";
 }
 
 TEST(DevsimInSandbox, RemoteModemOptionAttachesIt)
@@ -56,19 +61,7 @@ TEST(DevsimInSandbox, RemoteModemOptionAttachesIt)
     EXPECT_TRUE(st["modems"]["remote"]["enabled"]);
 }
 
-TEST(DevsimInSandbox, TheDaemonsLogLinesReachTheLogger)
-{
-    SimDevice dev;
-    ASSERT_TRUE(dev.start()) << dev.failure();
-    const std::string logcat = dev.path(SIM_LOGCAT_FILE);
-    ASSERT_TRUE(wait_until([&] { return read_file(logcat).find("tovak daemon initialized = 0") != std::string::npos; }));
-    EXPECT_TRUE(std::regex_search(read_file(logcat), std::regex(R"( D TAMBOUR_TOVAK: tovak daemon initialized = 0\n)")));
-    EXPECT_EQ(std::string::npos, read_file(dev.path("launcher.err")).find("D/TOVAK(")) << "no stderr fallback";
-    json main = devsim_status(dev.root())["logger"]["main"];
-    EXPECT_GT(main["received"], 0);
-}
-
-TEST(DevsimInSandbox, LibrariesOutsideReachTheSandboxedModem)
+TEST(DevsimInSandbox, LibrariesOutsideReachTheSandboxedModemUntilItStops)
 {
     SimDevice dev;
     ASSERT_TRUE(dev.start()) << dev.failure();
@@ -91,13 +84,7 @@ TEST(DevsimInSandbox, LibrariesOutsideReachTheSandboxedModem)
     json st = devsim_status(dev.root());
     EXPECT_EQ(50000000, st["buffer_size"]);
     EXPECT_EQ("81000000", st["requests"].back()["request"]);
-}
 
-TEST(DevsimInSandbox, StopsWithTheDevice)
-{
-    SimDevice dev;
-    ASSERT_TRUE(dev.start()) << dev.failure();
-    ASSERT_FALSE(devsim_status(dev.root()).is_discarded());
     EXPECT_EQ(0, dev.stop());
     // The sandbox's processes are killed with it, a moment later.
     std::string err;

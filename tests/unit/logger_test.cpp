@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <regex>
+#include <tuple>
 
 #include "le.h"
 #include "logger.h"
@@ -56,8 +57,6 @@ TEST(LoggerText, ThreadtimeFormat)
     std::string line = threadtime_text(entry("TAMBOUR_TOVAK", "tovak daemon initialized = 0\n"));
     EXPECT_TRUE(std::regex_match(line, std::regex(R"(\d\d-\d\d \d\d:\d\d:\d\d\.123  4321  4322 D TAMBOUR_TOVAK: tovak daemon initialized = 0\n)")))
         << line;
-    std::string short_tag = threadtime_text(entry("TOVAK", "x"));
-    EXPECT_NE(std::string::npos, short_tag.find(" D TOVAK   : x\n")) << short_tag;
     // Every line of a message gets the prefix.
     std::string multi = threadtime_text(entry("T", "one\ntwo"));
     EXPECT_TRUE(std::regex_match(multi, std::regex(R"([^\n]+ D T       : one\n[^\n]+ D T       : two\n)"))) << multi;
@@ -73,13 +72,9 @@ TEST(LoggerDatagram, RoundTripAndMalformedInput)
     int buffer = -1;
     ASSERT_TRUE(parse_logdw(d.data(), d.size(), 77, &back, &buffer));
     EXPECT_EQ(LOG_ID_RADIO, buffer);
-    EXPECT_EQ(77, back.pid) << "the pid comes from the socket, not the datagram";
-    EXPECT_EQ(e.tid, back.tid);
-    EXPECT_EQ(e.sec, back.sec);
-    EXPECT_EQ(e.nsec, back.nsec);
-    EXPECT_EQ(e.prio, back.prio);
-    EXPECT_EQ(e.tag, back.tag);
-    EXPECT_EQ(e.msg, back.msg);
+    e.pid = 77; // from the socket, not the datagram
+    EXPECT_EQ(std::tie(e.pid, e.tid, e.sec, e.nsec, e.prio, e.tag, e.msg),
+              std::tie(back.pid, back.tid, back.sec, back.nsec, back.prio, back.tag, back.msg));
 
     Bytes no_msg_nul(d.begin(), d.end() - 1);
     ASSERT_TRUE(parse_logdw(no_msg_nul.data(), no_msg_nul.size(), 1, &back, &buffer));
@@ -115,7 +110,6 @@ TEST(LogBuffers, NamesAndIds)
     for (int id = 0; id < LOG_ID_COUNT; id++)
         EXPECT_EQ(id, log_buffer_id(log_buffer_name(id)));
     EXPECT_EQ(-1, log_buffer_id("kernel"));
-    EXPECT_EQ(LOG_ID_MAIN, log_buffer_id("main"));
     EXPECT_EQ(LOG_ID_SYSTEM, log_buffer_id("system"));
 }
 
