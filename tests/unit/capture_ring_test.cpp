@@ -8,6 +8,7 @@
 #include <regex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "capture_ring.h"
@@ -151,14 +152,11 @@ TEST_F(SyslogLib, CommitsAreNewFilesKeepTheRingAndNeedAUsableDirectory)
 
 TEST_F(SyslogLib, CreationRefusesBadArguments)
 {
-    struct Case {
-        int capacity;
-        const char* name;
-    };
+    using Case = std::pair<int, const char*>; // capacity, name
     for (Case c : { Case{ 0, "adbmain" }, Case{ -1, "adbmain" }, Case{ 10, nullptr }, Case{ 10, "" },
                     Case{ 10, "../escape" } }) {
         syslog_object* obj = reinterpret_cast<syslog_object*>(&c);
-        EXPECT_EQ(0, syslog_create2(&obj, c.capacity, c.name, 1, 2)) << c.capacity << " " << (c.name ? c.name : "null");
+        EXPECT_EQ(0, syslog_create2(&obj, c.first, c.second, 1, 2)) << c.first << " " << (c.second ? c.second : "null");
         EXPECT_EQ(nullptr, obj) << "a failed creation clears the slot";
     }
     EXPECT_EQ(0, syslog_create2(nullptr, 10, "adbmain", 1, 2));

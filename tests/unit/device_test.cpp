@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "device.h"
@@ -118,12 +119,10 @@ TEST_F(DeviceTest, BufferSizeClampsIntoItsRangeAndBadOperationsFail)
     const int32_t lo = int32_t(get_u32(range.data())), hi = int32_t(get_u32(range.data() + 4));
     ASSERT_LT(lo, 50000000);
     ASSERT_GT(hi, 50000000);
-    struct Case {
-        int32_t asked, in_force;
-    };
-    for (Case c : { Case{ 50000000, 50000000 }, Case{ 0, lo }, Case{ -5, lo }, Case{ hi + 1, hi } }) {
-        EXPECT_EQ(c.in_force, op(SIM_OP_CHANGE_BUFFER_SIZE, i32(c.asked))) << c.asked;
-        EXPECT_EQ(c.in_force, op(SIM_OP_GET_BUFFER_SIZE)) << c.asked;
+    using P = std::pair<int32_t, int32_t>; // asked, in force
+    for (auto [asked, in_force] : { P{ 50000000, 50000000 }, P{ 0, lo }, P{ -5, lo }, P{ hi + 1, hi } }) {
+        EXPECT_EQ(in_force, op(SIM_OP_CHANGE_BUFFER_SIZE, i32(asked))) << asked;
+        EXPECT_EQ(in_force, op(SIM_OP_GET_BUFFER_SIZE)) << asked;
     }
     EXPECT_EQ("ok\n", ctl({ "buffer-range", "1000", "2000" }));
     EXPECT_EQ(2000, op(SIM_OP_GET_BUFFER_SIZE)) << "a new range clamps the size in force";
@@ -235,9 +234,7 @@ TEST_F(DeviceTest, RangesSetAtRunTimeAreWhatTheModemAnswers)
     EXPECT_EQ((Bytes{ 0x7D, 1, 1, 0, 2, 0, 0, 0, 0, 0, 3, 0, 0x58, 0x1B, 0x59, 0x1B }), answer({ 0x7D, 0x01 }));
     Bytes items = answer({ 0x73, 0, 0, 0, 1, 0, 0, 0 });
     ASSERT_EQ(12u + 64, items.size());
-    EXPECT_EQ(0x10u, get_u32(&items[12]));
-    EXPECT_EQ(20u, get_u32(&items[16]));
-    EXPECT_EQ(0u, get_u32(&items[20]));
+    EXPECT_EQ((Bytes{ 0x10, 0, 0, 0, 20, 0, 0, 0, 0, 0, 0, 0 }), Bytes(items.begin() + 12, items.begin() + 24));
     json st = dev.status();
     EXPECT_EQ(300, st["modems"]["local"]["event_count"]);
     EXPECT_EQ(default_modem_ranges().event_count, st["modems"]["remote"]["event_count"]) << "the remote modem keeps its own";

@@ -262,8 +262,7 @@ TEST(ModemTraffic, UsesTheModemsOwnLayouts)
 
     Bytes ev = unframe_next(stream, &pos);
     ASSERT_EQ(13u, ev.size());
-    EXPECT_EQ(0x60, ev[0]);
-    EXPECT_EQ(10, get_u16(&ev[1]));
+    EXPECT_EQ(hexs(hex("60 0A00")), hexs(Bytes(ev.begin(), ev.begin() + 3)));
     EXPECT_EQ(16, get_u16(&ev[3]) & 0x0FFF);
     EXPECT_EQ(ts, get_u64(&ev[5]));
 
