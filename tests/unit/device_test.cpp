@@ -261,10 +261,7 @@ TEST_F(DeviceTest, LoggerEntriesGoToTheTextFileAndTheirQueue)
     EXPECT_EQ(0u, dev.queue(LOG_ID_MAIN).entries());
     std::string text = read_file(dev.logcat_path());
     EXPECT_NE(std::string::npos, text.find(" W RILJ    : signal lost\n")) << text;
-    ASSERT_EQ("ok\n", ctl({ "fault", "stall", "radio", "on" }));
-    EXPECT_TRUE(dev.stalled(LOG_ID_RADIO));
-    EXPECT_TRUE(dev.status()["logger"]["radio"]["stalled"]);
-
+    // A stalled FIFO is the host-library test's: it needs a reader.
     ASSERT_EQ("ok\n", ctl({ "flood", "events", "1000", "30" }));
     EXPECT_TRUE(dev.busy());
     dev.tick(0.010, NOW);
