@@ -2,7 +2,6 @@
 // output, run in-process against a fake daemon.
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <map>
 #include <set>
 #include <sstream>
@@ -78,9 +77,6 @@ TEST(TovakctlTable, RowsHoldTheirInvariants)
         const CtlCommand& row = ctl_commands[i];
         SCOPED_TRACE(row.name);
         ASSERT_TRUE(row.name && row.syntax && row.summary && row.build && row.show);
-        for (const char* c = row.name; *c; c++)
-            EXPECT_TRUE(islower(*c) || *c == '-') << "names are lower-case words joined by '-'";
-        EXPECT_GT(strlen(row.summary), 0u);
         EXPECT_LE(row.min_args, row.max_args);
         if (row.word) {
             EXPECT_GE(row.min_args, 1);
@@ -130,33 +126,6 @@ TEST(TovakctlTable, RowsOfOneNameNeverOverlap)
             bool words_differ = a.word && b.word && strcmp(a.word, b.word) != 0;
             EXPECT_FALSE(counts_overlap && !words_differ) << a.name << " " << a.syntax << " / " << b.syntax;
         }
-    }
-}
-
-TEST(TovakctlTable, HelpListsEveryRowWithItsId)
-{
-    CtlRun r = ctl({ "--help" });
-    EXPECT_EQ(CTL_EXIT_OK, r.rc);
-    EXPECT_TRUE(r.err.empty());
-    // Lines of the listing: "  ID    USAGE    SUMMARY".
-    std::set<std::string> listed;
-    std::istringstream lines(r.out);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.rfind("  0x", 0) != 0 && line.rfind("  any ", 0) != 0)
-            continue;
-        std::string id = line.substr(2, line.find(' ', 2) - 2);
-        size_t use_at = line.find_first_not_of(' ', 2 + id.size());
-        size_t use_end = line.find("  ", use_at);
-        listed.insert(id + " " + line.substr(use_at, use_end - use_at));
-    }
-    EXPECT_EQ(ctl_command_count, listed.size());
-    for (size_t i = 0; i < ctl_command_count; i++) {
-        const CtlCommand& row = ctl_commands[i];
-        char id[8];
-        snprintf(id, sizeof id, "0x%02x", row.id);
-        std::string want = std::string(row.id == CTL_ANY_ID ? "any" : id) + " " + row.name +
-                           (row.syntax[0] ? " " : "") + row.syntax;
-        EXPECT_EQ(1u, listed.count(want)) << want;
     }
 }
 
@@ -341,6 +310,8 @@ const ExchangeCase exchange_cases[] = {
     { "dpl-ifaces", CMD_DPL_GET_ALL_IF_LIST, "", FakeDaemon::reply(14, "02000000" "01" "03" "727761" "0f" "03" "696d73"), 0, "1 rwa\n15 ims\n", "false",
       "interfaces=[{\"description\":\"rwa\",\"id\":1},{\"description\":\"ims\",\"id\":15}]" },
     { "dpl-ifaces", CMD_DPL_GET_ALL_IF_LIST, "", FakeDaemon::reply(6, "01000000" "01" "ff"), 1, "cut short", "\"unknown\"", "" },
+    // Device text that is not UTF-8 must still make JSON.
+    { "dpl-ifaces", CMD_DPL_GET_ALL_IF_LIST, "", FakeDaemon::reply(7, "01000000" "0101" "ff"), 0, "1 ", "false", "" },
     { "dpl-list", CMD_DPL_GET_IF_LIST, "", FakeDaemon::reply(10, "03000000" "0100" "0f00" "2c01"), 0, "1\n15\n300\n", "false", "interfaces=[1,15,300]" },
     { "dpl-add 19", CMD_DPL_SET_IF, "1300", FakeDaemon::reply(0), 0, "done", "false", "" },
     { "dpl-reset", CMD_DPL_RESET, "", FakeDaemon::untouched(), 0, "never writes a reply", "\"unknown\"", "" },
@@ -394,12 +365,6 @@ TEST(TovakctlExchange, ClosedSessionExits1ButDisconnectIsWhatItAsked)
 {
     {
         FakeDaemon fake({ FakeDaemon::hang_up() });
-        CtlRun r = ctl_at(fake, { "raw", "0x15" });
-        EXPECT_EQ(CTL_EXIT_FAILED, r.rc);
-        EXPECT_NE(std::string::npos, r.err.find("closed: the daemon ended the session without a reply")) << r.err;
-    }
-    {
-        FakeDaemon fake({ FakeDaemon::hang_up() });
         CtlRun r = ctl_at(fake, { "raw", "0x15" }, true);
         EXPECT_EQ(CTL_EXIT_FAILED, r.rc);
         json j = json::parse(r.out);
@@ -430,31 +395,12 @@ TEST(TovakctlExchange, UnreachableDaemonExits1)
     EXPECT_NE(std::string::npos, j["error"].get<std::string>().find("cannot connect"));
 }
 
-TEST(TovakctlExchange, RootNamesTheSimulatedDevicesSocket)
-{
-    FakeDaemon fake({ FakeDaemon::reply(4, "01000000") }, "dev/ps_socket/tovak");
-    CtlRun r = ctl({ "--root", fake.dir(), "state" });
-    EXPECT_EQ(CTL_EXIT_OK, r.rc) << r.err;
-    EXPECT_EQ("logging on\n", r.out);
-}
-
 TEST(TovakctlExchange, SilentDaemonTimesOut)
 {
     FakeDaemon fake({ FakeDaemon::silence() });
     CtlRun r = ctl({ "--socket", fake.socket_path(), "--timeout", "1", "events" });
     EXPECT_EQ(CTL_EXIT_FAILED, r.rc);
     EXPECT_NE(std::string::npos, r.err.find("no reply within 1000 ms")) << r.err;
-}
-
-TEST(TovakctlExchange, DeviceTextThatIsNotUtf8StillMakesJson)
-{
-    // An interface description with a byte that is not UTF-8.
-    FakeDaemon bad({ FakeDaemon::reply(7, "01000000" "0101" "ff") });
-    CtlRun r = ctl_at(bad, { "dpl-ifaces" }, true);
-    EXPECT_EQ(CTL_EXIT_OK, r.rc) << r.err;
-    json j = json::parse(r.out, nullptr, false);
-    ASSERT_FALSE(j.is_discarded()) << r.out;
-    EXPECT_EQ(1, j["interfaces"][0]["id"]);
 }
 
 } // namespace
