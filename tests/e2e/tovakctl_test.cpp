@@ -79,6 +79,7 @@ TEST_F(Tovakctl, UnknownIdClosesTheSession)
     json j = json::parse(r.out, nullptr, false);
     ASSERT_FALSE(j.is_discarded()) << r.out;
     EXPECT_EQ(true, j["closed"]);
+    EXPECT_EQ(true, j["refused"]);
     EXPECT_EQ(90, j["id"]);
 }
 
