@@ -50,24 +50,6 @@ FakeDaemon::~FakeDaemon()
     close(stop_pipe_[1]);
 }
 
-void FakeDaemon::push(Answer a)
-{
-    std::lock_guard<std::mutex> lock(mu_);
-    script_.push_back(std::move(a));
-}
-
-std::vector<tovak_pkt> FakeDaemon::requests()
-{
-    std::lock_guard<std::mutex> lock(mu_);
-    return requests_;
-}
-
-int FakeDaemon::connections()
-{
-    std::lock_guard<std::mutex> lock(mu_);
-    return connections_;
-}
-
 bool FakeDaemon::stopping()
 {
     pollfd p = { stop_pipe_[0], POLLIN, 0 };

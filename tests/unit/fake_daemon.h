@@ -44,11 +44,11 @@ public:
     FakeDaemon(const FakeDaemon&) = delete;
     FakeDaemon& operator=(const FakeDaemon&) = delete;
 
-    void push(Answer a);
+    void push(Answer a) { std::lock_guard<std::mutex> lock(mu_); script_.push_back(std::move(a)); }
     std::string socket_path() const { return dir_.path() + "/tovak"; }
     // Every frame received, disconnect frames included.
-    std::vector<tovak_pkt> requests();
-    int connections();
+    std::vector<tovak_pkt> requests() { std::lock_guard<std::mutex> lock(mu_); return requests_; }
+    int connections() { std::lock_guard<std::mutex> lock(mu_); return connections_; }
 
 private:
     void serve();
