@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <algorithm>
 #include <cstring>
-#include <filesystem>
 
 #include "daemon/tovak_cmd_ids.h"
 #include "tovak_cmd_codec.h"
@@ -24,36 +23,8 @@ std::vector<uint8_t> hex_bytes(const std::string& hex)
     return out;
 }
 
-FakeDaemon::Answer FakeDaemon::reply(uint32_t len, const std::string& payload_hex)
+FakeDaemon::FakeDaemon(std::deque<Answer> script) : script_(std::move(script))
 {
-    Answer a;
-    a.len = len;
-    a.payload = hex_bytes(payload_hex);
-    return a;
-}
-
-FakeDaemon::Answer FakeDaemon::untouched()
-{
-    return reply(TOVAK_PKT_DATA_SIZE);
-}
-
-FakeDaemon::Answer FakeDaemon::hang_up()
-{
-    Answer a;
-    a.kind = Answer::hang_up;
-    return a;
-}
-
-FakeDaemon::Answer FakeDaemon::silence()
-{
-    Answer a;
-    a.kind = Answer::silence;
-    return a;
-}
-
-FakeDaemon::FakeDaemon(std::deque<Answer> script, const std::string& rel) : rel_(rel), script_(std::move(script))
-{
-    std::filesystem::create_directories(std::filesystem::path(socket_path()).parent_path());
     if (pipe(stop_pipe_) != 0)
         abort();
     listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -77,24 +48,6 @@ FakeDaemon::~FakeDaemon()
     close(listen_fd_);
     close(stop_pipe_[0]);
     close(stop_pipe_[1]);
-}
-
-void FakeDaemon::push(Answer a)
-{
-    std::lock_guard<std::mutex> lock(mu_);
-    script_.push_back(std::move(a));
-}
-
-std::vector<tovak_pkt> FakeDaemon::requests()
-{
-    std::lock_guard<std::mutex> lock(mu_);
-    return requests_;
-}
-
-int FakeDaemon::connections()
-{
-    std::lock_guard<std::mutex> lock(mu_);
-    return connections_;
 }
 
 bool FakeDaemon::stopping()
