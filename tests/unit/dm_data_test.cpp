@@ -67,37 +67,29 @@ TEST(RangeAnswers, LogItemRangesAreCheckedThenAppended)
         Bytes answer;
         int result;
         std::vector<uint32_t> appended;
-        std::vector<const char*> lines;
-        bool status_line; // checks that come before it stop short of it
     };
     Bytes fifteen = log_ranges_answer(0, {});
     fifteen.resize(15);
     Bytes trailing = log_ranges_answer(0, seq(100, 10));
     trailing.push_back(0x55); // not a whole value
     const Case cases[] = {
-        { "shorter than 16 bytes", fifteen, 0, {}, { "Critical Error: size error in logging config req\n" }, false },
-        { "status not 0", log_ranges_answer(1, seq(1, 16)), 0, {},
-          { "Critical Error: Can't get successful logging config rsp\n" }, false },
-        { "nine values", log_ranges_answer(0, seq(1, 9)), 0, {},
-          { "status = 0, totoal size = 9\n", "Critical Error: size error in logging config req\n" }, true },
-        { "ten values", log_ranges_answer(0, seq(100, 10)), 1, seq(100, 10), { "status = 0, totoal size = 10\n" }, true },
-        { "a part value at the end is left", trailing, 1, seq(100, 10), { "status = 0, totoal size = 10\n" }, true },
-        { "more than 16 values are all kept", log_ranges_answer(0, seq(7, 20)), 1, seq(7, 20),
-          { "status = 0, totoal size = 20\n" }, true },
+        { "shorter than 16 bytes", fifteen, 0, {} },
+        { "status not 0", log_ranges_answer(1, seq(1, 16)), 0, {} },
+        { "nine values", log_ranges_answer(0, seq(1, 9)), 0, {} },
+        { "ten values", log_ranges_answer(0, seq(100, 10)), 1, seq(100, 10) },
+        { "a part value at the end is left", trailing, 1, seq(100, 10) },
+        { "more than 16 values are all kept", log_ranges_answer(0, seq(7, 20)), 1, seq(7, 20) },
     };
     for (const Case& c : cases) {
         tovak_config rec;
         rec.log_last_items = { 42 };
         testing::internal::CaptureStdout();
         EXPECT_EQ(c.result, tovak_data_take_log_ranges(c.answer, rec)) << c.name;
-        std::string out = testing::internal::GetCapturedStdout();
+        testing::internal::GetCapturedStdout();
         // Appended after what the record held: never replaced.
         std::vector<uint32_t> want = { 42 };
         want.insert(want.end(), c.appended.begin(), c.appended.end());
         EXPECT_EQ(want, rec.log_last_items) << c.name;
-        for (const char* line : c.lines)
-            EXPECT_NE(std::string::npos, out.find(line)) << c.name << ": " << out;
-        EXPECT_EQ(c.status_line, out.find("status = ") != std::string::npos) << c.name;
     }
 }
 
@@ -108,39 +100,31 @@ TEST(RangeAnswers, SsidRangesStopAtTheAnswersEnd)
         Bytes answer;
         int result;
         std::vector<uint32_t> appended;
-        const char* line;
     };
     Bytes nine = ssid_ranges_answer(1, 1, {});
     nine.push_back(0);
     Bytes ten = nine;
     ten.push_back(0);
+    const std::vector<uint32_t> two = { 0x00780000, 0x01fa01f4 };
     const Case cases[] = {
-        { "seven bytes", Bytes{ 0x7d, 0x01, 1, 0, 1, 0, 0 }, 0, {}, "Critical Error: size error in msg config req\n" },
-        { "status 0", ssid_ranges_answer(0, 1, { 0x00100000 }), 0, {},
-          "Critical Error: failure in extendedMsgRptConfig request\n" },
-        { "eight bytes", ssid_ranges_answer(1, 0, {}), 0, {}, "Critical Error: size error in extended msg range\n" },
-        { "nine bytes", nine, 0, {}, "Critical Error: size error in extended msg range\n" },
-        { "ten bytes hold no whole range", ten, 1, {}, nullptr },
-        { "count as given", ssid_ranges_answer(1, 2, { 0x00780000, 0x01fa01f4 }), 1, { 0x00780000, 0x01fa01f4 },
-          "msg range 1 = 0x01fa01f4\n" },
-        { "a count past the end", ssid_ranges_answer(1, 5, { 0x00780000, 0x01fa01f4 }), 1,
-          { 0x00780000, 0x01fa01f4 }, "msg range 0 = 0x00780000\n" },
-        { "a count short of the end", ssid_ranges_answer(2, 1, { 0x00780000, 0x01fa01f4 }), 1, { 0x00780000 },
-          "msg range 0 = 0x00780000\n" },
+        { "seven bytes", Bytes{ 0x7d, 0x01, 1, 0, 1, 0, 0 }, 0, {} },
+        { "status 0", ssid_ranges_answer(0, 1, { 0x00100000 }), 0, {} },
+        { "eight bytes", ssid_ranges_answer(1, 0, {}), 0, {} },
+        { "nine bytes", nine, 0, {} },
+        { "ten bytes hold no whole range", ten, 1, {} },
+        { "count as given", ssid_ranges_answer(1, 2, two), 1, two },
+        { "a count past the end", ssid_ranges_answer(1, 5, two), 1, two },
+        { "a count short of the end", ssid_ranges_answer(2, 1, two), 1, { 0x00780000 } },
     };
     for (const Case& c : cases) {
         tovak_config rec;
         rec.msg_ssid_ranges = { 0x00050005 };
         testing::internal::CaptureStdout();
         EXPECT_EQ(c.result, tovak_data_take_ssid_ranges(c.answer, rec)) << c.name;
-        std::string out = testing::internal::GetCapturedStdout();
+        testing::internal::GetCapturedStdout();
         std::vector<uint32_t> want = { 0x00050005 };
         want.insert(want.end(), c.appended.begin(), c.appended.end());
         EXPECT_EQ(want, rec.msg_ssid_ranges) << c.name;
-        if (c.line) {
-            EXPECT_NE(std::string::npos, out.find(c.line)) << c.name << ": " << out;
-        }
-        EXPECT_EQ(c.appended.size() > 1, out.find("msg range 1 = ") != std::string::npos) << c.name;
     }
 }
 
@@ -150,10 +134,8 @@ TEST(RangeAnswers, EventCountFromTheEventMaskAnswer)
     testing::internal::CaptureStdout();
     EXPECT_EQ(0, tovak_data_take_event_count({ 0x81, 0, 0, 0, 0x98 }, rec));
     EXPECT_EQ(1, tovak_data_take_event_count({ 0x81, 0, 0, 0, 0x98, 0x08 }, rec));
-    std::string out = testing::internal::GetCapturedStdout();
+    testing::internal::GetCapturedStdout();
     EXPECT_EQ(2200, rec.event_id_count);
-    EXPECT_NE(std::string::npos, out.find("Critical Error: size error in event mask req\n"));
-    EXPECT_NE(std::string::npos, out.find("Number of event ID = 2200\n"));
 }
 
 // A record as a load leaves it: lists built from text with whatever modem

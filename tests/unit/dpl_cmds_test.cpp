@@ -140,9 +140,6 @@ TEST_F(DplCmds, AllInterfacesAreListedWithTheirDescriptions)
     const Bytes want = le32(3) + Bytes{ 1, 6 } + text_bytes("rmnet0") + Bytes{ 15, 0 } + Bytes{ 19, 99 } +
                        text_bytes(std::string(99, 'x'));
     EXPECT_EQ(want, r.written());
-    EXPECT_TRUE(platform().logged("handler_dpl_get_all_if_list output length = 5120\n"));
-    EXPECT_TRUE(platform().logged("id = 1, desc = rmnet0\n"));
-    EXPECT_TRUE(platform().logged("id = 15, desc = \n"));
 
     platform().iface_count = 0;
     r = call(handler_dpl_get_all_if_list);
@@ -191,7 +188,6 @@ TEST_F(DplCmds, ConfiguredListIsCountedAndWholeOrNothing)
     HandlerReply r = call(handler_dpl_get_if_list);
     EXPECT_EQ(1u, r.result);
     EXPECT_EQ(le32(3) + le16(1) + le16(15) + le16(19), r.written());
-    EXPECT_TRUE(platform().logged("handler_dpl_get_if_list output length = 5120\n"));
     // Too long for the reply: the count goes out alone.
     r = call(handler_dpl_get_if_list, {}, 9);
     EXPECT_EQ(1u, r.result);
@@ -214,7 +210,6 @@ TEST_F(DplCmds, SetIfProgramsTheModemAtOnceAndAddsTheId)
         EXPECT_EQ(Bytes(want, want + sizeof want), platform().iface_records[0]);
         EXPECT_EQ(std::vector<int>{ 4 }, platform().iface_rsp_lens);
     }
-    EXPECT_TRUE(platform().logged("handler_dpl_set_if, if id = 300\n"));
     EXPECT_EQ((std::vector<uint16_t>{ 1, 15, 19, 300 }), listed());
     EXPECT_TRUE(saved_has("1, 15, 19, 300"));
     // The DPL state is not the command's business.

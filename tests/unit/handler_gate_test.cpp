@@ -1,5 +1,5 @@
 // Before start-up has opened the modem interface, or with no reply area, the
-// modem log, DPL and modem data commands refuse and touch nothing.
+// mask list, modem log, DPL and modem data commands refuse and touch nothing.
 #include "handler_test_support.h"
 
 namespace {
@@ -12,6 +12,15 @@ struct Gated {
 
 // clang-format off
 const Gated gated[] = {
+    { "add_event",          handler_add_event,           false },
+    { "rm_event",           handler_rm_event,            false },
+    { "get_events",         handler_get_events,          false },
+    { "add_log",            handler_add_log,             false },
+    { "rm_log",             handler_rm_log,              false },
+    { "get_logs",           handler_get_logs,            false },
+    { "add_msg",            handler_add_msg,             false },
+    { "rm_msg",             handler_rm_msg,              false },
+    { "get_msg",            handler_get_msg,             false },
     { "log_size",           handler_log_size,            true  },
     { "out_path",           handler_out_path,            true  },
     { "commit_log",         handler_commit_log,          false },
@@ -36,6 +45,7 @@ using HandlerGate = HandlerTest;
 TEST_F(HandlerGate, NotInitialisedRefusesWithoutTouchingAnything)
 {
     tovak_handler_initialized = 0;
+    const std::string before = tovak_config_text();
     // A request every handler would act on.
     const Bytes req = le32(1) + text_bytes("/sdcard/x") + Bytes{ 0 };
     for (const Gated& g : gated) {
@@ -50,6 +60,7 @@ TEST_F(HandlerGate, NotInitialisedRefusesWithoutTouchingAnything)
     }
     EXPECT_EQ(std::vector<std::string>{}, calls());
     EXPECT_EQ("", saved());
+    EXPECT_EQ(before, tovak_config_text());
     // One ERR line each.
     std::lock_guard<std::mutex> hold(platform().mu);
     EXPECT_EQ(std::size(gated), size_t(std::count_if(platform().log.begin(), platform().log.end(), [](const std::string& m) {

@@ -164,18 +164,6 @@ TEST_F(ModemData, UnitsAreGatheredInOrderAndSavedUnderTheirKind)
     EXPECT_EQ(std::vector<std::string>{}, platform().calls_named("property")); // no property involved
 }
 
-TEST_F(ModemData, GatheringLogsEachUnitWithTheTotalBeforeIt)
-{
-    platform().qmi_units = { unit('a', 100, 2), unit('k', 200, 1), unit('v', 50, 0) };
-    call(handler_save_modem_data, le32(MODEM_DATA_KIND_STATISTICS));
-    EXPECT_EQ((std::vector<std::string>{ "qmi_tovak_get_data(1, 0)", "qmi_tovak_get_data(1, 1)",
-                                         "qmi_tovak_get_data(1, 2)" }),
-              platform().calls_named("qmi_tovak_get_data"));
-    EXPECT_TRUE(platform().logged("Recieved Info : len = 100, all_data_len = 0, unit_cnt = 2"));
-    EXPECT_TRUE(platform().logged("Recieved Info : len = 200, all_data_len = 100, unit_cnt = 1"));
-    EXPECT_TRUE(platform().logged("Recieved Info : len = 50, all_data_len = 300, unit_cnt = 0"));
-}
-
 TEST_F(ModemData, AUnitThatStoresNoBufferIsNeitherCopiedNorFreedTwice)
 {
     RecordedQmiUnit silent;

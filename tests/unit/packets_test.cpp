@@ -40,19 +40,6 @@ TEST(EventMaskPacket, LayoutAndBits)
         EXPECT_EQ(c.bytes, hex(tovak_build_event_mask_packet(c.ids, c.n))) << c.name;
 }
 
-TEST(EventMaskPacket, DefaultSelectionWithBuiltInLimit)
-{
-    std::vector<uint16_t> ids = { 1498, 1499, 1501, 1503, 1606, 1607, 1608, 1611, 1612, 1613, 1685, 1970, 1971, 1972 };
-    tovak_packet p = tovak_build_event_mask_packet(ids, 2166);
-    ASSERT_EQ(6u + (2166 >> 3) + 1, p.size());
-    for (uint16_t id : ids)
-        EXPECT_TRUE(p[6 + (id >> 3)] & (1 << (id & 7))) << id;
-    int bits = 0;
-    for (size_t i = 6; i < p.size(); i++)
-        bits += __builtin_popcount(p[i]);
-    EXPECT_EQ(14, bits);
-}
-
 TEST(LogMaskPackets, OnePacketPerEquipmentIdWithCodes)
 {
     uint32_t last[TOVAK_EQUIPMENT_ID_COUNT] = {};
@@ -83,21 +70,6 @@ TEST(LogMaskPackets, OnePacketPerEquipmentIdWithCodes)
         for (size_t i = 0; i < packets.size(); i++)
             EXPECT_EQ(c.packets[i], hex(packets[i])) << c.name;
     }
-}
-
-TEST(LogMaskPackets, CodeOfEquipment4WithTheBuiltInStyleLimit)
-{
-    uint32_t last[TOVAK_EQUIPMENT_ID_COUNT] = {};
-    last[4] = 0x130;
-    auto packets = tovak_build_log_mask_packets({ 0x412f }, last);
-    ASSERT_EQ(1u, packets.size());
-    ASSERT_EQ(16u + 0x26, packets[0].size());
-    EXPECT_EQ(0x80, packets[0][16 + 0x25]);
-    last[4] = 0x12f;
-    packets = tovak_build_log_mask_packets({ 0x412f }, last);
-    ASSERT_EQ(1u, packets.size());
-    for (size_t i = 16; i < packets[0].size(); i++)
-        EXPECT_EQ(0, packets[0][i]) << i;
 }
 
 TEST(LogMaskPackets, EquipmentIdsInOrder)
