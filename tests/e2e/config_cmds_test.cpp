@@ -52,18 +52,20 @@ protected:
         ASSERT_TRUE(client = dev.connect());
     }
 
-    // Sends 0x11 and returns what the daemon logged for it. The next
-    // request's line marks the end, since stdout reaches the file in order.
+    // Sends 0x11 and returns what the daemon logged for it: from its own
+    // "cmd = 17" line (earlier output may still be on its way to the file)
+    // to the next request's line, since stdout reaches the file in order.
     std::string set_file(const std::vector<uint8_t>& payload)
     {
-        size_t before = dev.daemon_stdout().size();
         size_t gets = count(dev.daemon_stdout(), "cmd = 18\n");
         tovak_pkt reply;
         EXPECT_EQ(TovakStatus::ok, client->transact(CMD_SET_CONFIG_FILE, payload.data(), uint32_t(payload.size()), &reply));
         EXPECT_EQ(uint32_t(TOVAK_PKT_DATA_SIZE), reply.len); // never written
         current = current_file(*client);
         EXPECT_TRUE(wait_until([&] { return count(dev.daemon_stdout(), "cmd = 18\n") > gets; }));
-        return dev.daemon_stdout().substr(before);
+        std::string out = dev.daemon_stdout();
+        size_t own = out.rfind("cmd = 17\n");
+        return own == std::string::npos ? std::string() : out.substr(own);
     }
 
     // A file of the device, named by its device path.
