@@ -9,22 +9,11 @@
 
 #include "config_test_support.h"
 
+#include "hex_text.h"
+
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-std::string hex(const Bytes& p)
-{
-    std::string s;
-    char b[4];
-    for (uint8_t c : p) {
-        snprintf(b, sizeof b, "%02x ", c);
-        s += b;
-    }
-    if (!s.empty())
-        s.pop_back();
-    return s;
-}
 
 void put32(Bytes& b, uint32_t v)
 {
@@ -154,7 +143,7 @@ std::vector<std::string> built(const tovak_config& c)
 {
     std::vector<std::string> v;
     for (const tovak_packet& p : tovak_data_build_packets(c))
-        v.push_back(hex(p));
+        v.push_back(hex_text(p));
     return v;
 }
 
@@ -191,7 +180,7 @@ TEST(BuildPackets, BuiltInLimitsWhileTheModemIsUnknown)
     auto packets = tovak_data_build_packets(c);
     // One event packet, equipment ids 4, 7 and 11, the 23 built-in ranges.
     ASSERT_EQ(1u + 3 + 23, packets.size());
-    EXPECT_EQ("82 00 00 00 76 08", hex(Bytes(packets[0].begin(), packets[0].begin() + 6)));
+    EXPECT_EQ("82 00 00 00 76 08", hex_text(Bytes(packets[0].begin(), packets[0].begin() + 6)));
     EXPECT_EQ(6u + (2166 >> 3) + 1, packets[0].size());
     const uint32_t last_items[] = { 2328, 2910, 521 };
     for (int i = 0; i < 3; i++) {
@@ -199,8 +188,8 @@ TEST(BuildPackets, BuiltInLimitsWhileTheModemIsUnknown)
         EXPECT_EQ(last_items[i], uint32_t(p[12] | p[13] << 8)) << i;
         EXPECT_EQ(16u + (last_items[i] + 7) / 8, p.size()) << i;
     }
-    EXPECT_EQ("7d 04 00 00 58 00 00 00", hex(Bytes(packets[4].begin(), packets[4].begin() + 8)));
-    EXPECT_EQ("7d 04 50 c3 50 c3 00 00 00 00 00 00", hex(packets.back()));
+    EXPECT_EQ("7d 04 00 00 58 00 00 00", hex_text(Bytes(packets[4].begin(), packets[4].begin() + 8)));
+    EXPECT_EQ("7d 04 50 c3 50 c3 00 00 00 00 00 00", hex_text(packets.back()));
 }
 
 TEST(BuildPackets, PartlyKnownModemValuesAndTheirBounds)

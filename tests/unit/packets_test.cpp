@@ -5,20 +5,9 @@
 #include <cstdio>
 #include <string>
 
-namespace {
+#include "hex_text.h"
 
-std::string hex(const tovak_packet& p)
-{
-    std::string s;
-    char b[4];
-    for (uint8_t c : p) {
-        snprintf(b, sizeof b, "%02x ", c);
-        s += b;
-    }
-    if (!s.empty())
-        s.pop_back();
-    return s;
-}
+namespace {
 
 TEST(EventMaskPacket, LayoutAndBits)
 {
@@ -37,7 +26,7 @@ TEST(EventMaskPacket, LayoutAndBits)
         { "nothing configured", {}, 12, "82 00 00 00 0c 00 00 00" },
     };
     for (const Case& c : cases)
-        EXPECT_EQ(c.bytes, hex(tovak_build_event_mask_packet(c.ids, c.n))) << c.name;
+        EXPECT_EQ(c.bytes, hex_text(tovak_build_event_mask_packet(c.ids, c.n))) << c.name;
 }
 
 TEST(LogMaskPackets, OnePacketPerEquipmentIdWithCodes)
@@ -68,7 +57,7 @@ TEST(LogMaskPackets, OnePacketPerEquipmentIdWithCodes)
         auto packets = tovak_build_log_mask_packets(c.codes, last);
         ASSERT_EQ(c.packets.size(), packets.size()) << c.name;
         for (size_t i = 0; i < packets.size(); i++)
-            EXPECT_EQ(c.packets[i], hex(packets[i])) << c.name;
+            EXPECT_EQ(c.packets[i], hex_text(packets[i])) << c.name;
     }
 }
 
@@ -115,7 +104,7 @@ TEST(MsgMaskPackets, OnePerRangeWithEveryMask)
         auto packets = tovak_build_msg_mask_packets(c.masks, c.ranges);
         ASSERT_EQ(c.packets.size(), packets.size()) << c.name;
         for (size_t i = 0; i < packets.size(); i++)
-            EXPECT_EQ(c.packets[i], hex(packets[i])) << c.name;
+            EXPECT_EQ(c.packets[i], hex_text(packets[i])) << c.name;
     }
 }
 

@@ -50,6 +50,18 @@ static void save_config()
     tovak_config_save_file(tovak_config_get_file());
 }
 
+void tovak_dpl_start_configured_ifaces()
+{
+    uint16_t* ids = nullptr;
+    int count = -1;
+    int result = tovak_config_get_dpl_ifs(&ids, &count);
+    TLOG("tovak_config_get_dpl_ifs result = %d, size = %d\n", result, count);
+    // The modem takes one byte per interface.
+    for (int i = 0; i < count; i++)
+        diag_dpl_set_iface_logging_with_ifid(uint8_t(ids[i]));
+    free(ids);
+}
+
 uint32_t handler_dpl_set_state(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
 {
     if (!gate_t(rsp)) {
@@ -66,18 +78,10 @@ uint32_t handler_dpl_set_state(uint32_t req_len, uint8_t* req, uint32_t* rsp_len
         TLOG_ERR();
         return 0;
     }
-    if (state != 0) {
-        uint16_t* ids = nullptr;
-        int count = -1;
-        int result = tovak_config_get_dpl_ifs(&ids, &count);
-        TLOG("tovak_config_get_dpl_ifs result = %d, size = %d\n", result, count);
-        // The modem takes one byte per interface.
-        for (int i = 0; i < count; i++)
-            diag_dpl_set_iface_logging_with_ifid(uint8_t(ids[i]));
-        free(ids);
-    } else {
+    if (state != 0)
+        tovak_dpl_start_configured_ifaces();
+    else
         diag_dpl_reset_logging();
-    }
     // A negative request has switched the interfaces on, yet is stored as off.
     tovak_config_set_dpl_state(int32_t(state) > 0 ? 1 : 0);
     save_config();

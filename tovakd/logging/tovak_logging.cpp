@@ -10,6 +10,7 @@
 #include "config/tovak_config.h"
 #include "daemon/byte_buffer.h"
 #include "daemon/tovak_log.h"
+#include "handlers/tovak_dpl_cmds.h"
 #include "handlers/tovak_handler.h"
 #include "logging/tovak_data.h"
 #include "logging/tovak_diag.h"
@@ -96,15 +97,8 @@ static void wait_for_boot()
 
 static void select_dpl_ifaces()
 {
-    if (!tovak_config_get_dpl_state())
-        return;
-    uint16_t* ids = nullptr;
-    int count = -1;
-    int result = tovak_config_get_dpl_ifs(&ids, &count);
-    TLOG("tovak_config_get_dpl_ifs result = %d, size = %d\n", result, count);
-    for (int i = 0; i < count; i++)
-        diag_dpl_set_iface_logging_with_ifid(uint8_t(ids[i]));
-    free(ids);
+    if (tovak_config_get_dpl_state())
+        tovak_dpl_start_configured_ifaces();
 }
 
 static void save_log_state(uint32_t state)
