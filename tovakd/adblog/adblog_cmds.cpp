@@ -15,28 +15,16 @@
 
 uint8_t adblog_handler_initialized;
 
-// Gate A: capture initialised and a reply area to write.
-static bool gate_a(const uint8_t* rsp)
-{
-    return adblog_handler_initialized && rsp != nullptr;
-}
-
-static void save_config()
-{
-    tovak_config_save_file(tovak_config_get_file());
-}
-
 static uint32_t set_capture(uint32_t* rsp_len, uint8_t* rsp, int state, const char* entry_line)
 {
-    if (!gate_a(rsp)) {
+    if (!tovak_gate_a(rsp)) {
         TLOG_ERR();
         return 0;
     }
     TLOG("%s", entry_line);
     adblog_core_set_state(state);
     *rsp_len = 0;
-    tovak_config_set_adblog_state(uint32_t(state));
-    save_config();
+    tovak_config_edit_and_save([&] { tovak_config_set_adblog_state(uint32_t(state)); });
     return 1;
 }
 
@@ -52,7 +40,7 @@ uint32_t adblog_off(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 
 uint32_t adblog_commit(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!gate_a(rsp)) {
+    if (!tovak_gate_a(rsp)) {
         TLOG_ERR();
         return 0;
     }
@@ -64,7 +52,7 @@ uint32_t adblog_commit(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 
 uint32_t adblog_get_state(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!gate_a(rsp)) {
+    if (!tovak_gate_a(rsp)) {
         TLOG_ERR();
         return 0;
     }
@@ -79,7 +67,7 @@ uint32_t adblog_get_state(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 static uint32_t set_category(uint32_t req_len, uint8_t* req, uint8_t* rsp, int state, const char* entry_line,
                              const char* change_line)
 {
-    if (!gate_a(rsp)) {
+    if (!tovak_gate_a(rsp)) {
         TLOG_ERR();
         return 0;
     }
@@ -124,7 +112,7 @@ static T* enable_values(int* count)
 
 uint32_t adblog_get_categories(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!gate_a(rsp)) {
+    if (!tovak_gate_a(rsp)) {
         TLOG_ERR();
         return 0;
     }
@@ -146,7 +134,7 @@ uint32_t adblog_get_categories(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* r
 
 uint32_t adblog_set_categories(uint32_t, uint8_t*, uint32_t*, uint8_t* rsp)
 {
-    if (!gate_a(rsp)) {
+    if (!tovak_gate_a(rsp)) {
         TLOG_ERR();
         return 0;
     }
@@ -157,8 +145,7 @@ uint32_t adblog_set_categories(uint32_t, uint8_t*, uint32_t*, uint8_t* rsp)
         TLOG_ERR();
         return 0;
     }
-    tovak_config_set_adblog_categories(values, count);
-    save_config();
+    tovak_config_edit_and_save([&] { tovak_config_set_adblog_categories(values, count); });
     free(values);
     return 1;
 }
@@ -181,7 +168,7 @@ uint32_t adblog_get_category_name(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t
 
 uint32_t adblog_set_size_with_cat(uint32_t req_len, uint8_t* req, uint32_t*, uint8_t* rsp)
 {
-    if (!gate_a(rsp)) {
+    if (!tovak_gate_a(rsp)) {
         TLOG_ERR();
         return 0;
     }
@@ -203,14 +190,13 @@ uint32_t adblog_set_size_with_cat(uint32_t req_len, uint8_t* req, uint32_t*, uin
     }
     adblog_core_set_size(int(category), int(size));
     // The file keeps the size as asked; the next start-up clamps it again.
-    tovak_config_set_adblog_size(category, size);
-    save_config();
+    tovak_config_edit_and_save([&] { tovak_config_set_adblog_size(category, size); });
     return 1;
 }
 
 uint32_t adblog_get_size_with_cat(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!gate_a(rsp)) {
+    if (!tovak_gate_a(rsp)) {
         TLOG_ERR();
         return 0;
     }

@@ -76,6 +76,16 @@ int tovak_config_reload();
 const char* tovak_config_get_file();
 int tovak_config_set_file(const char* name);
 
+// Applies edit and saves the record to the current configuration file under
+// one hold of the lock, so that a reload in between cannot drop the edit.
+template <typename Edit>
+void tovak_config_edit_and_save(Edit edit)
+{
+    tovak_config_locked c;
+    edit();
+    tovak_config_save_file(tovak_config_get_file());
+}
+
 // Ordered sets; ids arrive as 32 bits and only the low 16 are used. The gets
 // hand out a malloc'd array the caller frees, and set *count to -1 on failure.
 int tovak_config_add_event(uint32_t id);

@@ -40,16 +40,6 @@ void tovak_dpl_iface_record(uint8_t ifid, uint8_t record[DIAG_DPL_IFACE_RECORD_S
     }
 }
 
-static bool gate_t(const uint8_t* rsp)
-{
-    return tovak_handler_initialized && rsp != nullptr;
-}
-
-static void save_config()
-{
-    tovak_config_save_file(tovak_config_get_file());
-}
-
 void tovak_dpl_start_configured_ifaces()
 {
     uint16_t* ids = nullptr;
@@ -64,7 +54,7 @@ void tovak_dpl_start_configured_ifaces()
 
 uint32_t handler_dpl_set_state(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!gate_t(rsp)) {
+    if (!tovak_gate_t(rsp)) {
         TLOG_ERR();
         return 0;
     }
@@ -83,15 +73,14 @@ uint32_t handler_dpl_set_state(uint32_t req_len, uint8_t* req, uint32_t* rsp_len
     else
         diag_dpl_reset_logging();
     // A negative request has switched the interfaces on, yet is stored as off.
-    tovak_config_set_dpl_state(int32_t(state) > 0 ? 1 : 0);
-    save_config();
+    tovak_config_edit_and_save([&] { tovak_config_set_dpl_state(int32_t(state) > 0 ? 1 : 0); });
     *rsp_len = 0;
     return 1;
 }
 
 uint32_t handler_dpl_get_state(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!gate_t(rsp)) {
+    if (!tovak_gate_t(rsp)) {
         TLOG_ERR();
         return 0;
     }
@@ -105,7 +94,7 @@ uint32_t handler_dpl_get_state(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* r
 
 uint32_t handler_dpl_get_all_if_list(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!gate_t(rsp)) {
+    if (!tovak_gate_t(rsp)) {
         TLOG_ERR();
         return 0;
     }
@@ -142,7 +131,7 @@ uint32_t handler_dpl_get_all_if_list(uint32_t, uint8_t*, uint32_t* rsp_len, uint
 
 uint32_t handler_dpl_get_if_list(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!gate_t(rsp)) {
+    if (!tovak_gate_t(rsp)) {
         TLOG_ERR();
         return 0;
     }
@@ -166,7 +155,7 @@ uint32_t handler_dpl_get_if_list(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t*
 
 uint32_t handler_dpl_set_if(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!gate_t(rsp)) {
+    if (!tovak_gate_t(rsp)) {
         TLOG_ERR();
         return 0;
     }
@@ -181,26 +170,26 @@ uint32_t handler_dpl_set_if(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, u
     uint8_t answer[DPL_ANSWER_SIZE] = {};
     // Logged at once, whatever the DPL state.
     diag_dpl_set_iface_logging(record, answer, DPL_ANSWER_SIZE, uint8_t(id));
-    tovak_config_add_dpl_if(id);
-    save_config();
+    tovak_config_edit_and_save([&] { tovak_config_add_dpl_if(id); });
     return 1;
 }
 
 uint32_t handler_dpl_reset(uint32_t, uint8_t*, uint32_t*, uint8_t* rsp)
 {
-    if (!gate_t(rsp)) {
+    if (!tovak_gate_t(rsp)) {
         TLOG_ERR();
         return 0;
     }
-    uint16_t* ids = nullptr;
-    int count = -1;
-    tovak_config_get_dpl_ifs(&ids, &count);
-    for (int i = 0; i < count; i++)
-        tovak_config_rm_dpl_if(ids[i]);
-    free(ids);
     diag_dpl_reset_logging();
-    tovak_config_set_dpl_state(0);
-    save_config();
+    tovak_config_edit_and_save([] {
+        uint16_t* ids = nullptr;
+        int count = -1;
+        tovak_config_get_dpl_ifs(&ids, &count);
+        for (int i = 0; i < count; i++)
+            tovak_config_rm_dpl_if(ids[i]);
+        free(ids);
+        tovak_config_set_dpl_state(0);
+    });
     // The reply is never written, not even its length.
     return 1;
 }

@@ -12,6 +12,16 @@ extern uint8_t adblog_handler_initialized;
 uint32_t tovak_handler_init();
 uint32_t adblog_handler_init();
 
+// Gate T and gate A: the start-up step is done and there is a reply area.
+inline bool tovak_gate_t(const uint8_t* rsp)
+{
+    return tovak_handler_initialized && rsp != nullptr;
+}
+inline bool tovak_gate_a(const uint8_t* rsp)
+{
+    return adblog_handler_initialized && rsp != nullptr;
+}
+
 #define TOVAK_HANDLER(name) uint32_t name(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
 
 // Modem logging.

@@ -15,26 +15,12 @@
 // Listings carry only the low 16 bits of a level mask.
 #define MSG_LISTED_MASK 0xffffu
 
-static bool gate_t(const uint8_t* rsp)
-{
-    return tovak_handler_initialized && rsp != nullptr;
-}
-
-// The edit and its save under one hold of the configuration lock: a log on
-// reloading the file in between would otherwise drop the edit.
-template <typename Edit>
-static void edit_and_save(Edit edit)
-{
-    tovak_config_locked c;
-    edit();
-    tovak_config_save_file(tovak_config_get_file());
-}
 
 // The common start of an edit: the gate, an empty reply, and the request
 // read as it comes; a field the request does not hold stays 0.
 static bool begin_edit(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp, byte_buffer* in)
 {
-    if (!gate_t(rsp)) {
+    if (!tovak_gate_t(rsp)) {
         TLOG_ERR();
         return false;
     }
@@ -99,7 +85,7 @@ uint32_t handler_add_event(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, ui
         return 0;
     uint16_t id = read_u16(&in);
     TLOG("handler_add_event, event id = %d\n", int(id));
-    edit_and_save([&] { tovak_config_add_event(id); });
+    tovak_config_edit_and_save([&] { tovak_config_add_event(id); });
     return 1;
 }
 
@@ -110,13 +96,13 @@ uint32_t handler_rm_event(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uin
         return 0;
     uint16_t id = read_u16(&in);
     TLOG("handler_rm_event, event id = %d\n", int(id));
-    edit_and_save([&] { tovak_config_rm_event(id); });
+    tovak_config_edit_and_save([&] { tovak_config_rm_event(id); });
     return 1;
 }
 
 uint32_t handler_get_events(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!gate_t(rsp)) {
+    if (!tovak_gate_t(rsp)) {
         TLOG_ERR();
         return 0;
     }
@@ -134,7 +120,7 @@ uint32_t handler_add_log(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint
         return 0;
     uint16_t code = read_u16(&in);
     TLOG("handler_add_log, log id = %d\n", int(code));
-    edit_and_save([&] { tovak_config_add_log(code); });
+    tovak_config_edit_and_save([&] { tovak_config_add_log(code); });
     return 1;
 }
 
@@ -145,13 +131,13 @@ uint32_t handler_rm_log(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8
         return 0;
     uint16_t code = read_u16(&in);
     TLOG("handler_rm_log, log id = %d\n", int(code));
-    edit_and_save([&] { tovak_config_rm_log(code); });
+    tovak_config_edit_and_save([&] { tovak_config_rm_log(code); });
     return 1;
 }
 
 uint32_t handler_get_logs(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!gate_t(rsp)) {
+    if (!tovak_gate_t(rsp)) {
         TLOG_ERR();
         return 0;
     }
@@ -170,7 +156,7 @@ uint32_t handler_add_msg(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint
     uint16_t ssid = read_u16(&in);
     uint32_t mask = read_u32(&in);
     TLOG("handler_add_msg ssid = 0x%x, mask = 0x%x\n", unsigned(ssid), unsigned(mask));
-    edit_and_save([&] { tovak_config_add_msg(ssid, mask); });
+    tovak_config_edit_and_save([&] { tovak_config_add_msg(ssid, mask); });
     return 1;
 }
 
@@ -181,13 +167,13 @@ uint32_t handler_rm_msg(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8
         return 0;
     uint16_t ssid = read_u16(&in);
     TLOG("handler_rm_msg ssid = 0x%x\n", unsigned(ssid));
-    edit_and_save([&] { tovak_config_rm_msg(ssid); });
+    tovak_config_edit_and_save([&] { tovak_config_rm_msg(ssid); });
     return 1;
 }
 
 uint32_t handler_get_msg(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!gate_t(rsp)) {
+    if (!tovak_gate_t(rsp)) {
         TLOG_ERR();
         return 0;
     }

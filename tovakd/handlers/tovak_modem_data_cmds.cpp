@@ -22,14 +22,9 @@ static uint8_t modem_data_buffer[MODEM_DATA_BUFFER_SIZE];
 // One 0x47 at a time: two would interleave their units in the one buffer.
 static std::mutex modem_data_mutex;
 
-static bool gate_t(const uint8_t* rsp)
-{
-    return tovak_handler_initialized && rsp != nullptr;
-}
-
 uint32_t handler_set_autosave(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!gate_t(rsp)) {
+    if (!tovak_gate_t(rsp)) {
         TLOG_ERR();
         return 0;
     }
@@ -45,7 +40,7 @@ uint32_t handler_set_autosave(uint32_t req_len, uint8_t* req, uint32_t* rsp_len,
 
 uint32_t handler_get_autosave(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!gate_t(rsp)) {
+    if (!tovak_gate_t(rsp)) {
         TLOG_ERR();
         return 0;
     }
@@ -60,7 +55,7 @@ uint32_t handler_get_autosave(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rs
 
 uint32_t handler_set_msisdn(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!gate_t(rsp)) {
+    if (!tovak_gate_t(rsp)) {
         TLOG_ERR();
         return 0;
     }
@@ -116,7 +111,7 @@ static uint32_t gather_modem_data(uint32_t kind)
 
 uint32_t handler_save_modem_data(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!gate_t(rsp)) {
+    if (!tovak_gate_t(rsp)) {
         TLOG_ERR();
         return 0;
     }

@@ -33,17 +33,6 @@ int tovak_capture_dir_for(const char* out_path, char* dir, size_t size)
     return 1;
 }
 
-// Gate T: the modem interface is up and there is a reply area to write.
-static bool gate_t(const uint8_t* rsp)
-{
-    return tovak_handler_initialized && rsp != nullptr;
-}
-
-static void save_config()
-{
-    tovak_config_save_file(tovak_config_get_file());
-}
-
 // 0x03 and 0x04 answer one i32 whether they worked or not.
 static void reply_i32(uint32_t* rsp_len, uint8_t* rsp, uint32_t capacity, int32_t value)
 {
@@ -66,7 +55,7 @@ static void reply_u32(uint32_t* rsp_len, uint8_t* rsp, uint32_t value)
 uint32_t handler_log_size(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
 {
     const uint32_t capacity = *rsp_len;
-    if (!gate_t(rsp)) {
+    if (!tovak_gate_t(rsp)) {
         TLOG_ERR();
         reply_i32(rsp_len, rsp, capacity, -1);
         return 0;
@@ -94,8 +83,7 @@ uint32_t handler_log_size(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uin
         return 0;
     }
     // Saved first: the next start-up applies it even if the platform balks now.
-    tovak_config_set_buffer_size(uint32_t(size));
-    save_config();
+    tovak_config_edit_and_save([&] { tovak_config_set_buffer_size(uint32_t(size)); });
     int changed = diag_change_buffer_size(size);
     TLOG("set log_size to %d Bytes, changed size = %d\n", size, changed);
     reply_i32(rsp_len, rsp, capacity, changed);
@@ -105,7 +93,7 @@ uint32_t handler_log_size(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uin
 uint32_t handler_out_path(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
 {
     const uint32_t capacity = *rsp_len;
-    if (!gate_t(rsp)) {
+    if (!tovak_gate_t(rsp)) {
         TLOG_ERR();
         reply_i32(rsp_len, rsp, capacity, -1);
         return 0;
@@ -146,7 +134,7 @@ uint32_t handler_out_path(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uin
 
 uint32_t handler_commit_log(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!gate_t(rsp)) {
+    if (!tovak_gate_t(rsp)) {
         TLOG_ERR();
         return 0;
     }
@@ -159,7 +147,7 @@ uint32_t handler_commit_log(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 
 uint32_t handler_get_buffer_size(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!gate_t(rsp)) {
+    if (!tovak_gate_t(rsp)) {
         TLOG_ERR();
         return 0;
     }
@@ -169,7 +157,7 @@ uint32_t handler_get_buffer_size(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t*
 
 uint32_t handler_get_log_state(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!gate_t(rsp)) {
+    if (!tovak_gate_t(rsp)) {
         TLOG_ERR();
         return 0;
     }
@@ -179,7 +167,7 @@ uint32_t handler_get_log_state(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* r
 
 uint32_t handler_get_range(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!gate_t(rsp)) {
+    if (!tovak_gate_t(rsp)) {
         TLOG_ERR();
         return 0;
     }

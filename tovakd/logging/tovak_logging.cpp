@@ -103,11 +103,7 @@ static void select_dpl_ifaces()
 
 static void save_log_state(uint32_t state)
 {
-    // Set and saved as one, so that a concurrent edit's save can't carry an
-    // older state to the file.
-    tovak_config_locked c;
-    tovak_config_set_log_state(state);
-    tovak_config_save_file(tovak_config_get_file());
+    tovak_config_edit_and_save([&] { tovak_config_set_log_state(state); });
 }
 
 uint32_t tovak_log_on()
