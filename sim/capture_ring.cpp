@@ -33,6 +33,7 @@ bool CaptureRing::open(const std::string& backing_path, size_t capacity)
     return true;
 }
 
+// Positional, as the ring writes and reads at its own offsets.
 static bool pwrite_all(int fd, const uint8_t* p, size_t n, off_t off)
 {
     while (n > 0) {
@@ -117,7 +118,7 @@ bool CaptureRing::commit(const std::string& dir, const std::string& name, int64_
             continue;
         if (fd < 0)
             return false;
-        bool ok = pwrite_all(fd, data.data(), data.size(), 0);
+        bool ok = sim_write_all(fd, data.data(), data.size());
         ok = close(fd) == 0 && ok;
         if (!ok)
             unlink(file.c_str());

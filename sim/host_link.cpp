@@ -28,7 +28,7 @@ Pool& pool()
     static Pool* p = new Pool;
     return *p;
 }
-std::atomic<int> timeout_ms{ 3000 };
+std::atomic<int> timeout_ms{ SIM_HOST_DEFAULT_TIMEOUT_MS };
 const size_t MAX_IDLE = 8;
 
 int connect_to(const std::string& path)

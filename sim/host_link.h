@@ -11,7 +11,8 @@
 // Prefix for every device path the host libraries choose themselves
 // (sockets, capture ring files); "" (the default) inside the sandbox.
 void sim_host_set_root(const std::string& root);
-// How long a library call waits for its answer (default 3000 ms).
+#define SIM_HOST_DEFAULT_TIMEOUT_MS 3000
+// How long a library call waits for its answer.
 void sim_host_set_timeout_ms(int ms);
 
 std::string sim_host_path(const char* device_path);

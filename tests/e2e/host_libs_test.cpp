@@ -15,7 +15,8 @@
 #include <thread>
 #include <tuple>
 
-#include "devsim_ctl.h"
+#include "dpl_record.h"
+#include "linked_devsim.h"
 #include "hdlc.h"
 #include "host_link.h"
 #include "le.h"
@@ -67,27 +68,20 @@ class HostLibs : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(sim.start(root()));
-        sim_host_set_root(root());
+        ASSERT_TRUE(sim.start());
     }
-    void TearDown() override
-    {
-        sim_host_set_root("");
-        sim_host_set_timeout_ms(3000);
-        // A clean exit on SIGTERM: under the sanitizers, no error and no leak.
-        EXPECT_EQ(0, sim.stop());
-    }
-    const std::string& root() const { return tmp.path(); }
+    // A clean exit on SIGTERM: under the sanitizers, no error and no leak.
+    void TearDown() override { EXPECT_EQ(0, sim.stop()); }
+    const std::string& root() const { return sim.root(); }
     std::string ctl(const std::vector<std::string>& args)
     {
         std::string out, err;
         EXPECT_EQ(0, devsim_ctl(root(), args, &out, &err)) << err;
         return out;
     }
-    json status() { return devsim_status(root()); }
+    json status() { return sim.status(); }
 
-    TempDir tmp;
-    DevsimProcess sim;
+    LinkedDevsim sim;
 };
 
 TEST(HostLibsAlone, EveryCallFailsCleanlyWithoutTheSimulator)
@@ -194,16 +188,9 @@ TEST_F(HostLibs, DataPathLogging)
 
     EXPECT_EQ(1, diag_dpl_set_iface_logging_with_ifid(15));
     // The daemon's own record for interface 19.
-    uint8_t rec[DIAG_DPL_IFACE_RECORD_SIZE] = {};
-    rec[0] = 19;
-    rec[1] = 4;
-    for (int k = 0; k < 4; k++) {
-        rec[8 + 16 * k] = uint8_t(k % 2 + 1);
-        rec[8 + 16 * k + 4] = 19;
-        rec[8 + 16 * k + 6] = uint8_t(k / 2);
-    }
+    Bytes rec = dpl_iface_record(19);
     uint8_t rsp[4] = { 9, 9, 9, 9 };
-    EXPECT_EQ(1, diag_dpl_set_iface_logging(rec, rsp, 4, 19));
+    EXPECT_EQ(1, diag_dpl_set_iface_logging(rec.data(), rsp, 4, 19));
     EXPECT_EQ((Bytes{ 19, 0, 0, 0 }), Bytes(rsp, rsp + 4));
     EXPECT_EQ(0, diag_dpl_set_iface_logging_with_ifid(44)) << "no such interface";
 

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "config_test_support.h"
-#include "devsim_ctl.h"
+#include "linked_devsim.h"
 #include "handlers/tovak_handler.h"
 #include "host_link.h"
 #include "logging/tovak_data.h"
@@ -54,13 +54,10 @@ protected:
         reset_config();
         tovak_data_store_packets({});
         tovak_has_remote_device = 0;
-        ASSERT_TRUE(sim.start(root()));
-        sim_host_set_root(root());
+        ASSERT_TRUE(sim.start());
     }
     void TearDown() override
     {
-        sim_host_set_root("");
-        sim_host_set_timeout_ms(3000);
         EXPECT_EQ(0, sim.stop());
         reset_config();
         tovak_data_store_packets({});
@@ -68,13 +65,13 @@ protected:
         tovak_handler_initialized = 0;
         tovak_log_state = LOG_STATE_IDLE;
     }
-    const std::string& root() const { return tmp.path(); }
+    const std::string& root() const { return sim.root(); }
     void ctl(const std::vector<std::string>& args)
     {
         std::string err;
         ASSERT_EQ(0, devsim_ctl(root(), args, nullptr, &err)) << err;
     }
-    json status() { return devsim_status(root()); }
+    json status() { return sim.status(); }
     size_t request_count() { return status()["request_count"].get<size_t>(); }
     // The unframed requests the modems got after the first `since`, as
     // "modem:hex".
@@ -90,8 +87,7 @@ protected:
         return out;
     }
 
-    TempDir tmp;
-    DevsimProcess sim;
+    LinkedDevsim sim;
 };
 
 TEST_F(OnSimModem, QueryAppendsTheAnswerAndLeavesTheModeAsItFoundIt)

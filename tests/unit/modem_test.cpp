@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "dpl_record.h"
 #include "hdlc.h"
 #include "le.h"
 #include "modem.h"
@@ -171,14 +172,7 @@ TEST(Modem, DataPathLoggingInterfaces)
         { "reset", "4B 2A 0100", "4B 2A 0100 00" },
     });
     // The daemon's 68-byte record for interface 15.
-    Bytes rec(68, 0);
-    rec[0] = 15;
-    rec[1] = 4;
-    for (size_t k = 0; k < 4; k++) {
-        rec[8 + 16 * k] = uint8_t(k % 2 + 1);
-        rec[8 + 16 * k + 4] = 15;
-        rec[8 + 16 * k + 6] = uint8_t(k / 2);
-    }
+    Bytes rec = dpl_iface_record(15);
     Bytes req = hex("4B 2A 0400");
     req.insert(req.end(), rec.begin(), rec.end());
     EXPECT_EQ(hexs(hex("4B 2A 0400 0F 00")), hexs(m.handle(req)));
