@@ -11,21 +11,6 @@
 
 #include "daemon/tovak_cmd_ids.h"
 
-const char* tovak_status_text(TovakStatus status)
-{
-    switch (status) {
-    case TovakStatus::ok:
-        return "ok";
-    case TovakStatus::closed:
-        return "the daemon closed the session";
-    case TovakStatus::timeout:
-        return "no reply in time";
-    case TovakStatus::error:
-        return "connection failed";
-    }
-    return "?";
-}
-
 TovakClient::TovakClient(int timeout_ms) : timeout_ms_(timeout_ms) {}
 
 TovakClient::~TovakClient()

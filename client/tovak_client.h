@@ -16,8 +16,6 @@ enum class TovakStatus {
     error,   // connect, read or write failed
 };
 
-const char* tovak_status_text(TovakStatus status);
-
 // One typed call: whether the exchange happened, then what the reply showed.
 struct TovakResult {
     TovakStatus status = TovakStatus::error;

@@ -2,14 +2,13 @@
 // socket, sessions and the shell diagnostics, seen over the real socket.
 #include <dirent.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <fstream>
 #include <regex>
-#include <set>
 #include <thread>
 
 #include "daemon/tovak_cmd_ids.h"
@@ -100,7 +99,6 @@ TEST_F(Spine, ProvisionsUserFilesFromTheFactoryCopies)
     }
     EXPECT_TRUE(dev.wait_stdout("tovak_daemon_init() = 0\n"));
     // The same sandboxed path is reached as /sdcard.
-    std::string out;
     auto c = dev.connect();
     tovak_pkt reply;
     ASSERT_EQ(TovakStatus::ok, c->system_command("@@#cat /sdcard/dm.cfg > /data/local/seen", &reply));
