@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "daemon/tovak_cmd_ids.h"
+#include "protocol/tovak_cmd_ids.h"
 #include "sim_device.h"
 #include "tovak_client.h"
 

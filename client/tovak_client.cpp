@@ -9,7 +9,7 @@
 #include <chrono>
 #include <cstring>
 
-#include "daemon/tovak_cmd_ids.h"
+#include "protocol/tovak_cmd_ids.h"
 
 TovakClient::TovakClient(int timeout_ms) : timeout_ms_(timeout_ms) {}
 

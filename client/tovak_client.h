@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon/tovak_pkt.h"
+#include "protocol/tovak_pkt.h"
 #include "tovak_cmd_codec.h"
 
 enum class TovakStatus {

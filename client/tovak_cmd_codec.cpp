@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "daemon/byte_buffer.h"
-#include "daemon/tovak_cmd_ids.h"
+#include "protocol/byte_buffer.h"
+#include "protocol/tovak_cmd_ids.h"
 
 // A reply the handler never touched keeps the length the session preset.
 #define UNTOUCHED_LEN TOVAK_PKT_DATA_SIZE

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon/tovak_pkt.h"
+#include "protocol/tovak_pkt.h"
 
 // Replies carry no status word: a verdict is read from what the command
 // left in the reply frame.

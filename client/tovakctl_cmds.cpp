@@ -6,9 +6,7 @@
 #include <ostream>
 #include <sstream>
 
-#include "daemon/tovak_cmd_ids.h"
-#include "daemon/tovak_paths.h"
-#include "sim_root.h"
+#include "protocol/tovak_cmd_ids.h"
 #include "tovak_client.h"
 
 using json = nlohmann::ordered_json;
@@ -635,7 +633,7 @@ std::string ctl_usage()
     std::ostringstream s;
     s << "usage: tovakctl [--socket PATH | --root ROOT] [--json] [--timeout SECONDS] COMMAND [ARGS]\n"
          "\n"
-         "Talks to tovakd over " TOVAK_SOCKET_PATH "; --root ROOT uses ROOT/" SIM_CLIENT_SOCKET
+         "Talks to tovakd over " TOVAK_SOCKET_PATH "; --root ROOT uses ROOT" TOVAK_SOCKET_PATH
          " (a simulated device).\n"
          "--json prints one JSON object per call. The default time-out is "
       << CTL_DEFAULT_TIMEOUT_S
@@ -697,7 +695,8 @@ int parse_options(const std::vector<std::string>& args, CtlOptions* opt, std::os
         } else if (a == "--root") {
             if (!value(&v))
                 return CTL_EXIT_USAGE;
-            opt->socket = v + "/" SIM_CLIENT_SOCKET;
+            // A simulated device shows the phone's paths under its root.
+            opt->socket = v + TOVAK_SOCKET_PATH;
             have_root = true;
         } else if (a == "--timeout") {
             uint64_t s;

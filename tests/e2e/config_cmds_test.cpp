@@ -7,7 +7,7 @@
 #include <set>
 #include <thread>
 
-#include "daemon/tovak_cmd_ids.h"
+#include "protocol/tovak_cmd_ids.h"
 #include "sim_device.h"
 
 namespace {

@@ -12,7 +12,7 @@
 #include <set>
 #include <thread>
 
-#include "daemon/tovak_cmd_ids.h"
+#include "protocol/tovak_cmd_ids.h"
 #include "devsim_ctl.h"
 #include "hdlc.h"
 #include "platform/diag.h"

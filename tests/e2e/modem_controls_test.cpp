@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <thread>
 
-#include "daemon/tovak_cmd_ids.h"
+#include "protocol/tovak_cmd_ids.h"
 #include "devsim_ctl.h"
 #include "sim_device.h"
 

@@ -11,7 +11,7 @@
 #include <regex>
 #include <thread>
 
-#include "daemon/tovak_cmd_ids.h"
+#include "protocol/tovak_cmd_ids.h"
 #include "sim_device.h"
 #include "sim_root.h"
 

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <functional>
 
-#include "daemon/tovak_cmd_ids.h"
+#include "protocol/tovak_cmd_ids.h"
 #include "fake_daemon.h"
 #include "tovak_client.h"
 #include "tovak_cmd_codec.h"

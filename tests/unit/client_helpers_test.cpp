@@ -4,7 +4,7 @@
 
 #include <functional>
 
-#include "daemon/tovak_cmd_ids.h"
+#include "protocol/tovak_cmd_ids.h"
 #include "fake_daemon.h"
 #include "tovak_client.h"
 

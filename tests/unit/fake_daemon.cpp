@@ -12,7 +12,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "daemon/tovak_cmd_ids.h"
+#include "protocol/tovak_cmd_ids.h"
 #include "tovak_cmd_codec.h"
 
 std::vector<uint8_t> hex_bytes(const std::string& hex)

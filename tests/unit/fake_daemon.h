@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "daemon/tovak_pkt.h"
+#include "protocol/tovak_pkt.h"
 #include "tovak_cmd_codec.h"
 #include "sim_device.h"
 

@@ -11,7 +11,7 @@
 
 #include "config_test_support.h"
 #include "daemon/cmd_table.h"
-#include "daemon/tovak_pkt.h"
+#include "protocol/tovak_pkt.h"
 #include "handlers/tovak_handler.h"
 #include "logging/tovak_logging.h"
 #include "recording_platform.h"

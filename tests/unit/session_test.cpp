@@ -7,7 +7,7 @@
 
 #include "daemon/cmd_table.h"
 #include "daemon/tovak.h"
-#include "daemon/tovak_cmd_ids.h"
+#include "protocol/tovak_cmd_ids.h"
 #include "handlers/tovak_handler.h"
 #include "sim_device.h"
 

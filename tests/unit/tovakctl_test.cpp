@@ -8,7 +8,7 @@
 #include <sstream>
 
 #include "daemon/cmd_table.h"
-#include "daemon/tovak_cmd_ids.h"
+#include "protocol/tovak_cmd_ids.h"
 #include "fake_daemon.h"
 #include "tovak_client.h"
 #include "tovakctl_cmds.h"

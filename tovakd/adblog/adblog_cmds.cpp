@@ -6,7 +6,7 @@
 
 #include "adblog/adblog_core.h"
 #include "config/tovak_config.h"
-#include "daemon/byte_buffer.h"
+#include "protocol/byte_buffer.h"
 #include "daemon/tovak_log.h"
 
 #define LOG_MODULE "tovak_handler"

@@ -1,7 +1,7 @@
 #include "daemon/cmd_table.h"
 
 #include "daemon/tovak_log.h"
-#include "daemon/tovak_cmd_ids.h"
+#include "protocol/tovak_cmd_ids.h"
 #include "handlers/tovak_handler.h"
 
 #define LOG_MODULE "tovak_handler"

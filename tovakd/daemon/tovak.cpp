@@ -13,10 +13,10 @@
 #include <cstring>
 
 #include "daemon/cmd_table.h"
-#include "daemon/tovak_cmd_ids.h"
+#include "protocol/tovak_cmd_ids.h"
 #include "daemon/tovak_log.h"
 #include "daemon/tovak_paths.h"
-#include "daemon/tovak_pkt.h"
+#include "protocol/tovak_pkt.h"
 #include "handlers/tovak_handler.h"
 
 #define LOG_MODULE "tovak"

@@ -1,7 +1,7 @@
 // Every device path the daemon uses, exactly as on the phone.
 #pragma once
 
-#define TOVAK_SOCKET_PATH "/dev/ps_socket/tovak"
+// The client socket is part of the protocol: TOVAK_SOCKET_PATH in protocol/tovak_pkt.h.
 
 // Factory files copied to their user locations when those are missing.
 #define TOVAK_USER_CONFIG_FILE "/data/media/0/dm.cfg"

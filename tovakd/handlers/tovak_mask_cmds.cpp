@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "config/tovak_config.h"
-#include "daemon/byte_buffer.h"
+#include "protocol/byte_buffer.h"
 #include "daemon/tovak_log.h"
 #include "handlers/tovak_handler.h"
 

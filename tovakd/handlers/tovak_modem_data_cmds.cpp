@@ -5,7 +5,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "daemon/byte_buffer.h"
+#include "protocol/byte_buffer.h"
 #include "daemon/tovak_log.h"
 #include "handlers/tovak_handler.h"
 #include "platform/properties.h"

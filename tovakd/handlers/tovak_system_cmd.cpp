@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "daemon/byte_buffer.h"
+#include "protocol/byte_buffer.h"
 #include "daemon/tovak_log.h"
 #include "daemon/tovak_paths.h"
 #include "handlers/tovak_handler.h"

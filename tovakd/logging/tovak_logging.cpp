@@ -8,7 +8,7 @@
 #include <mutex>
 
 #include "config/tovak_config.h"
-#include "daemon/byte_buffer.h"
+#include "protocol/byte_buffer.h"
 #include "daemon/tovak_log.h"
 #include "handlers/tovak_dpl_cmds.h"
 #include "handlers/tovak_handler.h"

@@ -1,4 +1,4 @@
-#include "daemon/byte_buffer.h"
+#include "protocol/byte_buffer.h"
 
 #include <cstdio>
 #include <cstring>

@@ -6,6 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 
+// Where the daemon listens on a phone.
+#define TOVAK_SOCKET_PATH "/dev/ps_socket/tovak"
+
 #define TOVAK_PKT_SIZE 5128
 #define TOVAK_PKT_DATA_SIZE 5120
 
