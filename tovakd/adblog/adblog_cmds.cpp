@@ -1,26 +1,21 @@
 // Android log capture commands and their start-up.
-#include "handlers/tovak_handler.h"
+#include "adblog/adblog_cmds.h"
 
 #include <cstdlib>
 #include <cstring>
 
 #include "adblog/adblog_core.h"
+#include "common/tovak_log.h"
 #include "config/tovak_config.h"
-#include "protocol/byte_buffer.h"
-#include "daemon/tovak_log.h"
 
 #define LOG_MODULE "tovak_handler"
 
 #define ADBLOG_NAMES_SIZE 100
 
-uint8_t adblog_handler_initialized;
-
 static uint32_t set_capture(uint32_t* rsp_len, uint8_t* rsp, int state, const char* entry_line)
 {
-    if (!tovak_gate_a(rsp)) {
-        TLOG_ERR();
+    if (!tovak_gate_a(rsp))
         return 0;
-    }
     TLOG("%s", entry_line);
     adblog_core_set_state(state);
     *rsp_len = 0;
@@ -40,10 +35,8 @@ uint32_t adblog_off(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 
 uint32_t adblog_commit(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_a(rsp)) {
-        TLOG_ERR();
+    if (!tovak_gate_a(rsp))
         return 0;
-    }
     TLOG("process adblog_commit\n");
     int result = adblog_core_commit();
     *rsp_len = 0;
@@ -52,30 +45,20 @@ uint32_t adblog_commit(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 
 uint32_t adblog_get_state(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_a(rsp)) {
-        TLOG_ERR();
+    if (!tovak_gate_a(rsp))
         return 0;
-    }
     TLOG("process adblog_get_state\n");
-    byte_buffer out;
-    byte_buffer_init(&out, rsp, *rsp_len);
-    byte_buffer_write_u32(&out, adblog_core_get_state() != 0 ? 1 : 0);
-    *rsp_len = byte_buffer_length(&out);
+    tovak_reply_u32(rsp_len, rsp, { adblog_core_get_state() != 0 ? 1u : 0u });
     return 1;
 }
 
 static uint32_t set_category(uint32_t req_len, uint8_t* req, uint8_t* rsp, int state, const char* entry_line,
                              const char* change_line)
 {
-    if (!tovak_gate_a(rsp)) {
-        TLOG_ERR();
+    if (!tovak_gate_a(rsp))
         return 0;
-    }
     TLOG("%s", entry_line);
-    byte_buffer in;
-    byte_buffer_init(&in, req, req_len);
-    uint32_t category = 0;
-    byte_buffer_read_u32(&in, &category);
+    const uint32_t category = tovak_request(req, req_len).u32();
     TLOG(change_line, int(category));
     // Out of range changes nothing and is no error here.
     adblog_core_set_category_state(int(category), state);
@@ -112,10 +95,8 @@ static T* enable_values(int* count)
 
 uint32_t adblog_get_categories(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_a(rsp)) {
-        TLOG_ERR();
+    if (!tovak_gate_a(rsp))
         return 0;
-    }
     TLOG("process adblog_get_categories\n");
     int count;
     uint32_t* values = enable_values<uint32_t>(&count);
@@ -123,21 +104,16 @@ uint32_t adblog_get_categories(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* r
         TLOG_ERR();
         return 0;
     }
-    byte_buffer out;
-    byte_buffer_init(&out, rsp, *rsp_len);
     // One write: a reply too small for all of them gets none.
-    byte_buffer_write_bytes(&out, values, uint32_t(count) * 4);
-    *rsp_len = byte_buffer_length(&out);
+    tovak_reply(rsp_len, rsp).bytes(values, uint32_t(count) * 4).finish();
     free(values);
     return 1;
 }
 
 uint32_t adblog_set_categories(uint32_t, uint8_t*, uint32_t*, uint8_t* rsp)
 {
-    if (!tovak_gate_a(rsp)) {
-        TLOG_ERR();
+    if (!tovak_gate_a(rsp))
         return 0;
-    }
     TLOG("process adblog_set_categories\n");
     int count;
     uint16_t* values = enable_values<uint16_t>(&count);
@@ -159,30 +135,22 @@ uint32_t adblog_get_category_name(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t
     TLOG("process adblog_get_category_name\n");
     char names[ADBLOG_NAMES_SIZE] = {};
     adblog_core_get_category_names(names);
-    byte_buffer out;
-    byte_buffer_init(&out, rsp, *rsp_len);
-    byte_buffer_write_bytes(&out, names, uint32_t(strlen(names) + 1));
-    *rsp_len = byte_buffer_length(&out);
+    tovak_reply(rsp_len, rsp).bytes(names, uint32_t(strlen(names) + 1)).finish();
     return 1;
 }
 
 uint32_t adblog_set_size_with_cat(uint32_t req_len, uint8_t* req, uint32_t*, uint8_t* rsp)
 {
-    if (!tovak_gate_a(rsp)) {
-        TLOG_ERR();
+    if (!tovak_gate_a(rsp))
         return 0;
-    }
     TLOG("process adblog_set_size_with_cat\n");
     if (req_len < 4) {
         TLOG_ERR();
         return 0;
     }
-    byte_buffer in;
-    byte_buffer_init(&in, req, req_len);
-    uint32_t category = 0;
-    uint32_t size = 0;
-    byte_buffer_read_u32(&in, &category);
-    byte_buffer_read_u32(&in, &size);
+    tovak_request in(req, req_len);
+    const uint32_t category = in.u32();
+    const uint32_t size = in.u32();
     TLOG("Set size cat = %d, size = %d\n", int(category), int(size));
     if (size == 0 || adblog_core_get_state() != 0) {
         TLOG_ERR();
@@ -196,37 +164,23 @@ uint32_t adblog_set_size_with_cat(uint32_t req_len, uint8_t* req, uint32_t*, uin
 
 uint32_t adblog_get_size_with_cat(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_a(rsp)) {
-        TLOG_ERR();
+    if (!tovak_gate_a(rsp))
         return 0;
-    }
-    byte_buffer in;
-    byte_buffer_init(&in, req, req_len);
-    uint32_t category = 0;
-    byte_buffer_read_u32(&in, &category);
+    const uint32_t category = tovak_request(req, req_len).u32();
     TLOG("process adblog_get_size_with_cat cat = %d\n", int(category));
     int size = adblog_core_get_size(int(category));
     TLOG("adblog size cat = %d, size = %d\n", int(category), size);
-    byte_buffer out;
-    byte_buffer_init(&out, rsp, *rsp_len);
-    byte_buffer_write_u32(&out, uint32_t(size));
-    *rsp_len = byte_buffer_length(&out);
+    tovak_reply_u32(rsp_len, rsp, { uint32_t(size) });
     return 1;
 }
 
 uint32_t adblog_get_size_limits(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_handler_initialized || rsp == nullptr) {
-        TLOG_ERR();
+    if (!tovak_gate_t(rsp))
         return 0;
-    }
     int min, max;
     adblog_core_get_size_limits(&min, &max);
-    byte_buffer out;
-    byte_buffer_init(&out, rsp, *rsp_len);
-    byte_buffer_write_u32(&out, uint32_t(min));
-    byte_buffer_write_u32(&out, uint32_t(max));
-    *rsp_len = byte_buffer_length(&out);
+    tovak_reply_u32(rsp_len, rsp, { uint32_t(min), uint32_t(max) });
     return 1;
 }
 

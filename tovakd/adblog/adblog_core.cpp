@@ -11,8 +11,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "daemon/tovak_log.h"
-#include "daemon/tovak_paths.h"
+#include "common/tovak_log.h"
+#include "common/tovak_paths.h"
 #include "platform/syslog_capture.h"
 
 #define LOG_MODULE "adblog_core"

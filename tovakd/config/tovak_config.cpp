@@ -6,15 +6,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <mutex>
 
-#include "daemon/tovak_log.h"
-#include "daemon/tovak_paths.h"
-#include "logging/tovak_data.h"
+#include "common/tovak_file.h"
+#include "common/tovak_log.h"
+#include "common/tovak_paths.h"
 #include "platform/properties.h"
 
 const char DEFAULT_CONFIG_TEXT[] =
@@ -34,6 +32,14 @@ static std::recursive_mutex& config_mutex()
     return *mutex;
 }
 
+// Orders every write and load of a configuration file; taken before the
+// configuration lock, never while holding it.
+static std::mutex& save_mutex()
+{
+    static auto* mutex = new std::mutex;
+    return *mutex;
+}
+
 static tovak_config& config_record()
 {
     static auto* record = new tovak_config;
@@ -42,6 +48,7 @@ static tovak_config& config_record()
 
 // The current configuration file path; empty until first asked for.
 static char config_file_name[TOVAK_CONFIG_FILE_NAME_SIZE];
+static_assert(TOVAK_CONFIG_FILE_NAME_SIZE == PROPERTY_VALUE_MAX, "the path is a property value");
 
 tovak_config_locked::tovak_config_locked() : config_(&config_record())
 {
@@ -170,12 +177,17 @@ static std::vector<std::string> kept_lines(const std::string& text)
 
 int tovak_config_load_file(const char* path)
 {
+    // Read before the configuration lock is taken: a slow disk must not stall
+    // every reader of the record.
+    std::lock_guard<std::mutex> hold(save_mutex());
+    std::string text;
+    const bool opened = path != nullptr && read_regular_file(path, &text) == 0;
+    std::vector<std::string> lines = kept_lines(text);
     tovak_config_locked c;
     c->path = path != nullptr ? path : "";
-    std::string text;
-    if (path == nullptr || read_regular_file(path, &text) != 0)
+    if (!opened)
         return -1;
-    parse_lines(*c, kept_lines(text));
+    parse_lines(*c, lines);
     return 0;
 }
 
@@ -221,68 +233,33 @@ std::string tovak_config_text()
     return t;
 }
 
-static bool write_all(int fd, const std::string& text)
+// Under the save lock.
+static void write_file(const std::string& path, const std::string& text)
 {
-    size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        done += size_t(n);
-    }
-    return true;
-}
-
-// Replaces path with text so that a crash or a full disk leaves either the
-// old or the new file whole, never a torn or empty one.
-static void replace_file(const char* path, const std::string& text)
-{
-    std::string target = path;
-    struct stat st;
-    // A link is written through, as opening it for writing would.
-    if (lstat(path, &st) == 0 && S_ISLNK(st.st_mode)) {
-        char resolved[PATH_MAX];
-        if (realpath(path, resolved) != nullptr)
-            target = resolved;
-    }
-    size_t slash = target.rfind('/');
-    std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : target.substr(0, slash);
-    std::string base = slash == std::string::npos ? target : target.substr(slash + 1);
-    if (base.empty())
+    if (path.empty())
         return;
-    std::string tmp = (slash == std::string::npos ? "" : target.substr(0, slash + 1)) + "." + base + ".tmp";
-
-    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
-    if (fd < 0)
-        return;
-    bool existed = stat(target.c_str(), &st) == 0;
-    if (existed && S_ISREG(st.st_mode)) {
-        (void)!fchown(fd, st.st_uid, st.st_gid);
-        (void)!fchmod(fd, st.st_mode & 07777);
-    }
-    bool ok = write_all(fd, text) && fsync(fd) == 0;
-    ok = close(fd) == 0 && ok;
-    if (!ok || rename(tmp.c_str(), target.c_str()) != 0) {
-        unlink(tmp.c_str());
-        return;
-    }
-    int dir_fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dir_fd >= 0) {
-        fsync(dir_fd);
-        close(dir_fd);
-    }
+    tovak_file_replace(path.c_str(), [&](int fd) { return tovak_write_all(fd, text.data(), text.size()); });
 }
 
 int tovak_config_save_file(const char* path)
 {
-    if (path == nullptr || *path == '\0')
-        return 0;
-    // Held across the write so that saves land in the order of the edits.
-    tovak_config_locked c;
-    replace_file(path, tovak_config_text());
+    std::lock_guard<std::mutex> hold(save_mutex());
+    write_file(path != nullptr ? path : "", tovak_config_text());
     return 0;
+}
+
+void tovak_config_edit_and_save(const std::function<void()>& edit)
+{
+    std::lock_guard<std::mutex> hold(save_mutex());
+    std::string path;
+    std::string text;
+    {
+        tovak_config_locked c;
+        edit();
+        path = tovak_config_get_file();
+        text = tovak_config_text();
+    }
+    write_file(path, text);
 }
 
 // ---- Paths
@@ -295,18 +272,19 @@ int tovak_config_init()
         TLOG("Configuration File Loading Fail so load default config.\n");
         tovak_config_load_text(DEFAULT_CONFIG_TEXT);
     }
-    tovak_data_load_dm_packet();
     return 0;
 }
 
 int tovak_config_reload()
 {
+    // As the buffer stands: an empty name fails and changes nothing.
+    char name[TOVAK_CONFIG_FILE_NAME_SIZE];
     {
-        // As the buffer stands: an empty name fails and changes nothing.
         tovak_config_locked c;
-        tovak_config_load_file(c.file_name());
+        memcpy(name, c.file_name(), sizeof name);
     }
-    tovak_data_load_dm_packet();
+    name[sizeof name - 1] = '\0';
+    tovak_config_load_file(name);
     return 0;
 }
 
@@ -315,13 +293,29 @@ const char* tovak_config_get_file()
     // Each thread reads its own copy, so a concurrent change of file can't
     // tear the name under a reader.
     thread_local char copy[TOVAK_CONFIG_FILE_NAME_SIZE];
-    tovak_config_locked c;
-    char* name = c.file_name();
-    if (name[0] == '\0')
-        property_get(TOVAK_CONFIG_FILE_PROPERTY, name, TOVAK_DEFAULT_CONFIG_FILE);
-    memcpy(copy, name, sizeof copy);
+    {
+        tovak_config_locked c;
+        memcpy(copy, c.file_name(), sizeof copy);
+    }
+    if (copy[0] == '\0') {
+        char value[PROPERTY_VALUE_MAX] = {};
+        property_get(TOVAK_CONFIG_FILE_PROPERTY, value, TOVAK_DEFAULT_CONFIG_FILE);
+        tovak_config_locked c;
+        // Another thread may have chosen a file meanwhile; it stands.
+        if (c.file_name()[0] == '\0')
+            memcpy(c.file_name(), value, TOVAK_CONFIG_FILE_NAME_SIZE);
+        memcpy(copy, c.file_name(), sizeof copy);
+    }
     copy[sizeof copy - 1] = '\0';
     return copy;
+}
+
+// Held across a whole change of file, property write included, so that the
+// property and the buffer name the same file when two clients choose at once.
+static std::mutex& file_choice_mutex()
+{
+    static auto* mutex = new std::mutex;
+    return *mutex;
 }
 
 int tovak_config_set_file(const char* name)
@@ -337,15 +331,17 @@ int tovak_config_set_file(const char* name)
         TLOG("Critical Error: fail to save config file into property system\n");
         return -1;
     }
-    tovak_config_locked c;
-    char* buffer = c.file_name();
-    snprintf(buffer, TOVAK_CONFIG_FILE_NAME_SIZE, "%s", name);
+    std::lock_guard<std::mutex> hold(file_choice_mutex());
+    {
+        tovak_config_locked c;
+        snprintf(c.file_name(), TOVAK_CONFIG_FILE_NAME_SIZE, "%s", name);
+    }
     int result = 0;
-    if (property_set(TOVAK_CONFIG_FILE_PROPERTY, buffer) != 0) {
+    if (property_set(TOVAK_CONFIG_FILE_PROPERTY, name) != 0) {
         TLOG("Critical Error: fail to save config file into property system\n");
         result = -1;
     }
-    if (tovak_config_load_file(buffer) != 0) {
+    if (tovak_config_load_file(name) != 0) {
         TLOG("Critical Error: Missing Config File\n");
         return -1;
     }

@@ -2,15 +2,16 @@
 // that commands edit. Operations return 0 for success and -1 for failure
 // unless stated.
 //
-// One recursive mutex guards the record, the file-name buffer and every file
-// operation; each function below takes it for its own duration. Code that
-// needs several fields at once, or writes the modem-range fields, holds a
+// One recursive mutex guards the record and the file-name buffer; each
+// function below takes it for its own duration. Code that needs several
+// fields at once, or writes the modem-range fields, holds a
 // tovak_config_locked for that span; it may call the functions below
 // meanwhile. Never keep a pointer into the record past the accessor's life:
 // every load replaces the lists.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -69,22 +70,22 @@ int tovak_config_load_text(const char* text);
 int tovak_config_save_file(const char* path);
 // The record as tovak_config_save_file writes it.
 std::string tovak_config_text();
+// The start-up load: /data/media/0/dm.cfg, or the built-in text; 0.
 int tovak_config_init();
+// Loads the current file as the buffer names it, without filling it from
+// the property first; 0.
 int tovak_config_reload();
 // The current configuration file path, filled from the property on first use.
 // The pointer is to this thread's copy, valid until its next call.
 const char* tovak_config_get_file();
 int tovak_config_set_file(const char* name);
 
-// Applies edit and saves the record to the current configuration file under
-// one hold of the lock, so that a reload in between cannot drop the edit.
-template <typename Edit>
-void tovak_config_edit_and_save(Edit edit)
-{
-    tovak_config_locked c;
-    edit();
-    tovak_config_save_file(tovak_config_get_file());
-}
+// Applies edit and writes the record to the current configuration file.
+// Every write and every load of a file happens under one save lock, so saves
+// land in the order of their edits and a load never reads a file that is
+// behind the record; the configuration lock is held only for the edit and
+// the copy of the text, never across the disk.
+void tovak_config_edit_and_save(const std::function<void()>& edit);
 
 // Ordered sets; ids arrive as 32 bits and only the low 16 are used. The gets
 // hand out a malloc'd array the caller frees, and set *count to -1 on failure.

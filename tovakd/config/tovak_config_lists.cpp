@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "daemon/tovak_log.h"
+#include "common/tovak_log.h"
 
 #define U16_MAX 0xffffu
 #define U32_MAX 0xffffffffu

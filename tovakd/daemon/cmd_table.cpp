@@ -1,8 +1,12 @@
 #include "daemon/cmd_table.h"
 
-#include "daemon/tovak_log.h"
-#include "protocol/tovak_cmd_ids.h"
+#include "adblog/adblog_cmds.h"
+#include "common/tovak_log.h"
+#include "config/tovak_config_cmds.h"
+#include "daemon/tovak.h"
 #include "handlers/tovak_handler.h"
+#include "logging/tovak_logging.h"
+#include "protocol/tovak_cmd_ids.h"
 
 #define LOG_MODULE "tovak_handler"
 

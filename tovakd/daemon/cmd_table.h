@@ -4,9 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-// (request length, request payload, reply length [in: room, out: written],
-// reply payload) -> 1 success, 0 failure.
-typedef uint32_t (*command_handler)(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp);
+#include "common/tovak_cmd.h"
 
 struct cmd_entry {
     uint32_t id;

@@ -5,19 +5,21 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 
+#include "adblog/adblog_cmds.h"
+#include "common/tovak_file.h"
+#include "common/tovak_log.h"
+#include "common/tovak_paths.h"
 #include "daemon/cmd_table.h"
+#include "logging/tovak_logging.h"
 #include "protocol/tovak_cmd_ids.h"
-#include "daemon/tovak_log.h"
-#include "daemon/tovak_paths.h"
 #include "protocol/tovak_pkt.h"
-#include "handlers/tovak_handler.h"
+#include "protocol/unix_socket.h"
 
 #define LOG_MODULE "tovak"
 
@@ -47,33 +49,38 @@ uint32_t handler_dummy(uint32_t, uint8_t*, uint32_t*, uint8_t*)
 
 int tovak_copy_default_file(const char* user, const char* source)
 {
-    int fd = open(user, O_RDONLY);
+    int fd = open(user, O_RDONLY | O_CLOEXEC);
     if (fd >= 0) {
         TLOG("User file already exists %s\n", user);
         close(fd);
         return 0;
     }
-    int src = open(source, O_RDONLY);
+    int src = open(source, O_RDONLY | O_CLOEXEC);
     if (src < 0) {
         TLOG("Fatal Error: src file %s doesn't exist\n", source);
         TLOG_ERR();
         return -1;
     }
-    int dst = open(user, O_RDWR | O_CREAT | O_TRUNC, 0666);
-    if (dst < 0) {
+    // Through a temporary file: a kill or a full disk mid-copy must leave no
+    // user file rather than a torn one that the next start-up would load.
+    bool copied = tovak_file_replace(user, [src](int dst) {
+        char chunk[TOVAK_COPY_CHUNK];
+        for (;;) {
+            ssize_t n = read(src, chunk, sizeof chunk);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0)
+                return n == 0;
+            if (!tovak_write_all(dst, chunk, size_t(n)))
+                return false;
+        }
+    });
+    close(src);
+    if (!copied) {
         TLOG("Fatal Error: Target File %s can't creat\n", user);
         TLOG_ERR();
-        close(src);
         return -1;
     }
-    char chunk[TOVAK_COPY_CHUNK];
-    ssize_t n;
-    while ((n = read(src, chunk, sizeof chunk)) > 0) {
-        if (write(dst, chunk, size_t(n)) != n)
-            break;
-    }
-    close(src);
-    close(dst);
     return 0;
 }
 
@@ -178,7 +185,9 @@ int tovak_main()
 
     signal(SIGPIPE, SIG_IGN);
 
-    int listen_fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    // Close-on-exec, as every descriptor here: a shell diagnostic must not
+    // hold the daemon's sockets.
+    int listen_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (listen_fd < 0)
         return tovak_fail(listen_fd, "Failed to create socket");
 
@@ -186,12 +195,10 @@ int tovak_main()
     if (access(path, F_OK) == 0)
         unlink(path);
 
+    // Bound with the family, the path and its terminating zero.
     sockaddr_un addr;
-    memset(&addr, 0, sizeof addr);
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, path, sizeof addr.sun_path - 1);
-    // Family, path and its terminating zero.
-    socklen_t addr_len = socklen_t(strlen(path) + 3);
+    socklen_t addr_len;
+    unix_socket_address(path, &addr, &addr_len);
 
     if (bind(listen_fd, reinterpret_cast<sockaddr*>(&addr), addr_len) < 0)
         return tovak_fail(listen_fd, "Failed to bind socket");
@@ -204,7 +211,7 @@ int tovak_main()
     adblog_handler_init();
 
     for (;;) {
-        int client = accept(listen_fd, reinterpret_cast<sockaddr*>(&addr), &addr_len);
+        int client = accept4(listen_fd, reinterpret_cast<sockaddr*>(&addr), &addr_len, SOCK_CLOEXEC);
         if (client < 0)
             return tovak_fail(listen_fd, "Failed to accept socket");
         TLOG("%s(%d-%d)\n", "server: got connection", listen_fd, client);

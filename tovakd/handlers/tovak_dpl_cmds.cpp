@@ -1,14 +1,16 @@
 // DPL interface commands. Unlike the mask commands they reach the modem at
-// once.
+// once. The list and add commands are item commands (tovak_item_cmds.cpp).
 #include "handlers/tovak_dpl_cmds.h"
 
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
+#include "common/tovak_cmd.h"
+#include "common/tovak_log.h"
 #include "config/tovak_config.h"
-#include "protocol/byte_buffer.h"
-#include "daemon/tovak_log.h"
 #include "handlers/tovak_handler.h"
+#include "platform/diag.h"
 
 #define LOG_MODULE "tovak_handler"
 
@@ -18,7 +20,16 @@
 // What the library may write back for one interface; not read here.
 #define DPL_ANSWER_SIZE 4
 
-void tovak_dpl_iface_record(uint8_t ifid, uint8_t record[DIAG_DPL_IFACE_RECORD_SIZE])
+// Held from reading the DPL state to storing the new one, across the modem
+// calls: two clients switching at once must leave the modem and the stored
+// state agreeing.
+static std::mutex& dpl_mutex()
+{
+    static auto* mutex = new std::mutex;
+    return *mutex;
+}
+
+void tovak_dpl_start_iface(uint16_t id)
 {
     // clang-format off
     static const uint8_t entries[DPL_RECORD_ENTRIES][2] = {
@@ -29,7 +40,9 @@ void tovak_dpl_iface_record(uint8_t ifid, uint8_t record[DIAG_DPL_IFACE_RECORD_S
         { 2, 1 },
     };
     // clang-format on
-    memset(record, 0, DIAG_DPL_IFACE_RECORD_SIZE);
+    // The modem takes one byte per interface.
+    const uint8_t ifid = uint8_t(id);
+    uint8_t record[DIAG_DPL_IFACE_RECORD_SIZE] = {};
     record[0] = ifid;
     record[1] = DPL_RECORD_ENTRIES;
     for (int i = 0; i < DPL_RECORD_ENTRIES; i++) {
@@ -38,38 +51,42 @@ void tovak_dpl_iface_record(uint8_t ifid, uint8_t record[DIAG_DPL_IFACE_RECORD_S
         e[4] = ifid;
         e[6] = entries[i][1];
     }
+    uint8_t answer[DPL_ANSWER_SIZE] = {};
+    diag_dpl_set_iface_logging(record, answer, DPL_ANSWER_SIZE, ifid);
 }
 
-void tovak_dpl_start_configured_ifaces()
+static void start_configured_ifaces()
 {
     uint16_t* ids = nullptr;
     int count = -1;
     int result = tovak_config_get_dpl_ifs(&ids, &count);
     TLOG("tovak_config_get_dpl_ifs result = %d, size = %d\n", result, count);
-    // The modem takes one byte per interface.
     for (int i = 0; i < count; i++)
         diag_dpl_set_iface_logging_with_ifid(uint8_t(ids[i]));
     free(ids);
 }
 
+void tovak_dpl_select_configured()
+{
+    std::lock_guard<std::mutex> hold(dpl_mutex());
+    if (tovak_config_get_dpl_state())
+        start_configured_ifaces();
+}
+
 uint32_t handler_dpl_set_state(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp)) {
-        TLOG_ERR();
+    if (!tovak_gate_t(rsp))
         return 0;
-    }
-    byte_buffer in;
-    byte_buffer_init(&in, req, req_len);
-    uint32_t state = 0;
-    byte_buffer_read_u32(&in, &state);
+    const uint32_t state = tovak_request(req, req_len).u32();
     TLOG("dpl set state %d\n", int(state));
+    std::lock_guard<std::mutex> hold(dpl_mutex());
     // A repeat is refused so that the client learns nothing changed.
     if (state == tovak_config_get_dpl_state()) {
         TLOG_ERR();
         return 0;
     }
     if (state != 0)
-        tovak_dpl_start_configured_ifaces();
+        start_configured_ifaces();
     else
         diag_dpl_reset_logging();
     // A negative request has switched the interfaces on, yet is stored as off.
@@ -80,33 +97,25 @@ uint32_t handler_dpl_set_state(uint32_t req_len, uint8_t* req, uint32_t* rsp_len
 
 uint32_t handler_dpl_get_state(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp)) {
-        TLOG_ERR();
+    if (!tovak_gate_t(rsp))
         return 0;
-    }
     TLOG("dpl get state\n");
-    byte_buffer out;
-    byte_buffer_init(&out, rsp, *rsp_len);
-    byte_buffer_write_u32(&out, tovak_config_get_dpl_state());
-    *rsp_len = byte_buffer_length(&out);
+    tovak_reply_u32(rsp_len, rsp, { tovak_config_get_dpl_state() });
     return 1;
 }
 
 uint32_t handler_dpl_get_all_if_list(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp)) {
-        TLOG_ERR();
+    if (!tovak_gate_t(rsp))
         return 0;
-    }
     TLOG("handler_dpl_get_all_if_list output length = %d\n", int(*rsp_len));
     diag_dpl_iface_list list;
     memset(&list, 0, sizeof list);
     diag_dpl_get_supported_ifaces(&list);
     const uint32_t count = list.count < DIAG_DPL_MAX_IFACES ? list.count : DIAG_DPL_MAX_IFACES;
 
-    byte_buffer out;
-    byte_buffer_init(&out, rsp, *rsp_len);
-    byte_buffer_write_u32(&out, count);
+    tovak_reply reply(rsp_len, rsp);
+    reply.u32(count);
     for (uint32_t i = 0; i < count; i++) {
         diag_dpl_iface_desc desc;
         memset(&desc, 0, sizeof desc);
@@ -121,65 +130,17 @@ uint32_t handler_dpl_get_all_if_list(uint32_t, uint8_t*, uint32_t* rsp_len, uint
         TLOG("id = %d, desc = %s\n", int(list.ids[i]), desc.desc);
         // Each write stands alone: a reply area too small for one still
         // takes the smaller ones after it.
-        byte_buffer_write_u8(&out, list.ids[i]);
-        byte_buffer_write_u8(&out, len);
-        byte_buffer_write_bytes(&out, desc.desc, len);
+        reply.u8(list.ids[i]).u8(len).bytes(desc.desc, len);
     }
-    *rsp_len = byte_buffer_length(&out);
-    return 1;
-}
-
-uint32_t handler_dpl_get_if_list(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
-{
-    if (!tovak_gate_t(rsp)) {
-        TLOG_ERR();
-        return 0;
-    }
-    TLOG("handler_dpl_get_if_list output length = %d\n", int(*rsp_len));
-    uint16_t* ids = nullptr;
-    int count = -1;
-    if (tovak_config_get_dpl_ifs(&ids, &count) != 0 || count < 0) {
-        TLOG_ERR();
-        free(ids);
-        return 0;
-    }
-    byte_buffer out;
-    byte_buffer_init(&out, rsp, *rsp_len);
-    byte_buffer_write_u32(&out, uint32_t(count));
-    // One write: a list too long for the reply goes out as its count alone.
-    byte_buffer_write_bytes(&out, ids, uint32_t(count) * sizeof *ids);
-    *rsp_len = byte_buffer_length(&out);
-    free(ids);
-    return 1;
-}
-
-uint32_t handler_dpl_set_if(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
-{
-    if (!tovak_gate_t(rsp)) {
-        TLOG_ERR();
-        return 0;
-    }
-    *rsp_len = 0;
-    byte_buffer in;
-    byte_buffer_init(&in, req, req_len);
-    uint16_t id = 0;
-    byte_buffer_read_u16(&in, &id);
-    TLOG("handler_dpl_set_if, if id = %d\n", int(id));
-    uint8_t record[DIAG_DPL_IFACE_RECORD_SIZE];
-    tovak_dpl_iface_record(uint8_t(id), record);
-    uint8_t answer[DPL_ANSWER_SIZE] = {};
-    // Logged at once, whatever the DPL state.
-    diag_dpl_set_iface_logging(record, answer, DPL_ANSWER_SIZE, uint8_t(id));
-    tovak_config_edit_and_save([&] { tovak_config_add_dpl_if(id); });
+    reply.finish();
     return 1;
 }
 
 uint32_t handler_dpl_reset(uint32_t, uint8_t*, uint32_t*, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp)) {
-        TLOG_ERR();
+    if (!tovak_gate_t(rsp))
         return 0;
-    }
+    std::lock_guard<std::mutex> hold(dpl_mutex());
     diag_dpl_reset_logging();
     tovak_config_edit_and_save([] {
         uint16_t* ids = nullptr;

@@ -1,13 +1,11 @@
-// DPL interface commands.
+// Data-path logging (DPL) in the modem, for the DPL commands and log on.
 #pragma once
 
 #include <cstdint>
 
-#include "platform/diag.h"
+// Starts logging of one interface in the modem at once, whatever the state.
+void tovak_dpl_start_iface(uint16_t id);
 
-// The interface logging record for one interface: four entries, kinds 1 and
-// 2 each in variants 0 and 1; every byte the record does not set is zero.
-void tovak_dpl_iface_record(uint8_t ifid, uint8_t record[DIAG_DPL_IFACE_RECORD_SIZE]);
-
-// Starts logging of every configured interface, in ascending order.
-void tovak_dpl_start_configured_ifaces();
+// When the configured DPL state is on, starts every configured interface in
+// ascending order.
+void tovak_dpl_select_configured();

@@ -1,17 +1,34 @@
 // Modem data save, subscriber number and the autosave property.
-#include "handlers/tovak_modem_data_cmds.h"
-
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
 
-#include "protocol/byte_buffer.h"
-#include "daemon/tovak_log.h"
+#include "common/tovak_cmd.h"
+#include "common/tovak_log.h"
 #include "handlers/tovak_handler.h"
 #include "platform/properties.h"
 #include "platform/qmi_tovak.h"
 
 #define LOG_MODULE "tovak_handler"
+
+// "1" or "0"; unset reads as "1". Read by a component outside the daemon.
+#define TOVAK_AUTOSAVE_PROPERTY "persist.dmlogging.phantom"
+
+// Kinds of modem data (the u32 of command 0x47) and the names they are
+// saved under, spelled as the QMI library knows them.
+#define MODEM_DATA_KIND_PHANTOM 0u
+#define MODEM_DATA_KIND_STATISTICS 1u
+#define MODEM_DATA_NAME_PHANTOM "Phantom"
+#define MODEM_DATA_NAME_STATISTICS "Statstics"
+
+// Where 0x47 gathers the units; copying stops at its end.
+#define MODEM_DATA_BUFFER_SIZE 500000
+// Saved when the modem has no phantom data.
+#define PHANTOM_DEFAULT_RECORD "000000000000,ND,N,0,0,"
+
+#define MSISDN_BUFFER_SIZE 24
+// Longest number 0x48 takes, its zero byte included.
+#define MSISDN_MAX_LEN 19
 
 // The number the next save is tagged with; kept until the next 0x48 or exit.
 static char msisdn_buffer[MSISDN_BUFFER_SIZE];
@@ -24,15 +41,10 @@ static std::mutex modem_data_mutex;
 
 uint32_t handler_set_autosave(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp)) {
-        TLOG_ERR();
+    if (!tovak_gate_t(rsp))
         return 0;
-    }
     *rsp_len = 0;
-    byte_buffer in;
-    byte_buffer_init(&in, req, req_len);
-    uint32_t value = 0;
-    byte_buffer_read_u32(&in, &value);
+    const uint32_t value = tovak_request(req, req_len).u32();
     property_set(TOVAK_AUTOSAVE_PROPERTY, value == 1 ? "1" : "0");
     TLOG("Autosave State set\n");
     return 1;
@@ -40,31 +52,21 @@ uint32_t handler_set_autosave(uint32_t req_len, uint8_t* req, uint32_t* rsp_len,
 
 uint32_t handler_get_autosave(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp)) {
-        TLOG_ERR();
+    if (!tovak_gate_t(rsp))
         return 0;
-    }
     char value[PROPERTY_VALUE_MAX] = {};
     property_get(TOVAK_AUTOSAVE_PROPERTY, value, "1");
-    byte_buffer out;
-    byte_buffer_init(&out, rsp, *rsp_len);
-    byte_buffer_write_u32(&out, uint32_t(atoi(value)));
-    *rsp_len = byte_buffer_length(&out);
+    tovak_reply_u32(rsp_len, rsp, { uint32_t(atoi(value)) });
     return 1;
 }
 
 uint32_t handler_set_msisdn(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp)) {
-        TLOG_ERR();
+    if (!tovak_gate_t(rsp))
         return 0;
-    }
     *rsp_len = 0;
-    byte_buffer in;
-    byte_buffer_init(&in, req, req_len);
-    uint16_t field = 0;
-    byte_buffer_read_u16(&in, &field);
-    const int16_t n = int16_t(field);
+    tovak_request in(req, req_len);
+    const int16_t n = int16_t(in.u16());
     if (n > MSISDN_MAX_LEN) {
         TLOG_ERR();
         return 0;
@@ -74,7 +76,7 @@ uint32_t handler_set_msisdn(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, u
         std::lock_guard<std::mutex> hold(msisdn_mutex);
         // Bytes past the new number keep the old ones; its zero byte ends the
         // text. A negative count is refused by the reader and copies nothing.
-        byte_buffer_read_bytes(&in, msisdn_buffer, uint32_t(int32_t(n)));
+        in.bytes(msisdn_buffer, uint32_t(int32_t(n)));
         memcpy(text, msisdn_buffer, sizeof text);
     }
     TLOG("get MSISDN info = %d, %s\n", int(n), text);
@@ -111,15 +113,10 @@ static uint32_t gather_modem_data(uint32_t kind)
 
 uint32_t handler_save_modem_data(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp)) {
-        TLOG_ERR();
+    if (!tovak_gate_t(rsp))
         return 0;
-    }
     *rsp_len = 0;
-    byte_buffer in;
-    byte_buffer_init(&in, req, req_len);
-    uint32_t kind = MODEM_DATA_KIND_PHANTOM;
-    byte_buffer_read_u32(&in, &kind);
+    const uint32_t kind = tovak_request(req, req_len).u32();
 
     std::lock_guard<std::mutex> hold(modem_data_mutex);
     qmi_tovak_init();

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "daemon/tovak_log.h"
+#include "common/tovak_log.h"
 #include "logging/tovak_diag.h"
 #include "platform/diag.h"
 

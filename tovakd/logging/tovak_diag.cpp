@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "daemon/tovak_log.h"
+#include "common/tovak_log.h"
 
 #define LOG_MODULE "tovak_handler"
 

@@ -7,11 +7,9 @@
 #include <cstring>
 #include <mutex>
 
+#include "common/tovak_log.h"
 #include "config/tovak_config.h"
-#include "protocol/byte_buffer.h"
-#include "daemon/tovak_log.h"
 #include "handlers/tovak_dpl_cmds.h"
-#include "handlers/tovak_handler.h"
 #include "logging/tovak_data.h"
 #include "logging/tovak_diag.h"
 #include "logging/tovak_packets.h"
@@ -20,7 +18,6 @@
 
 #define LOG_MODULE "tovak_handler"
 
-uint8_t tovak_handler_initialized;
 std::atomic<int32_t> tovak_log_state{ LOG_STATE_IDLE };
 std::atomic<uint16_t> tovak_has_remote_device{ 0 };
 
@@ -31,8 +28,11 @@ static const uint8_t LOG_CODES_OFF[] = { DIAG_CMD_LOG_CONFIG, 0, 0, 0, LOG_CONFI
 static const uint8_t MSG_MASKS_OFF[] = { DIAG_CMD_EXT_MSG_CONFIG, EXT_MSG_SET_ALL_RT_MASKS, 0, 0, 0, 0, 0, 0 };
 // clang-format on
 
-// One switch at a time: a log off landing between the two passes of a log
-// on would leave the modem half programmed while the state says running.
+// One switch at a time, held across the modem's answers and the save: a log
+// off landing between the two passes of a log on would leave the modem half
+// programmed while the state says running, and the saved states must land in
+// the order of the switches. Resizing the buffer takes it too, so that
+// logging can't start between its check and the resize.
 static std::mutex& switch_mutex()
 {
     static auto* mutex = new std::mutex;
@@ -95,17 +95,6 @@ static void wait_for_boot()
         sleep(TOVAK_BOOT_WAIT_SECONDS);
 }
 
-static void select_dpl_ifaces()
-{
-    if (tovak_config_get_dpl_state())
-        tovak_dpl_start_configured_ifaces();
-}
-
-static void save_log_state(uint32_t state)
-{
-    tovak_config_edit_and_save([&] { tovak_config_set_log_state(state); });
-}
-
 uint32_t tovak_log_on()
 {
     std::lock_guard<std::mutex> one_switch(switch_mutex());
@@ -117,6 +106,7 @@ uint32_t tovak_log_on()
     getVariousInfoOnEventLogMessage();
     diag_switch_logging(DIAG_MODE_MEMORY);
     tovak_config_reload();
+    tovak_data_load_dm_packet();
 
     uint16_t remote = 0;
     diag_has_remote_device(&remote);
@@ -131,8 +121,8 @@ uint32_t tovak_log_on()
     tovak_enable_event_report();
     tovak_send_dm_packets();
 
-    select_dpl_ifaces();
-    save_log_state(1);
+    tovak_dpl_select_configured();
+    tovak_config_edit_and_save([] { tovak_config_set_log_state(1); });
     tovak_log_state = LOG_STATE_START;
     return 1;
 }
@@ -149,9 +139,21 @@ uint32_t tovak_log_off()
     tovak_disable_all_reports();
     diag_dpl_reset_logging();
     diag_switch_logging(DIAG_MODE_USB);
-    save_log_state(0);
+    tovak_config_edit_and_save([] { tovak_config_set_log_state(0); });
     diag_stop_logging();
     tovak_log_state = LOG_STATE_STOP;
+    return 1;
+}
+
+uint32_t tovak_log_set_buffer_size(int32_t size, int* changed)
+{
+    std::lock_guard<std::mutex> one_switch(switch_mutex());
+    // The platform resizes its buffer only while nothing is written to it.
+    if (tovak_log_state == LOG_STATE_START)
+        return 0;
+    // Saved first: the next start-up applies it even if the platform balks now.
+    tovak_config_edit_and_save([&] { tovak_config_set_buffer_size(uint32_t(size)); });
+    *changed = diag_change_buffer_size(size);
     return 1;
 }
 
@@ -161,6 +163,7 @@ uint32_t tovak_handler_init()
         TLOG_ERR();
         return 0;
     }
+    tovak_data_load_dm_packet();
     if (diag_init() < 0) {
         TLOG_ERR();
         return 0;
@@ -199,22 +202,13 @@ uint32_t tovak_handler_init()
 static uint32_t switch_logging(uint32_t* rsp_len, uint8_t* rsp, const char* entry_line, uint32_t (*do_switch)())
 {
     uint32_t result = 0;
-    if (!tovak_handler_initialized || rsp == nullptr) {
-        TLOG_ERR();
-    } else {
-        *rsp_len = 0;
+    if (tovak_gate_t(rsp)) {
         TLOG("%s", entry_line);
         result = do_switch();
         if (result == 0)
             TLOG_ERR();
     }
-    if (rsp_len != nullptr)
-        *rsp_len = 4;
-    if (rsp != nullptr) {
-        byte_buffer out = {};
-        byte_buffer_init(&out, rsp, 4);
-        byte_buffer_write_u32(&out, 0);
-    }
+    tovak_reply_u32(rsp_len, rsp, { 0 });
     return result;
 }
 

@@ -1,9 +1,11 @@
-// Modem logging state, shared by the logging, buffer and status commands,
-// and the routines that switch logging on and off.
+// Modem logging: its run-time state, the start-up step that opens the modem
+// interface, switching logging on and off, and the logging commands.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+
+#include "common/tovak_cmd.h"
 
 #define LOG_STATE_IDLE 0
 #define LOG_STATE_START 1
@@ -20,6 +22,10 @@ extern std::atomic<int32_t> tovak_log_state;
 // Non-zero when a remote (MDM) modem is attached; asked at every log on.
 extern std::atomic<uint16_t> tovak_has_remote_device;
 
+// Loads the configuration, opens the modem interface and restores the saved
+// logging state; sets tovak_handler_initialized. 1, or 0 on failure.
+uint32_t tovak_handler_init();
+
 // Programs the modem with the configured masks and starts logging; 1 always.
 uint32_t tovak_log_on();
 // Clears the local modem's masks and stops logging; 0 when it was not running.
@@ -32,3 +38,16 @@ uint32_t tovak_enable_event_report();
 // One pass over the stored mask packets, to the remote modem as well when
 // one is attached; the number of packets sent.
 uint32_t tovak_send_dm_packets();
+// While logging is not running: configures and saves size, then resizes the
+// platform's buffer; 1 with the platform's answer in *changed. 0, and
+// nothing done, while logging runs.
+uint32_t tovak_log_set_buffer_size(int32_t size, int* changed);
+
+TOVAK_HANDLER(handler_log_on);
+TOVAK_HANDLER(handler_log_off);
+TOVAK_HANDLER(handler_log_size);
+TOVAK_HANDLER(handler_out_path);
+TOVAK_HANDLER(handler_commit_log);
+TOVAK_HANDLER(handler_get_buffer_size);
+TOVAK_HANDLER(handler_get_log_state);
+TOVAK_HANDLER(handler_get_range);

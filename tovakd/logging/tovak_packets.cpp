@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "daemon/tovak_log.h"
+#include "common/tovak_log.h"
 
 #define LOG_MODULE "tovak_handler"
 

@@ -1,4 +1,4 @@
-#include "daemon/tovak_log.h"
+#include "common/tovak_log.h"
 
 #include <cstdarg>
 #include <cstdio>

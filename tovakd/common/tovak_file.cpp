@@ -1,0 +1,67 @@
+#include "common/tovak_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <string>
+
+bool tovak_write_all(int fd, const void* data, size_t n)
+{
+    const char* p = static_cast<const char*>(data);
+    while (n > 0) {
+        ssize_t done = write(fd, p, n);
+        if (done < 0 && errno == EINTR)
+            continue;
+        if (done <= 0)
+            return false;
+        p += done;
+        n -= size_t(done);
+    }
+    return true;
+}
+
+bool tovak_file_replace(const char* path, const std::function<bool(int fd)>& fill)
+{
+    std::string target = path;
+    struct stat st;
+    // A link is written through, as opening it for writing would.
+    if (lstat(path, &st) == 0 && S_ISLNK(st.st_mode)) {
+        char resolved[PATH_MAX];
+        if (realpath(path, resolved) != nullptr)
+            target = resolved;
+    }
+    const size_t slash = target.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : target.substr(0, slash);
+    const std::string head = slash == std::string::npos ? "" : target.substr(0, slash + 1);
+    const std::string base = slash == std::string::npos ? target : target.substr(slash + 1);
+    if (base.empty())
+        return false;
+    const std::string tmp = head + "." + base + ".tmp";
+
+    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
+    if (fd < 0)
+        return false;
+    if (stat(target.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
+        (void)!fchown(fd, st.st_uid, st.st_gid);
+        (void)!fchmod(fd, st.st_mode & 07777);
+    } else {
+        (void)!fchmod(fd, 0666);
+    }
+    bool ok = fill(fd) && fsync(fd) == 0;
+    ok = close(fd) == 0 && ok;
+    if (!ok || rename(tmp.c_str(), target.c_str()) != 0) {
+        unlink(tmp.c_str());
+        return false;
+    }
+    // The rename itself is durable only once the directory is.
+    int dir_fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir_fd >= 0) {
+        fsync(dir_fd);
+        close(dir_fd);
+    }
+    return true;
+}
