@@ -41,6 +41,8 @@ struct AdblogCategory {
     adblog_wait* category_wait;
     pthread_mutex_t lock; // guards log_object
     int32_t index;
+    // Its capture thread could not be started; capture on tries again.
+    std::atomic<uint8_t> thread_missing;
 };
 
 static const char* const standard_devices[ADBLOG_STANDARD_CATEGORIES] = { "main", "radio", "events", "system" };
@@ -75,14 +77,16 @@ static void set_enabled(int category, uint8_t value)
 
 // Waits up to 30 seconds while *off is 0; whatever ends the wait, the
 // caller re-tests. The flag is tested again under the pair's mutex, so a
-// change stored and signalled just before the wait is not slept through.
+// change stored and signalled just before the wait is not slept through. The
+// deadline is on the monotonic clock (as the condition's), so setting the
+// time neither stretches nor cuts the wait.
 static int timed_wait(adblog_wait* w, const std::atomic<uint8_t>* off)
 {
     int rc = 0;
     pthread_mutex_lock(&w->mutex);
     if (*off == 0) {
         timespec deadline;
-        clock_gettime(CLOCK_REALTIME, &deadline);
+        clock_gettime(CLOCK_MONOTONIC, &deadline);
         deadline.tv_sec += ADBLOG_WAIT_SECONDS;
         rc = pthread_cond_timedwait(&w->cond, &w->mutex, &deadline);
         if (rc < 0)
@@ -203,10 +207,30 @@ static adblog_wait* new_wait()
     auto* w = static_cast<adblog_wait*>(malloc(sizeof(adblog_wait)));
     if (w == nullptr)
         return nullptr;
-    pthread_cond_init(&w->cond, nullptr);
+    pthread_condattr_t attr;
+    pthread_condattr_init(&attr);
+    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+    pthread_cond_init(&w->cond, &attr);
+    pthread_condattr_destroy(&attr);
     if (pthread_mutex_init(&w->mutex, nullptr) != 0)
         pthread_cond_destroy(&w->cond);
     return w;
+}
+
+// A failure is logged and remembered, so that the next capture on retries.
+static void start_capture_thread(int category)
+{
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    pthread_t thread;
+    int rc = pthread_create(&thread, &attr, capture_thread, &categories[category].index);
+    pthread_attr_destroy(&attr);
+    categories[category].thread_missing = rc != 0;
+    if (rc != 0) {
+        TLOG("[ADBLOG] Error : Can't start the thread of %s, errno = %d\n", categories[category].device_name, rc);
+        TLOG_ERR();
+    }
 }
 
 static void discover_devices(int* extra)
@@ -261,15 +285,10 @@ int adblog_core_init()
 
     // Published before the threads start: they test their number against it.
     category_count = count;
-    pthread_t threads[ADBLOG_MAX_CATEGORIES];
-    int started = 0;
     for (int i = 0; i < count; i++) {
         categories[i].index = i;
-        if (pthread_create(&threads[started], nullptr, capture_thread, &categories[i].index) == 0)
-            started++;
+        start_capture_thread(i);
     }
-    for (int i = 0; i < started; i++)
-        pthread_detach(threads[i]);
     initialised = 1;
     return 1;
 }
@@ -281,6 +300,8 @@ void adblog_core_set_state(int state)
     pthread_mutex_lock(&state_mutex);
     capture_state = uint8_t(state);
     for (int i = 0; i < category_count; i++) {
+        if (state != 0 && categories[i].thread_missing)
+            start_capture_thread(i);
         signal_wait(categories[i].state_wait);
         signal_wait(categories[i].category_wait);
     }
@@ -361,11 +382,16 @@ int adblog_core_set_size(int category, int size)
     if (size < ADBLOG_SIZE_MIN)
         size = ADBLOG_SIZE_MIN;
     AdblogCategory* c = &categories[category];
-    if (capture_state == 1)
-        return c->size;
-    if (size == c->size)
+    // Decided under the state mutex, so capture can't come on between the
+    // check and the store.
+    pthread_mutex_lock(&state_mutex);
+    const bool changed = capture_state != 1 && size != c->size;
+    if (changed)
+        c->size = size;
+    size = c->size;
+    pthread_mutex_unlock(&state_mutex);
+    if (!changed)
         return size;
-    c->size = size;
     // Sizes change only while capture is off, when the threads have closed
     // their objects; the new size applies to the next object created.
     pthread_mutex_lock(&categories[0].lock);
