@@ -1,6 +1,8 @@
 // Host Android log: each entry goes to the simulated logger on logdw as a
-// datagram, waiting a moment at most for room; with no logger there, one
-// logcat-style line on stderr instead.
+// datagram over one connected socket; with no logger there, one
+// logcat-style line on stderr instead. A logger that lags is waited for a
+// moment; one that stalls loses entries, counted, as Android's own log
+// client drops them rather than hold its caller.
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -8,7 +10,9 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -18,7 +22,15 @@
 #include "host_link.h"
 #include "logger.h"
 #include "platform/android_log.h"
+#include "protocol/unix_socket.h"
 #include "sim_link.h"
+
+// The longest a caller waits for room in the logger's queue before the
+// logger counts as stalled.
+static const int LOGGER_WAIT_MS = 250;
+// Longest message and tag sent; longer ones are cut.
+#define LOG_MSG_MAX 1024
+#define LOG_TAG_MAX 256
 
 static char priority_letter(int prio)
 {
@@ -26,17 +38,16 @@ static char priority_letter(int prio)
     return prio >= 0 && prio <= ANDROID_LOG_SILENT ? letters[prio] : '?';
 }
 
-// The longest a caller waits for room in the logger's queue; past that the
-// entry goes to stderr instead.
-static const int LOGGER_WAIT_MS = 250;
-
-// One connected socket for every thread. Connected, so that a full logger
-// queue can be waited for; replaced in place (dup2), never closed, so that
-// a thread still sending on it is never left with a reused descriptor.
+// One connected socket for every thread, replaced in place (dup2) and never
+// closed, so that a thread still sending on it is never left with a reused
+// descriptor. The mutex is taken only to connect.
 struct LoggerLink {
     std::mutex mutex;
-    int fd = -1;
-    std::string path;
+    std::atomic<int> fd{ -1 };
+    // A wait for room ran out; until an entry goes through, entries are
+    // dropped at once instead of each waiting.
+    std::atomic<bool> stalled{ false };
+    std::atomic<uint64_t> dropped{ 0 };
 };
 
 static LoggerLink& logger_link()
@@ -45,83 +56,115 @@ static LoggerLink& logger_link()
     return *link;
 }
 
-static int logger_fd(bool renew)
+// Connects to the logger as the root now places it, unless another thread
+// has replaced the failing descriptor already; the descriptor, or -1.
+static int reconnect(int failing)
 {
     LoggerLink& l = logger_link();
     std::lock_guard<std::mutex> lock(l.mutex);
-    std::string path = sim_host_path(SIM_LOGDW_PATH);
-    if (!renew && l.fd >= 0 && l.path == path)
-        return l.fd;
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    if (path.size() >= sizeof addr.sun_path)
+    const int current = l.fd.load();
+    if (current != failing)
+        return current;
+    sockaddr_un addr;
+    socklen_t len;
+    if (!unix_socket_address(sim_host_path(SIM_LOGDW_PATH).c_str(), &addr, &len))
         return -1;
-    strcpy(addr.sun_path, path.c_str());
     int s = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (s < 0)
         return -1;
-    if (connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    if (connect(s, reinterpret_cast<sockaddr*>(&addr), len) != 0) {
         close(s);
         return -1;
     }
-    if (l.fd < 0) {
+    if (current < 0) {
         l.fd = s;
     } else {
-        dup2(s, l.fd);
+        dup2(s, current);
         close(s);
     }
-    l.path = path;
+    l.stalled = false;
     return l.fd;
 }
 
-static int64_t now_ms()
+static ssize_t send_once(int fd, const uint8_t* dgram, size_t len)
 {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+    ssize_t n;
+    do
+        n = send(fd, dgram, len, MSG_DONTWAIT | MSG_NOSIGNAL);
+    while (n < 0 && errno == EINTR);
+    return n;
 }
 
-static bool send_to_logger(int prio, const char* tag, const char* msg)
+// The queue is full: wait for room, a bounded time and only while the logger
+// is not known to be stalled. True when the entry went out.
+static bool send_when_room(int fd, const uint8_t* dgram, size_t len)
 {
-    struct timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
-    LogEntry e;
-    e.tid = int32_t(syscall(SYS_gettid));
-    e.sec = int32_t(ts.tv_sec);
-    e.nsec = int32_t(ts.tv_nsec);
-    e.prio = uint8_t(prio);
-    e.tag = tag;
-    e.msg = msg;
-    std::vector<uint8_t> dgram = make_logdw(LOG_ID_MAIN, e);
-    const int64_t deadline = now_ms() + LOGGER_WAIT_MS;
-    int fd = logger_fd(false);
+    LoggerLink& l = logger_link();
+    if (l.stalled)
+        return false;
+    timespec start;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    for (;;) {
+        timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        const int64_t left =
+            LOGGER_WAIT_MS - ((now.tv_sec - start.tv_sec) * 1000 + (now.tv_nsec - start.tv_nsec) / 1000000);
+        if (left <= 0)
+            break;
+        pollfd p = { fd, POLLOUT, 0 };
+        poll(&p, 1, int(left));
+        ssize_t n = send_once(fd, dgram, len);
+        if (n == ssize_t(len))
+            return true;
+        if (n >= 0 || errno != EAGAIN)
+            return false;
+    }
+    l.stalled = true;
+    return false;
+}
+
+// False when there is no logger to send to; a dropped entry counts as sent.
+static bool send_to_logger(const uint8_t* dgram, size_t len)
+{
+    LoggerLink& l = logger_link();
+    int fd = l.fd.load();
+    if (fd < 0)
+        fd = reconnect(fd);
     // A second connection only when the first finds the logger gone (a
     // restarted simulator).
     for (int attempt = 0; attempt < 2 && fd >= 0; attempt++) {
-        for (;;) {
-            ssize_t n = send(fd, dgram.data(), dgram.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-            if (n == ssize_t(dgram.size()))
+        ssize_t n = send_once(fd, dgram, len);
+        bool sent = n == ssize_t(len);
+        if (n < 0 && errno == EAGAIN) {
+            if (!send_when_room(fd, dgram, len)) {
+                l.dropped++;
                 return true;
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n < 0 && errno == EAGAIN) {
-                int64_t left = deadline - now_ms();
-                if (left <= 0)
-                    return false;
-                pollfd p = { fd, POLLOUT, 0 };
-                poll(&p, 1, int(left));
-                continue;
             }
-            break;
+            sent = true;
         }
-        fd = logger_fd(true);
+        if (sent) {
+            if (l.stalled)
+                l.stalled = false;
+            if (l.dropped.load() != 0) {
+                if (uint64_t lost = l.dropped.exchange(0))
+                    fprintf(stderr, "host log: %" PRIu64 " entries dropped while the logger stalled\n", lost);
+            }
+            return true;
+        }
+        fd = reconnect(fd);
     }
     return false;
 }
 
+static void put_u32(uint8_t* p, uint32_t v)
+{
+    for (int i = 0; i < 4; i++)
+        p[i] = uint8_t(v >> (8 * i));
+}
+
 extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...)
 {
-    char msg[1024];
+    char msg[LOG_MSG_MAX];
     va_list ap;
     va_start(ap, fmt);
     int n = vsnprintf(msg, sizeof msg, fmt, ap);
@@ -133,7 +176,27 @@ extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, .
         msg[--len] = '\0';
     if (tag == nullptr)
         tag = "";
-    if (!send_to_logger(prio, tag, msg))
-        fprintf(stderr, "%c/%s(%d): %s\n", priority_letter(prio), tag, int(getpid()), msg);
+    const size_t tag_len = strnlen(tag, LOG_TAG_MAX);
+
+    // The logdw datagram, built where it is sent.
+    uint8_t dgram[SIM_LOGDW_HEADER + 1 + LOG_TAG_MAX + 1 + LOG_MSG_MAX];
+    timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    const uint16_t tid = uint16_t(syscall(SYS_gettid));
+    dgram[0] = LOG_ID_MAIN;
+    dgram[1] = uint8_t(tid);
+    dgram[2] = uint8_t(tid >> 8);
+    put_u32(dgram + 3, uint32_t(ts.tv_sec));
+    put_u32(dgram + 7, uint32_t(ts.tv_nsec));
+    uint8_t* p = dgram + SIM_LOGDW_HEADER;
+    *p++ = uint8_t(prio);
+    memcpy(p, tag, tag_len);
+    p += tag_len;
+    *p++ = 0;
+    memcpy(p, msg, len + 1);
+    p += len + 1;
+
+    if (!send_to_logger(dgram, size_t(p - dgram)))
+        fprintf(stderr, "%c/%.*s(%d): %s\n", priority_letter(prio), int(tag_len), tag, int(getpid()), msg);
     return int(len);
 }

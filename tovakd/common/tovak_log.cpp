@@ -1,26 +1,38 @@
 #include "common/tovak_log.h"
 
+#include <unistd.h>
+
 #include <cstdarg>
 #include <cstdio>
 
+#include "common/tovak_file.h"
 #include "platform/android_log.h"
+
+// The longest message kept; a longer one is cut.
+#define TOVAK_LOG_MESSAGE_MAX 1024
+// Room for "%d: " of any line number.
+#define TOVAK_LOG_PREFIX_MAX 16
 
 void tovak_log_line(int line, const char* tag, const char* fmt, ...)
 {
-    char msg[1024];
+    // The stdout line as one piece: "%d: ", the message, then one newline
+    // whether or not the message ends in one.
+    char out[TOVAK_LOG_PREFIX_MAX + TOVAK_LOG_MESSAGE_MAX + 1];
+    const int prefix = snprintf(out, TOVAK_LOG_PREFIX_MAX, "%d: ", line);
+    char* msg = out + prefix;
     va_list ap;
     va_start(ap, fmt);
-    vsnprintf(msg, sizeof msg, fmt, ap);
+    const int n = vsnprintf(msg, TOVAK_LOG_MESSAGE_MAX, fmt, ap);
     va_end(ap);
+    size_t len = n < 0 ? 0 : size_t(n) < TOVAK_LOG_MESSAGE_MAX ? size_t(n) : TOVAK_LOG_MESSAGE_MAX - 1;
+    msg[len] = '\0';
 
-    // Keep the two stdout halves of one line together across client threads.
-    flockfile(stdout);
-    printf("%d: ", line);
     __android_log_print(ANDROID_LOG_DEBUG, tag, "%s", msg);
-    fputs(msg, stdout);
-    // Some messages carry no newline; they must not wait for the next one.
-    fflush(stdout);
-    funlockfile(stdout);
+    if (len == 0 || msg[len - 1] != '\n')
+        msg[len++] = '\n';
+    // One write and no lock: a pipe takes a line this short whole, so lines
+    // of concurrent sessions never interleave and none waits for another.
+    tovak_write_all(STDOUT_FILENO, out, size_t(prefix) + len);
 }
 
 void tovak_log_err(const char* module, int line)

@@ -1,6 +1,7 @@
-// The daemon's log lines: each goes out three times, "%d: " with the source
-// line on stdout, to the Android log, and the message itself on stdout.
-// A file that logs defines LOG_MODULE, the source name its ERR lines carry.
+// The daemon's log lines: each goes to the Android log as it is, and to
+// stdout as "%d: " with the source line, then the message ending in exactly
+// one newline, in one write. A file that logs defines LOG_MODULE, the source
+// name its ERR lines carry.
 #pragma once
 
 #define TOVAK_LOG_TAG "TOVAK"

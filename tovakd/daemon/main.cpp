@@ -4,7 +4,9 @@
 
 int main()
 {
-    // stdout is often a pipe to a supervisor; keep its lines timely.
+    // The log lines go to the descriptor, one write each. The few lines
+    // printed through stdio must leave it whole as they end, in order with
+    // them.
     setvbuf(stdout, nullptr, _IOLBF, 0);
     return tovak_main();
 }
