@@ -1,0 +1,73 @@
+// Faults a root daemon lives through, on a simulated device: a shell
+// diagnostic that runs long, clients that hang up meanwhile.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <regex>
+
+#include "protocol/tovak_cmd_ids.h"
+#include "sim_device.h"
+
+namespace {
+
+size_t count(const std::string& text, const std::string& needle)
+{
+    size_t n = 0;
+    for (size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + 1))
+        n++;
+    return n;
+}
+
+// A 0x13 request frame: u16 length with the zero byte, then the text.
+tovak_pkt system_frame(const std::string& text)
+{
+    tovak_pkt req;
+    memset(&req, 0, sizeof req);
+    req.cmd = CMD_SYSTEM_COMMAND;
+    req.len = uint32_t(2 + text.size() + 1);
+    req.data[0] = uint8_t(text.size() + 1);
+    req.data[1] = uint8_t((text.size() + 1) >> 8);
+    memcpy(req.data + 2, text.data(), text.size());
+    return req;
+}
+
+TEST(Robustness, ALongShellDiagnosticHoldsNoSocketAndHangUpsAreSeenMeanwhile)
+{
+    SimDevice dev;
+    ASSERT_TRUE(dev.start()) << dev.failure();
+    // A session that exists before the shell starts: a child that inherited
+    // its socket would keep it open after the daemon lets go.
+    auto before = dev.connect();
+    ASSERT_TRUE(before);
+    bool on = false;
+    ASSERT_TRUE(before->get_log_state(&on).done());
+
+    // The prefix check lets the rest of the text through to the shell; the
+    // session then waits for the sleep.
+    auto runner = dev.connect();
+    ASSERT_TRUE(runner);
+    tovak_pkt req = system_frame("@@#cat /dev/null; ls -l /proc/self/fd > /data/local/fds.txt; sleep 30");
+    ASSERT_EQ(TovakStatus::ok, runner->send_bytes(&req, sizeof req));
+    const std::string fds = dev.path("data/local/fds.txt");
+    ASSERT_TRUE(wait_until([&] { return !read_file(fds).empty(); })) << dev.daemon_stdout();
+    // Descriptors 0 to 2 are the daemon's stdio; the listing's own directory
+    // is no socket.
+    EXPECT_FALSE(std::regex_search(read_file(fds), std::regex(R"( ([3-9]|\d\d+) -> socket:)"))) << read_file(fds);
+
+    const size_t seen = count(dev.daemon_stdout(), "server: got disconnection");
+    ASSERT_EQ(TovakStatus::ok, before->disconnect());
+    EXPECT_TRUE(before->wait_closed()) << "the shell's child holds the session's socket";
+
+    // A client that connects while the shell runs and hangs up is noticed:
+    // its session ends after its zero-length reads, on a line of its own.
+    auto hang_up = dev.connect();
+    ASSERT_TRUE(hang_up);
+    ASSERT_TRUE(hang_up->get_log_state(&on).done());
+    hang_up->close();
+    EXPECT_TRUE(wait_until([&] { return count(dev.daemon_stdout(), "server: got disconnection") >= seen + 2; }))
+        << dev.daemon_stdout();
+    EXPECT_TRUE(std::regex_search(dev.daemon_stdout(), std::regex(R"(: num_of_consecutive_zero_read exceeds 10\n\d+: )")))
+        << "a message without its own newline still ends its line";
+}
+
+} // namespace
