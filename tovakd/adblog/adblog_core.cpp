@@ -160,7 +160,8 @@ static void* capture_thread(void* arg)
 {
     const int category = *static_cast<int32_t*>(arg);
     AdblogCategory* c = &categories[category];
-    char path[ADBLOG_NAME_SIZE];
+    // Room for any device name: a cut path would open another device.
+    char path[sizeof TOVAK_DEV_DIR + ADBLOG_NAME_SIZE];
     snprintf(path, sizeof path, "%s%s", TOVAK_DEV_DIR, c->device_name);
     int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
