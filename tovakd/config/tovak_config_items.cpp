@@ -52,59 +52,28 @@ static int rm_id(std::set<uint16_t>* ids, uint32_t id)
     return 0;
 }
 
-int tovak_config_add_event(uint32_t id)
-{
-    tovak_config_locked c;
-    return add_id(c->events ? &c->events->ids : nullptr, id);
-}
+// The add, remove and get of one ordered id set; set (an expression over
+// the locked record c) is null before the first load.
+#define TOVAK_CONFIG_ID_SET(item, set)                         \
+    int tovak_config_add_##item(uint32_t id)                   \
+    {                                                          \
+        tovak_config_locked c;                                 \
+        return add_id(set, id);                                \
+    }                                                          \
+    int tovak_config_rm_##item(uint32_t id)                    \
+    {                                                          \
+        tovak_config_locked c;                                 \
+        return rm_id(set, id);                                 \
+    }                                                          \
+    int tovak_config_get_##item##s(uint16_t** ids, int* count) \
+    {                                                          \
+        tovak_config_locked c;                                 \
+        return get_ids(set, ids, count);                       \
+    }
 
-int tovak_config_rm_event(uint32_t id)
-{
-    tovak_config_locked c;
-    return rm_id(c->events ? &c->events->ids : nullptr, id);
-}
-
-int tovak_config_get_events(uint16_t** ids, int* count)
-{
-    tovak_config_locked c;
-    return get_ids(c->events ? &c->events->ids : nullptr, ids, count);
-}
-
-int tovak_config_add_log(uint32_t code)
-{
-    tovak_config_locked c;
-    return add_id(c->log_codes ? &c->log_codes->codes : nullptr, code);
-}
-
-int tovak_config_rm_log(uint32_t code)
-{
-    tovak_config_locked c;
-    return rm_id(c->log_codes ? &c->log_codes->codes : nullptr, code);
-}
-
-int tovak_config_get_logs(uint16_t** codes, int* count)
-{
-    tovak_config_locked c;
-    return get_ids(c->log_codes ? &c->log_codes->codes : nullptr, codes, count);
-}
-
-int tovak_config_add_dpl_if(uint32_t id)
-{
-    tovak_config_locked c;
-    return add_id(c->dpl_ifs ? &c->dpl_ifs->ids : nullptr, id);
-}
-
-int tovak_config_rm_dpl_if(uint32_t id)
-{
-    tovak_config_locked c;
-    return rm_id(c->dpl_ifs ? &c->dpl_ifs->ids : nullptr, id);
-}
-
-int tovak_config_get_dpl_ifs(uint16_t** ids, int* count)
-{
-    tovak_config_locked c;
-    return get_ids(c->dpl_ifs ? &c->dpl_ifs->ids : nullptr, ids, count);
-}
+TOVAK_CONFIG_ID_SET(event, c->events ? &c->events->ids : nullptr)
+TOVAK_CONFIG_ID_SET(log, c->log_codes ? &c->log_codes->codes : nullptr)
+TOVAK_CONFIG_ID_SET(dpl_if, c->dpl_ifs ? &c->dpl_ifs->ids : nullptr)
 
 int tovak_config_add_msg(uint32_t ssid, uint32_t mask)
 {
@@ -184,17 +153,17 @@ int tovak_config_set_adblog_size(uint32_t index, uint32_t size)
 
 // Plain stores and loads, under the lock so that a reader never sees a field
 // that a concurrent load is replacing.
-#define TOVAK_CONFIG_STATE(field)                 \
-    int tovak_config_set_##field(uint32_t value)  \
-    {                                             \
-        tovak_config_locked c;                    \
-        c->field = value;                         \
-        return 0;                                 \
-    }                                             \
-    uint32_t tovak_config_get_##field()           \
-    {                                             \
-        tovak_config_locked c;                    \
-        return c->field;                          \
+#define TOVAK_CONFIG_STATE(field)                              \
+    int tovak_config_set_##field(uint32_t value)               \
+    {                                                          \
+        tovak_config_locked c;                                 \
+        c->field = value;                                      \
+        return 0;                                              \
+    }                                                          \
+    uint32_t tovak_config_get_##field()                        \
+    {                                                          \
+        tovak_config_locked c;                                 \
+        return c->field;                                       \
     }
 
 TOVAK_CONFIG_STATE(log_state)
