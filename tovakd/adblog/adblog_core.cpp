@@ -36,7 +36,6 @@ struct AdblogCategory {
     syslog_object* log_object;
     // Read by the capture thread while a client may change it.
     std::atomic<int32_t> size;
-    std::atomic<uint8_t> enabled;
     adblog_wait* state_wait;
     adblog_wait* category_wait;
     pthread_mutex_t lock; // guards log_object
@@ -49,7 +48,8 @@ static const char* const standard_devices[ADBLOG_STANDARD_CATEGORIES] = { "main"
 
 // The categories, one per log device; the first four are fixed.
 static AdblogCategory categories[ADBLOG_MAX_CATEGORIES];
-// Enable bytes handed out live; mirrors of categories[i].enabled.
+// One enable byte per category, read by its thread unlocked and handed out
+// live.
 static std::atomic<uint8_t> enabled_bytes[ADBLOG_MAX_CATEGORIES];
 // Set once initialisation has finished.
 static std::atomic<uint8_t> initialised;
@@ -67,12 +67,6 @@ static pthread_mutex_t output_dir_mutex = PTHREAD_MUTEX_INITIALIZER;
 static bool in_range(int category)
 {
     return category >= 0 && category < category_count.load();
-}
-
-static void set_enabled(int category, uint8_t value)
-{
-    categories[category].enabled = value;
-    enabled_bytes[category] = value;
 }
 
 // Waits up to 30 seconds while *off is 0; whatever ends the wait, the
@@ -103,17 +97,6 @@ static void signal_wait(adblog_wait* w)
     pthread_mutex_unlock(&w->mutex);
 }
 
-// Under the category lock.
-static void destroy_object_locked(AdblogCategory* c)
-{
-    if (c->log_object == nullptr)
-        return;
-    syslog_object* obj = c->log_object;
-    c->log_object = nullptr;
-    TLOG("ADBLOG: Destroy log object for category #%s", c->device_name);
-    syslog_destroy(&obj);
-}
-
 static void close_log_object(int category)
 {
     if (!in_range(category)) {
@@ -122,7 +105,12 @@ static void close_log_object(int category)
     }
     AdblogCategory* c = &categories[category];
     pthread_mutex_lock(&c->lock);
-    destroy_object_locked(c);
+    if (c->log_object != nullptr) {
+        syslog_object* obj = c->log_object;
+        c->log_object = nullptr;
+        TLOG("ADBLOG: Destroy log object for category #%s", c->device_name);
+        syslog_destroy(&obj);
+    }
     pthread_mutex_unlock(&c->lock);
 }
 
@@ -178,9 +166,9 @@ static void* capture_thread(void* arg)
             close_log_object(category);
             continue;
         }
-        if (c->enabled == 0) {
+        if (enabled_bytes[category] == 0) {
             close_log_object(category);
-            timed_wait(c->category_wait, &c->enabled);
+            timed_wait(c->category_wait, &enabled_bytes[category]);
             continue;
         }
         ssize_t n = read(fd, buf, sizeof buf);
@@ -327,7 +315,7 @@ int adblog_core_set_category_state(int category, int state)
     // sleep and sees the change at its next wake-up.
     signal_wait(categories[category].category_wait);
     TLOG("ADBLOG: set cate(%d), state(%d)\n", category, state);
-    set_enabled(category, uint8_t(state));
+    enabled_bytes[category] = uint8_t(state);
     return 1;
 }
 
@@ -395,9 +383,7 @@ int adblog_core_set_size(int category, int size)
         return size;
     // Sizes change only while capture is off, when the threads have closed
     // their objects; the new size applies to the next object created.
-    pthread_mutex_lock(&categories[0].lock);
-    destroy_object_locked(&categories[0]);
-    pthread_mutex_unlock(&categories[0].lock);
+    close_log_object(0);
     return size;
 }
 
@@ -429,7 +415,7 @@ int adblog_core_commit()
     pthread_mutex_unlock(&output_dir_mutex);
     for (int i = 0; i < category_count; i++) {
         AdblogCategory* c = &categories[i];
-        if (!c->enabled)
+        if (!enabled_bytes[i])
             continue;
         pthread_mutex_lock(&c->lock);
         if (c->log_object != nullptr && head_of(c->log_object)->commit(c->log_object, dir) == 0) {

@@ -106,40 +106,47 @@ int tovak_config_get_msgs(tovak_msg_entry** entries, int* count)
     });
 }
 
-int tovak_config_get_adblog_categories(uint16_t** values, int* count)
+// A copy of a sequence; fails only when the copy can't be allocated.
+template <typename T>
+static int get_sequence(const std::vector<T>& items, T** values, int* count)
 {
     if (values == nullptr || count == nullptr)
         return -1;
     *count = -1;
+    return copy_out(items, values, count);
+}
+
+template <typename T>
+static int set_sequence(std::vector<T>* items, const T* values, int count)
+{
+    if (count < 0 || (values == nullptr && count > 0))
+        return -1;
+    items->assign(values, values + count);
+    return 0;
+}
+
+int tovak_config_get_adblog_categories(uint16_t** values, int* count)
+{
     tovak_config_locked c;
-    return copy_out(c->adblog_categories, values, count);
+    return get_sequence(c->adblog_categories, values, count);
 }
 
 int tovak_config_set_adblog_categories(const uint16_t* values, int count)
 {
-    if (count < 0 || (values == nullptr && count > 0))
-        return -1;
     tovak_config_locked c;
-    c->adblog_categories.assign(values, values + count);
-    return 0;
+    return set_sequence(&c->adblog_categories, values, count);
 }
 
 int tovak_config_get_adblog_sizes(uint32_t** values, int* count)
 {
-    if (values == nullptr || count == nullptr)
-        return -1;
-    *count = -1;
     tovak_config_locked c;
-    return copy_out(c->adblog_sizes, values, count);
+    return get_sequence(c->adblog_sizes, values, count);
 }
 
 int tovak_config_set_adblog_sizes(const uint32_t* values, int count)
 {
-    if (count < 0 || (values == nullptr && count > 0))
-        return -1;
     tovak_config_locked c;
-    c->adblog_sizes.assign(values, values + count);
-    return 0;
+    return set_sequence(&c->adblog_sizes, values, count);
 }
 
 int tovak_config_set_adblog_size(uint32_t index, uint32_t size)

@@ -89,11 +89,7 @@ int tovak_daemon_init()
     TLOG("tovak_daemon_init() config_cfg = %s\n", TOVAK_USER_CONFIG_FILE);
     int result = 0;
     for (const auto& pair : default_files) {
-        char user[128];
-        char source[128];
-        snprintf(user, sizeof user, "%s", pair[0]);
-        snprintf(source, sizeof source, "%s", pair[1]);
-        if (tovak_copy_default_file(user, source) < 0)
+        if (tovak_copy_default_file(pair[0], pair[1]) < 0)
             result = -1;
     }
     if (result < 0)

@@ -31,25 +31,17 @@ static std::mutex& dpl_mutex()
 
 void tovak_dpl_start_iface(uint16_t id)
 {
-    // clang-format off
-    static const uint8_t entries[DPL_RECORD_ENTRIES][2] = {
-        // kind, variant
-        { 1, 0 },
-        { 2, 0 },
-        { 1, 1 },
-        { 2, 1 },
-    };
-    // clang-format on
     // The modem takes one byte per interface.
     const uint8_t ifid = uint8_t(id);
     uint8_t record[DIAG_DPL_IFACE_RECORD_SIZE] = {};
     record[0] = ifid;
     record[1] = DPL_RECORD_ENTRIES;
+    // Kinds 1 and 2 in variant 0, then both again in variant 1.
     for (int i = 0; i < DPL_RECORD_ENTRIES; i++) {
         uint8_t* e = record + DPL_ENTRY_OFFSET + DPL_ENTRY_SIZE * i;
-        e[0] = entries[i][0]; // u32 kind, little-endian
+        e[0] = uint8_t(1 + i % 2); // u32 kind, little-endian
         e[4] = ifid;
-        e[6] = entries[i][1];
+        e[6] = uint8_t(i / 2);
     }
     uint8_t answer[DPL_ANSWER_SIZE] = {};
     diag_dpl_set_iface_logging(record, answer, DPL_ANSWER_SIZE, ifid);

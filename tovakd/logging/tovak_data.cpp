@@ -116,36 +116,30 @@ int getVariousInfoOnEventLogMessage()
         TLOG("Critical Error: Can't initiate diag object\n");
         return 0;
     }
-    // The configuration lock is taken only to store each answer: the
-    // queries may wait seconds for the modem while clients edit.
-    std::vector<uint8_t> answer;
-    if (!tovak_diag_query(QUERY_LOG_RANGES, sizeof QUERY_LOG_RANGES, &answer)) {
-        TLOG("Critical Error: Error in send diag packet Case 1\n");
-        return 0;
-    }
-    {
-        tovak_config_locked c;
-        if (!tovak_data_take_log_ranges(answer, *c))
+    // clang-format off
+    static const struct {
+        const uint8_t* packet;
+        uint32_t len;
+        int (*take)(const std::vector<uint8_t>&, tovak_config&);
+    } queries[] = {
+        { QUERY_LOG_RANGES, sizeof QUERY_LOG_RANGES, tovak_data_take_log_ranges },
+        { QUERY_SSID_RANGES, sizeof QUERY_SSID_RANGES, tovak_data_take_ssid_ranges },
+        { QUERY_EVENT_MASK, sizeof QUERY_EVENT_MASK, tovak_data_take_event_count },
+    };
+    // clang-format on
+    for (size_t i = 0; i < sizeof queries / sizeof *queries; i++) {
+        std::vector<uint8_t> answer;
+        if (!tovak_diag_query(queries[i].packet, queries[i].len, &answer)) {
+            TLOG("Critical Error: Error in send diag packet Case %d\n", int(i + 1));
             return 0;
-    }
-    answer.clear();
-    if (!tovak_diag_query(QUERY_SSID_RANGES, sizeof QUERY_SSID_RANGES, &answer)) {
-        TLOG("Critical Error: Error in send diag packet Case 2\n");
-        return 0;
-    }
-    {
+        }
+        // The configuration lock is taken only to store each answer: the
+        // queries may wait seconds for the modem while clients edit.
         tovak_config_locked c;
-        if (!tovak_data_take_ssid_ranges(answer, *c))
+        if (!queries[i].take(answer, *c))
             return 0;
-    }
-    answer.clear();
-    if (!tovak_diag_query(QUERY_EVENT_MASK, sizeof QUERY_EVENT_MASK, &answer)) {
-        TLOG("Critical Error: Error in send diag packet Case 3\n");
-        return 0;
     }
     tovak_config_locked c;
-    if (!tovak_data_take_event_count(answer, *c))
-        return 0;
     c->ranges_known = 1;
     return 1;
 }

@@ -39,17 +39,23 @@ int tovak_hdlc_encode_frame(const uint8_t* pkt, uint32_t len, uint8_t* buf, uint
     return -1;
 }
 
-// Unframes the answer in place into buf; the payload length, or -1.
-static int unframe(diag_rsp_type* rsp, uint8_t* buf)
+// Unframes the answer into buf and copies its payload (CRC and flag
+// dropped) over the answer's data; false when it can't be unframed.
+static bool unframe(diag_rsp_type* rsp, uint8_t* buf)
 {
     diag_hdlc_decode_type hdlc = { rsp->data, 0, rsp->length, buf, 0, TOVAK_DIAG_BUFFER_SIZE, 0 };
     if (diag_hdlc_decode(&hdlc) == 0) {
         TLOG("Critical Error: bad ret for hdlc decode\n");
-        return -1;
+        return false;
     }
     if (hdlc.dest_idx < DIAG_HDLC_TRAILER || hdlc.dest_idx > TOVAK_DIAG_BUFFER_SIZE)
-        return -1;
-    return int(hdlc.dest_idx - DIAG_HDLC_TRAILER);
+        return false;
+    const uint32_t payload = hdlc.dest_idx - DIAG_HDLC_TRAILER;
+    if (payload > rsp->length)
+        return false;
+    rsp->length = payload;
+    memcpy(rsp->data, buf, payload);
+    return true;
 }
 
 int tovak_diag_query(const uint8_t* pkt, uint32_t len, std::vector<uint8_t>* out)
@@ -69,19 +75,13 @@ int tovak_diag_query(const uint8_t* pkt, uint32_t len, std::vector<uint8_t>* out
         diag_switch_logging(mode);
     if (rsp == nullptr)
         return 0;
-
-    int payload = unframe(rsp, buf);
-    if (payload < 0 || uint32_t(payload) > rsp->length) {
-        free(rsp);
-        return 0;
-    }
-    rsp->length = uint32_t(payload);
-    memcpy(rsp->data, buf, size_t(payload));
-    out->insert(out->end(), rsp->data, rsp->data + payload);
+    const bool ok = unframe(rsp, buf);
+    if (ok)
+        out->insert(out->end(), rsp->data, rsp->data + rsp->length);
     // Plain free, unlike the request routines: the library hands out the
     // answer as one block.
     free(rsp);
-    return 1;
+    return ok ? 1 : 0;
 }
 
 static diag_rsp_type* request(const uint8_t* pkt, uint32_t len, bool remote)
@@ -103,14 +103,11 @@ static diag_rsp_type* request(const uint8_t* pkt, uint32_t len, bool remote)
         TLOG_ERR();
         return nullptr;
     }
-    int payload = unframe(rsp, buf);
-    if (payload < 0 || uint32_t(payload) > rsp->length) {
+    if (!unframe(rsp, buf)) {
         TLOG_ERR();
         diag_free_rsp(rsp);
         return nullptr;
     }
-    rsp->length = uint32_t(payload);
-    memcpy(rsp->data, buf, size_t(payload));
     return rsp;
 }
 

@@ -95,24 +95,17 @@ static void wait_for_boot()
         sleep(TOVAK_BOOT_WAIT_SECONDS);
 }
 
-static bool already_on()
-{
-    if (tovak_log_state != LOG_STATE_START)
-        return false;
-    TLOG("Current log state is already LOG_STATE_START so do nothing\n");
-    return true;
-}
-
 uint32_t tovak_log_on()
 {
-    if (already_on())
-        return 1;
     // Outside the switch lock: a phone still booting must not hold up a log
     // off for the wait.
-    wait_for_boot();
+    if (tovak_log_state != LOG_STATE_START)
+        wait_for_boot();
     std::lock_guard<std::mutex> one_switch(switch_mutex());
-    if (already_on())
+    if (tovak_log_state == LOG_STATE_START) {
+        TLOG("Current log state is already LOG_STATE_START so do nothing\n");
         return 1;
+    }
     getVariousInfoOnEventLogMessage();
     diag_switch_logging(DIAG_MODE_MEMORY);
     tovak_config_reload();
