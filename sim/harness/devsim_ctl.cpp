@@ -49,7 +49,10 @@ bool DevsimProcess::start(const std::string& root, const std::vector<std::string
 
 bool DevsimProcess::alive() const
 {
-    return pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == 0;
+    if (pid_ <= 0)
+        return false;
+    siginfo_t info = {};
+    return waitid(P_PID, id_t(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
 }
 
 int DevsimProcess::stop()
