@@ -35,7 +35,8 @@ protected:
     std::vector<std::string> requests()
     {
         std::vector<std::string> out;
-        for (const json& r : status()["requests"])
+        const json st = status();
+        for (const json& r : st["requests"])
             out.push_back(r["modem"].get<std::string>() + ":" + r["request"].get<std::string>());
         return out;
     }
@@ -171,8 +172,9 @@ TEST_F(Logging, AFailedStartUpLeavesGatedCommandsRefusingAndTheModemUntouched)
 {
     start({}, "<LogState>on</LogState><BufferSize>-1</BufferSize><EventIDs>1</EventIDs>");
     EXPECT_EQ(std::string::npos, dev.daemon_stdout().find("tovak handler is initialized successfully"));
-    for (uint32_t cmd : { CMD_ADD_EVENT, CMD_GET_EVENTS, CMD_LOG_ON, CMD_SYSTEM_COMMAND })
+    for (uint32_t cmd : { CMD_ADD_EVENT, CMD_GET_EVENTS, CMD_SYSTEM_COMMAND })
         EXPECT_EQ(5120u, send(cmd, u16(100)).len) << cmd;
+    switch_logging(CMD_LOG_ON);
     json st = status();
     EXPECT_EQ(1, st["mode"]);
     EXPECT_EQ(json::array(), st["modems"]["local"]["events"]);
@@ -186,7 +188,8 @@ TEST_F(Logging, DplInterfacesFollowTheConfigurationAtStartUp)
               "<IfIDs>1, 19, 271</IfIDs><EventIDs>1</EventIDs>");
     ASSERT_TRUE(wait_until([&] { return status()["mode"] == 2; }));
     json logging = json::array();
-    for (const json& i : status()["modems"]["local"]["dpl"])
+    const json st = status();
+    for (const json& i : st["modems"]["local"]["dpl"])
         if (i["logging"] == true)
             logging.push_back(i["id"]);
     EXPECT_EQ(json({ 1, 15, 19 }), logging);
