@@ -12,6 +12,7 @@
 #include "daemon/tovak_log.h"
 #include "daemon/tovak_paths.h"
 #include "handlers/tovak_handler.h"
+#include "handlers/tovak_shell.h"
 
 #define LOG_MODULE "tovak_handler"
 
@@ -96,22 +97,12 @@ uint32_t handler_system_command(uint32_t req_len, uint8_t* req, uint32_t*, uint8
     }
     int result;
     if (strncmp(text, KILLALL_PREFIX, KILLALL_PREFIX_LEN) != 0) {
-        const char* command = text + SYSTEM_COMMAND_MARKER_LEN;
-        TLOG("System command = %d, %s\n", int(n), command);
-        fflush(nullptr);
-        result = system(command);
+        TLOG("System command = %d, %s\n", int(n), text + SYSTEM_COMMAND_MARKER_LEN);
+        result = tovak_shell_run(text + SYSTEM_COMMAND_MARKER_LEN);
     } else {
         // Logged from "killall"; the name follows the prefix and one separator.
         TLOG("System command = %d, %s\n", int(n), text + 5);
-        int pid = getProcessID(text + KILLALL_PREFIX_LEN + 1);
-        TLOG("pid = %d\n", pid);
-        result = -1;
-        if (pid != 0) {
-            char kill_command[SYSTEM_COMMAND_BUFFER_SIZE] = {};
-            snprintf(kill_command, sizeof kill_command, "kill %d", pid);
-            fflush(nullptr);
-            result = system(kill_command);
-        }
+        result = tovak_shell_kill(text + KILLALL_PREFIX_LEN + 1);
     }
     TLOG("Result of system command = %d\n", result);
     return 1;
