@@ -89,6 +89,14 @@ std::string SimDevice::bin(const std::string& name)
     return std::string(TOVAK_BIN_DIR) + "/" + name;
 }
 
+int wait_child(pid_t pid)
+{
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 static pid_t spawn(const std::vector<std::string>& argv, int out_fd, int err_fd)
 {
     std::vector<char*> args;
@@ -117,14 +125,12 @@ int SimDevice::run(const std::vector<std::string>& argv, std::string* out, std::
     pid_t pid = spawn(argv, out_fd, err_fd);
     close(out_fd);
     close(err_fd);
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    int status = wait_child(pid);
     if (out)
         *out = read_file(out_path);
     if (err)
         *err = read_file(err_path);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return status;
 }
 
 bool SimDevice::start(const std::vector<std::string>& args)
@@ -157,11 +163,9 @@ int SimDevice::stop(int sig)
     if (launcher_ <= 0)
         return -1;
     kill(launcher_, sig);
-    int status = 0;
-    while (waitpid(launcher_, &status, 0) < 0 && errno == EINTR) {
-    }
+    int status = wait_child(launcher_);
     launcher_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return status;
 }
 
 static std::string wait_status_text(int status)

@@ -20,6 +20,9 @@ std::string read_file(const std::string& path);
 bool write_file(const std::string& path, const std::string& text);
 bool file_exists(const std::string& path);
 
+// Waits for a child to end: its exit status, or 128 + the signal that ended it.
+int wait_child(pid_t pid);
+
 // A directory of its own under TMPDIR, removed when it goes.
 class TempDir {
 public:
