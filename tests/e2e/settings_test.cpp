@@ -108,8 +108,10 @@ TEST_F(Settings, DplInterfacesAreListedProgrammedAndReset)
 {
     tovak_pkt all = send(CMD_DPL_GET_ALL_IF_LIST);
     std::string listed;
-    for (uint32_t i = 0, at = 4; i < reply_u32(all); i++, at += 2 + all.data[at + 1])
-        listed += std::to_string(all.data[at]) + "=" + std::string(reinterpret_cast<char*>(all.data + at + 2), all.data[at + 1]) + " ";
+    for (uint32_t i = 0, at = 4; i < reply_u32(all); i++, at += 2 + all.data[at + 1]) {
+        const char* desc = reinterpret_cast<const char*>(all.data + at + 2);
+        listed += std::to_string(all.data[at]) + "=" + std::string(desc, all.data[at + 1]) + " ";
+    }
     EXPECT_EQ("1=rmnet0 2=rmnet1 15=rmnet_ipa0 19=rmnet_data0 20=rmnet_data1 ", listed);
 
     auto logging = [&] {
