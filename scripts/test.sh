@@ -73,7 +73,7 @@ fuzz() {
         if ! "$top/sim/harness/scratch-root.sh" --rw "$work" --rw "$artifacts" -- \
             "$dir/bin/tovak_fuzz_$target" "$work" "$top/fuzz/corpus/$target" \
             -max_total_time="${TOVAK_FUZZ_SECONDS:-60}" -timeout=30 -rss_limit_mb=4096 -max_len=16384 \
-            -artifact_prefix="$artifacts/" -print_final_stats=1 >"$dir/fuzz-$target.log" 2>&1; then
+            -artifact_prefix="$artifacts/" -print_final_stats=1 -close_fd_mask=1 >"$dir/fuzz-$target.log" 2>&1; then
             tail -n 60 "$dir/fuzz-$target.log"
             echo "fuzz: $target failed; the reproducing input is in $artifacts/ (log: $dir/fuzz-$target.log)"
             failed=1
