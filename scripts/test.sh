@@ -1,17 +1,103 @@
 #!/usr/bin/env bash
-# test.sh: builds everything and runs every test, first in a plain build, then
-# again under AddressSanitizer and UndefinedBehaviorSanitizer.
+# test.sh [STAGE...]: builds and runs the tests in stages, in this order:
+#   plain  every test, plain build
+#   asan   every test under AddressSanitizer and UndefinedBehaviorSanitizer
+#   tsan   the concurrent tests (ctest label "concurrent") under ThreadSanitizer
+#   fuzz   each libFuzzer target for TOVAK_FUZZ_SECONDS (default 60) with
+#          ASan and UBSan, inside a sandbox whose device paths are scratch
+#   cross  the armhf daemon under qemu (scripts/cross-test.sh)
+# With no STAGE it runs them all. Each stage builds only what it runs.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 "$top/scripts/deps.sh"
 jobs=$(($(nproc) * 2))
+stages=("$@")
+[ ${#stages[@]} -gt 0 ] || stages=(plain asan tsan fuzz cross)
 
-echo "== plain build"
-"$top/scripts/build.sh" "$top/build"
-ctest --test-dir "$top/build" -j "$jobs" --output-on-failure --timeout 600
+launcher=()
+command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
+# configure DIR [CMAKE OPTIONS...]
+configure() {
+    local dir=$1
+    shift
+    cmake -S "$top" -B "$dir" -G Ninja -DTOVAK_WERROR=ON "${launcher[@]}" "$@" >/dev/null
+}
+stage_started=0
+begin() {
+    echo "== $1"
+    stage_started=$SECONDS
+}
+end() {
+    echo "== $1 took $((SECONDS - stage_started)) s"
+}
 
-echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
-"$top/scripts/build.sh" "$top/build-asan" -DTOVAK_SANITIZE=ON
-ASAN_OPTIONS=${ASAN_OPTIONS:-abort_on_error=0:detect_leaks=1} \
-UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1} \
-    ctest --test-dir "$top/build-asan" -j "$jobs" --output-on-failure --timeout 900
+plain() {
+    begin "plain build"
+    "$top/scripts/build.sh" "$top/build"
+    ctest --test-dir "$top/build" -j "$jobs" --output-on-failure --timeout 600
+    end plain
+}
+
+asan() {
+    begin "AddressSanitizer + UndefinedBehaviorSanitizer build"
+    "$top/scripts/build.sh" "$top/build-asan" -DTOVAK_SANITIZE=ON
+    ASAN_OPTIONS=${ASAN_OPTIONS:-abort_on_error=0:detect_leaks=1} \
+    UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1} \
+        ctest --test-dir "$top/build-asan" -j "$jobs" --output-on-failure --timeout 900
+    end asan
+}
+
+tsan() {
+    begin "ThreadSanitizer build, concurrent tests"
+    configure "$top/build-tsan" -DTOVAK_TSAN=ON
+    cmake --build "$top/build-tsan" --target tovak_unit_tests tovak_e2e_tests tovakd tovak-sim tovak-devsim
+    # The daemon runs as its own process; the tests fail on any report in
+    # its output, so a race never passes silently.
+    TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1} \
+        ctest --test-dir "$top/build-tsan" -L concurrent -j "$jobs" --output-on-failure --timeout 900
+    end tsan
+}
+
+fuzz() {
+    begin "fuzzing, ${TOVAK_FUZZ_SECONDS:-60} s per target"
+    local dir=$top/build-fuzz
+    configure "$dir" -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 -DTOVAK_FUZZ=ON
+    cmake --build "$dir" --target tovak_fuzz_session tovak_fuzz_config tovak_fuzz_hdlc tovak-devsim
+    local failed=0
+    for target in session config hdlc; do
+        # The checked-in seeds stay as they are; what the run finds goes to
+        # a working corpus, and a failing input to the artifacts directory.
+        local work=$dir/fuzz-work/$target artifacts=$dir/fuzz-artifacts/$target
+        mkdir -p "$work" "$artifacts"
+        echo "-- $target"
+        if ! "$top/sim/harness/scratch-root.sh" --rw "$work" --rw "$artifacts" -- \
+            "$dir/bin/tovak_fuzz_$target" "$work" "$top/fuzz/corpus/$target" \
+            -max_total_time="${TOVAK_FUZZ_SECONDS:-60}" -timeout=30 -rss_limit_mb=4096 -max_len=16384 \
+            -artifact_prefix="$artifacts/" -print_final_stats=1 -close_fd_mask=1 >"$dir/fuzz-$target.log" 2>&1; then
+            tail -n 60 "$dir/fuzz-$target.log"
+            echo "fuzz: $target failed; the reproducing input is in $artifacts/ (log: $dir/fuzz-$target.log)"
+            failed=1
+        fi
+        grep -E "^stat::number_of_executed_units|^#[0-9]+ *DONE" "$dir/fuzz-$target.log" || true
+    done
+    end fuzz
+    return $failed
+}
+
+cross() {
+    begin "cross build (armhf)"
+    # >>> The lead adds the device engineer's scripts/cross-test.sh armhf here at merge. <<<
+    if [ -x "$top/scripts/cross-test.sh" ]; then
+        "$top/scripts/cross-test.sh" armhf
+    else
+        echo "cross: scripts/cross-test.sh is not there yet"
+    fi
+    end cross
+}
+
+for stage in "${stages[@]}"; do
+    case $stage in
+    plain | asan | tsan | fuzz | cross) "$stage" ;;
+    *) echo "test.sh: unknown stage $stage (plain asan tsan fuzz cross)" >&2; exit 2 ;;
+    esac
+done

@@ -1,116 +1,126 @@
-#include "logging/tovak_packets.h"
-
+// The mask request packets built from a configuration and the modem's
+// ranges, byte for byte, and what a failed range query leaves.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <string>
-
 #include "hex_text.h"
+#include "linked_devsim.h"
+#include "logging/tovak_data.h"
 
 namespace {
 
-TEST(EventMaskPacket, LayoutAndBits)
+std::vector<std::string> built_packets()
 {
-    struct Case {
-        const char* name;
-        std::vector<uint16_t> ids;
-        uint16_t n;
-        const char* bytes;
-    };
-    const Case cases[] = {
-        { "first and last id, n = 16 takes 3 mask bytes", { 0, 15 }, 16, "82 00 00 00 10 00 01 80 00" },
-        { "the spare byte still takes ids", { 23 }, 16, "82 00 00 00 10 00 00 00 80" },
-        { "ids past the mask are left out", { 24, 1000, 3 }, 16, "82 00 00 00 10 00 08 00 00" },
-        { "n = 0 still has one byte", { 7, 8 }, 0, "82 00 00 00 00 00 80" },
-        { "n = 9: two bytes", { 8 }, 9, "82 00 00 00 09 00 00 01" },
-        { "nothing configured", {}, 12, "82 00 00 00 0c 00 00 00" },
-    };
-    for (const Case& c : cases)
-        EXPECT_EQ(c.bytes, hex_text(tovak_build_event_mask_packet(c.ids, c.n))) << c.name;
+    EXPECT_EQ(0, tovak_data_load_dm_packet());
+    std::vector<std::string> out;
+    for (uint32_t i = 0; auto p = tovak_data_get_dm_packet(i); i++)
+        out.push_back(hex_text(*p));
+    EXPECT_EQ(out.size(), tovak_data_dm_packet_count());
+    return out;
 }
 
-TEST(LogMaskPackets, OnePacketPerEquipmentIdWithCodes)
+class Packets : public ::testing::Test {
+protected:
+    void SetUp() override { *tovak_config_locked() = tovak_config{}; }
+    void TearDown() override
+    {
+        *tovak_config_locked() = tovak_config{};
+        tovak_data_load_dm_packet();
+    }
+    // The modem's ranges as a successful query leaves them, then the lists.
+    void configure(uint16_t events, std::vector<uint32_t> last_items, std::vector<uint32_t> ssid_ranges,
+                   const std::string& text)
+    {
+        {
+            tovak_config_locked c;
+            c->ranges_known = 1;
+            c->event_id_count = events;
+            c->log_last_items = last_items;
+            c->msg_ssid_ranges = ssid_ranges;
+        }
+        tovak_config_load_text(text.c_str());
+    }
+};
+
+std::vector<uint32_t> last_items(uint32_t equipment, uint32_t last)
 {
-    uint32_t last[TOVAK_EQUIPMENT_ID_COUNT] = {};
+    std::vector<uint32_t> v(16, 0);
+    v[equipment] = last;
+    return v;
+}
+
+TEST_F(Packets, EventThenLogThenMessageMasksByteForByte)
+{
     struct Case {
         const char* name;
-        std::vector<uint16_t> codes;
-        uint32_t equip;
-        uint32_t last_item;
-        std::vector<const char*> packets;
+        uint16_t events;
+        std::vector<uint32_t> last_items;
+        std::vector<uint32_t> ranges; // last SSID << 16 | first
+        const char* text;
+        std::vector<std::string> packets;
     };
     const Case cases[] = {
-        { "code at its last bit", { 0x4007 }, 4, 8, { "73 00 00 00 03 00 00 00 04 00 00 00 08 00 00 00 80" } },
-        { "code equal to the limit ends the walk", { 0x4008 }, 4, 8,
-          { "73 00 00 00 03 00 00 00 04 00 00 00 08 00 00 00 00" } },
-        { "the walk stops at the first code past the limit", { 0x400a, 0x4001, 0x4002 }, 4, 9,
-          { "73 00 00 00 03 00 00 00 04 00 00 00 09 00 00 00 06 00" } },
-        { "last item 0: no packet even with codes", { 0x1000 }, 1, 0, {} },
-        { "codes of other equipment ids only: no packet", { 0x2000 }, 1, 16, {} },
-        { "equipment 0", { 0x0000, 0x0009 }, 0, 10, { "73 00 00 00 03 00 00 00 00 00 00 00 0a 00 00 00 01 02" } },
-        { "equipment 15", { 0xf003 }, 15, 4, { "73 00 00 00 03 00 00 00 0f 00 00 00 04 00 00 00 08" } },
+        { "first and last event of 16: three mask bytes; a code at the limit ends the walk", 16,
+          last_items(4, 8), { 6u << 16 | 5 },
+          "<EventIDs>0, 15, 24</EventIDs><LogCodes>0x4007, 0x4008, 0x4001</LogCodes>"
+          "<MessageLevels>5/3, 5/4, 6/16, 7/1</MessageLevels>",
+          { "82 00 00 00 10 00 01 80 00", "73 00 00 00 03 00 00 00 04 00 00 00 08 00 00 00 82",
+            "7d 04 05 00 06 00 00 00 18 00 00 00 00 00 01 00" } },
+        { "N = 9 takes two bytes; last item 0 means no packet; ranges in table order", 9, last_items(1, 0),
+          { 10u << 16 | 10, 3u << 16 | 0 }, "<EventIDs>8</EventIDs><LogCodes>0x1000</LogCodes>"
+          "<MessageLevels>3/0, 3/31</MessageLevels>",
+          { "82 00 00 00 09 00 00 01", "7d 04 0a 00 0a 00 00 00 00 00 00 00",
+            "7d 04 00 00 03 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 01 00 00 80" } },
+        { "equipment 0 and 15, codes past a walk's end ignored", 8, [] {
+              auto v = last_items(0, 10);
+              v[15] = 4;
+              return v;
+          }(),
+          { 1u << 16 | 1 }, "<LogCodes>0x0000, 0x0009, 0x000a, 0x0003, 0xf003</LogCodes>",
+          { "82 00 00 00 08 00 00 00", "73 00 00 00 03 00 00 00 00 00 00 00 0a 00 00 00 09 02",
+            "73 00 00 00 03 00 00 00 0f 00 00 00 04 00 00 00 08", "7d 04 01 00 01 00 00 00 00 00 00 00" } },
     };
     for (const Case& c : cases) {
-        for (uint32_t& l : last)
-            l = 0;
-        last[c.equip] = c.last_item;
-        auto packets = tovak_build_log_mask_packets(c.codes, last);
-        ASSERT_EQ(c.packets.size(), packets.size()) << c.name;
-        for (size_t i = 0; i < packets.size(); i++)
-            EXPECT_EQ(c.packets[i], hex_text(packets[i])) << c.name;
+        configure(c.events, c.last_items, c.ranges, c.text);
+        EXPECT_EQ(c.packets, built_packets()) << c.name;
     }
-}
-
-TEST(LogMaskPackets, EquipmentIdsInOrder)
-{
-    uint32_t last[TOVAK_EQUIPMENT_ID_COUNT];
-    for (uint32_t& l : last)
-        l = 3003;
-    auto packets = tovak_build_log_mask_packets({ 0xb061, 0x412f, 0x713f, 0xb0c0, 0x7140 }, last);
-    ASSERT_EQ(3u, packets.size());
-    EXPECT_EQ(4, packets[0][8]);
-    EXPECT_EQ(7, packets[1][8]);
-    EXPECT_EQ(11, packets[2][8]);
-}
-
-TEST(LogMaskPackets, AbsurdLimitsBuildNothingRatherThanHugePackets)
-{
-    uint32_t last[TOVAK_EQUIPMENT_ID_COUNT] = {};
-    last[1] = 0xffffffff;
-    EXPECT_TRUE(tovak_build_log_mask_packets({ 0x1001 }, last).empty());
-}
-
-TEST(MsgMaskPackets, OnePerRangeWithEveryMask)
-{
-    struct Case {
-        const char* name;
-        std::vector<std::pair<uint16_t, uint32_t>> masks;
-        std::vector<tovak_msg_range> ranges;
-        std::vector<const char*> packets;
-    };
-    const Case cases[] = {
-        { "range without configured SSIDs", {}, { { 500, 501 } },
-          { "7d 04 f4 01 f5 01 00 00 00 00 00 00 00 00 00 00" } },
-        { "masks in place, full 32 bits", { { 6, 0x10001 }, { 5, 0x18 } }, { { 5, 7 } },
-          { "7d 04 05 00 07 00 00 00 18 00 00 00 01 00 01 00 00 00 00 00" } },
-        { "one SSID range", { { 8000, 0xffffffff } }, { { 8000, 8000 } },
-          { "7d 04 40 1f 40 1f 00 00 ff ff ff ff" } },
-        { "ranges in table order", { { 3, 1 } }, { { 10, 10 }, { 0, 3 } },
-          { "7d 04 0a 00 0a 00 00 00 00 00 00 00",
-            "7d 04 00 00 03 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 01 00 00 00" } },
-        { "a reversed range is skipped", { { 3, 1 } }, { { 9, 2 } }, {} },
-    };
-    for (const Case& c : cases) {
-        auto packets = tovak_build_msg_mask_packets(c.masks, c.ranges);
-        ASSERT_EQ(c.packets.size(), packets.size()) << c.name;
-        for (size_t i = 0; i < packets.size(); i++)
-            EXPECT_EQ(c.packets[i], hex_text(packets[i])) << c.name;
+    // 0x412f sets bit 7 of byte 0x25 while the limit is past it, and nothing
+    // once the limit is the code itself.
+    for (uint32_t limit : { 0x130u, 0x12fu }) {
+        configure(8, last_items(4, limit), {}, "<LogCodes>0x412f</LogCodes>");
+        built_packets();
+        auto p = tovak_data_get_dm_packet(1);
+        ASSERT_TRUE(p);
+        ASSERT_EQ(16u + (limit + 7) / 8, p->size());
+        EXPECT_EQ(limit == 0x130u ? 0x80 : 0, (*p)[16 + 0x25]) << limit;
     }
+    configure(8, {}, {}, "");
+    tovak_config_locked()->events.reset();
+    tovak_config_locked()->log_codes.reset();
+    EXPECT_TRUE(built_packets().empty()) << "nothing without event or log lists";
 }
 
-TEST(MsgMaskPackets, WholeSsidSpaceIsRefusedNotBuilt)
+// A damaged answer fails the query: the packets take the built-in limits,
+// and a later query asks again and takes the modem's.
+TEST_F(Packets, AFailedRangeQueryOnTheModemFallsBackAndIsAskedAgain)
 {
-    EXPECT_TRUE(tovak_build_msg_mask_packets({ { 1, 1 } }, { { 0, 65535 } }).empty());
+    LinkedDevsim sim;
+    ASSERT_TRUE(sim.start());
+    ASSERT_EQ(0, devsim_ctl(sim.root(), { "fault", "corrupt", "1" }));
+    tovak_config_load_text(DEFAULT_CONFIG_TEXT);
+    std::vector<std::string> packets = built_packets();
+    EXPECT_EQ(0u, tovak_config_locked()->ranges_known);
+    ASSERT_EQ(1u + 3 + 23, packets.size());
+    EXPECT_EQ(0u, packets[0].rfind("82 00 00 00 76 08", 0)) << "2166 built-in events";
+
+    EXPECT_EQ(1, getVariousInfoOnEventLogMessage());
+    tovak_config_load_text(DEFAULT_CONFIG_TEXT);
+    packets = built_packets();
+    EXPECT_EQ(0u, packets[0].rfind("82 00 00 00 98 08", 0)) << "the modem's 2200 events";
+    EXPECT_EQ(1u + 3 + 25, packets.size()) << "the modem's 25 SSID ranges";
+    size_t requests = sim.status()["request_count"].get<size_t>();
+    EXPECT_EQ(1, getVariousInfoOnEventLogMessage());
+    EXPECT_EQ(requests, sim.status()["request_count"].get<size_t>()) << "known ranges are not asked again";
+    EXPECT_EQ(0, sim.stop());
 }
 
 } // namespace

@@ -1,5 +1,5 @@
-// A simulated device for end-to-end tests: a fresh device root of its own,
-// `tovak-sim up` running on it, and helpers to talk to it and look at it.
+// A simulated device in a fresh root of its own, `tovak-sim up` running on
+// it, and helpers to talk to it and look at it: for tests and benchmarks.
 #pragma once
 
 #include <signal.h>
@@ -19,6 +19,9 @@ bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds tim
 std::string read_file(const std::string& path);
 bool write_file(const std::string& path, const std::string& text);
 bool file_exists(const std::string& path);
+
+// Waits for a child to end: its exit status, or 128 + the signal that ended it.
+int wait_child(pid_t pid);
 
 // A directory of its own under TMPDIR, removed when it goes.
 class TempDir {
@@ -54,7 +57,15 @@ public:
     int stop(int sig = SIGTERM);
     bool running() const { return launcher_ > 0; }
     pid_t launcher_pid() const { return launcher_; }
+    // Why start failed or what went wrong since: the launcher's exit, its
+    // error output and the daemon's output.
     std::string failure() const;
+    // The first line of a sanitizer report in the daemon's or the
+    // simulator's output; empty when there is none.
+    std::string sanitizer_report() const;
+    // How many times the launcher started tovakd (ROOT/sim/tovakd.state); 0
+    // when the launcher keeps no such file.
+    int daemon_starts() const;
 
     std::unique_ptr<TovakClient> connect(int timeout_ms = 20000);
 
@@ -72,5 +83,7 @@ public:
 private:
     TempDir root_;
     pid_t launcher_ = -1;
+    // The launcher's wait status when it ended on its own; -1 otherwise.
+    int launcher_status_ = -1;
     std::string launcher_err_;
 };

@@ -1,5 +1,5 @@
-// The device simulator for tests: run on its own under a directory (no
-// sandbox), and driven through `tovak-sim ctl` as a person would.
+// The device simulator run on its own under a directory (no sandbox), and
+// driven through `tovak-sim ctl` as a person would.
 #pragma once
 
 #include <sys/types.h>
@@ -25,8 +25,9 @@ public:
 
     // Starts it and waits until its diag link is there.
     bool start(const std::string& root, const std::vector<std::string>& args = {});
-    // SIGTERM and wait; its exit status.
+    // SIGTERM and wait; its exit status, or 128 + the signal that ended it.
     int stop();
+    // Never reaps it: a crash stays for stop() to report.
     bool alive() const;
     pid_t pid() const { return pid_; }
 

@@ -89,6 +89,14 @@ std::string SimDevice::bin(const std::string& name)
     return std::string(TOVAK_BIN_DIR) + "/" + name;
 }
 
+int wait_child(pid_t pid)
+{
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 static pid_t spawn(const std::vector<std::string>& argv, int out_fd, int err_fd)
 {
     std::vector<char*> args;
@@ -117,14 +125,12 @@ int SimDevice::run(const std::vector<std::string>& argv, std::string* out, std::
     pid_t pid = spawn(argv, out_fd, err_fd);
     close(out_fd);
     close(err_fd);
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    int status = wait_child(pid);
     if (out)
         *out = read_file(out_path);
     if (err)
         *err = read_file(err_path);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return status;
 }
 
 bool SimDevice::start(const std::vector<std::string>& args)
@@ -137,10 +143,12 @@ bool SimDevice::start(const std::vector<std::string>& args)
     int null_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
     int err_fd = open(launcher_err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     launcher_ = spawn(argv, null_fd, err_fd);
+    launcher_status_ = -1;
     close(null_fd);
     close(err_fd);
     bool up = wait_until([&] {
-        if (waitpid(launcher_, nullptr, WNOHANG) == launcher_) {
+        // Its status is kept: a launcher that crashed must say so.
+        if (waitpid(launcher_, &launcher_status_, WNOHANG) == launcher_) {
             launcher_ = -1;
             return true;
         }
@@ -155,16 +163,51 @@ int SimDevice::stop(int sig)
     if (launcher_ <= 0)
         return -1;
     kill(launcher_, sig);
-    int status = 0;
-    while (waitpid(launcher_, &status, 0) < 0 && errno == EINTR) {
-    }
+    int status = wait_child(launcher_);
     launcher_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return status;
+}
+
+static std::string wait_status_text(int status)
+{
+    if (WIFSIGNALED(status))
+        return "killed by signal " + std::to_string(WTERMSIG(status));
+    return "exited with status " + std::to_string(WEXITSTATUS(status));
 }
 
 std::string SimDevice::failure() const
 {
-    return read_file(launcher_err_) + daemon_stdout();
+    std::string ended = launcher_status_ == -1 ? "" : "tovak-sim " + wait_status_text(launcher_status_) + "\n";
+    return ended + read_file(launcher_err_) + daemon_stdout();
+}
+
+std::string SimDevice::sanitizer_report() const
+{
+    static const char* const marks[] = { "WARNING: ThreadSanitizer", "ERROR: AddressSanitizer",
+                                         "ERROR: LeakSanitizer", "runtime error:" };
+    // The daemon's and the simulator's stderr reach the launcher's.
+    for (const std::string& text : { read_file(launcher_err_), daemon_stdout() }) {
+        for (const char* mark : marks) {
+            size_t at = text.find(mark);
+            if (at != std::string::npos) {
+                size_t begin = text.rfind('\n', at);
+                begin = begin == std::string::npos ? 0 : begin + 1;
+                return text.substr(begin, text.find('\n', at) - begin);
+            }
+        }
+    }
+    return "";
+}
+
+int SimDevice::daemon_starts() const
+{
+    std::istringstream state(read_file(path(SIM_DIR "/tovakd.state")));
+    std::string key;
+    int value = 0;
+    while (state >> key >> value)
+        if (key == "starts")
+            return value;
+    return 0;
 }
 
 std::unique_ptr<TovakClient> SimDevice::connect(int timeout_ms)

@@ -4,8 +4,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-
 #include "sim_device.h"
 #include "sim_link.h"
 
@@ -49,7 +47,10 @@ bool DevsimProcess::start(const std::string& root, const std::vector<std::string
 
 bool DevsimProcess::alive() const
 {
-    return pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == 0;
+    if (pid_ <= 0)
+        return false;
+    siginfo_t info = {};
+    return waitid(P_PID, id_t(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
 }
 
 int DevsimProcess::stop()
@@ -57,9 +58,7 @@ int DevsimProcess::stop()
     if (pid_ <= 0)
         return -1;
     kill(pid_, SIGTERM);
-    int status = 0;
-    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-    }
+    int status = wait_child(pid_);
     pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return status;
 }

@@ -1,0 +1,204 @@
+// The commands that edit settings, on a simulated device: the item lists,
+// the configuration file choice, DPL interfaces, the output path and
+// modem data saves, each seen in its reply, in dm.cfg and at the modem.
+#include <dirent.h>
+
+#include <atomic>
+#include <thread>
+
+#include "device_test.h"
+
+namespace {
+
+using json = nlohmann::json;
+
+std::vector<uint32_t> list_of(const tovak_pkt& r, size_t width, size_t skip = 0)
+{
+    std::vector<uint32_t> v;
+    for (size_t i = skip; i + width <= r.len; i += width) {
+        v.push_back(uint32_t(r.data[i] | r.data[i + 1] << 8));
+        if (width == 8) // an SSID's mask follows its padding
+            v.push_back(reply_u32(r, i + 4));
+    }
+    return v;
+}
+
+class Settings : public DeviceTest {
+protected:
+    void SetUp() override { start(); }
+    bool config_has(const std::string& text) { return read_file(user_config()).find(text) != std::string::npos; }
+};
+
+// One row per kind: add, remove and list by the same rules, each edit saved.
+TEST_F(Settings, ItemListsAddRemoveAndListAlike)
+{
+    struct Kind {
+        const char* name;
+        uint32_t add, rm, get;
+        size_t width;
+        std::vector<uint32_t> before; // of the default configuration
+        std::function<Bytes(uint32_t)> item;
+        std::function<std::string(uint32_t)> saved;
+    };
+    const Kind kinds[] = {
+        { "events", CMD_ADD_EVENT, CMD_RM_EVENT, CMD_GET_EVENTS, 2, { 1498, 1499 }, u16,
+          [](uint32_t v) { return std::to_string(100000 + v).substr(1); } },
+        { "log codes", CMD_ADD_LOG, CMD_RM_LOG, CMD_GET_LOGS, 2, { 0x412f, 0x713f }, u16,
+          [](uint32_t v) { char b[8]; snprintf(b, sizeof b, "0x%04x", v); return std::string(b); } },
+        // Messages list 16 bits of their mask; the file keeps all 32.
+        { "messages", CMD_ADD_MSG, CMD_RM_MSG, CMD_GET_MSG, 8, { 5, 0x18, 15, 0x18 },
+          [](uint32_t v) { return le({ { v, 2 }, { 0x10001, 4 } }); },
+          [](uint32_t v) { return std::to_string(100000 + v).substr(1) + "/16"; } },
+    };
+    for (const Kind& k : kinds) {
+        std::vector<uint32_t> listed = list_of(send(k.get), k.width);
+        ASSERT_GE(listed.size(), k.before.size()) << k.name;
+        EXPECT_EQ(k.before, std::vector<uint32_t>(listed.begin(), listed.begin() + k.before.size())) << k.name;
+        for (uint32_t v : { 5u, 3u, 4u, 5u })
+            EXPECT_EQ(0u, send(k.add, k.item(v)).len) << k.name;
+        EXPECT_EQ(0u, send(k.rm, k.item(4)).len) << k.name;
+        EXPECT_EQ(0u, send(k.rm, k.item(4)).len) << k.name << ": an absent item is no error";
+        listed = list_of(send(k.get), k.width);
+        std::vector<uint32_t> want = k.width == 2 ? std::vector<uint32_t>{ 3, 5 } : std::vector<uint32_t>{ 3, 1, 5, 1 };
+        EXPECT_EQ(want, std::vector<uint32_t>(listed.begin(), listed.begin() + long(want.size()))) << k.name;
+        EXPECT_TRUE(config_has(k.saved(3)) && !config_has(k.saved(4))) << k.name;
+        EXPECT_EQ(0u, send(k.add, {}).len) << k.name << ": a missing field reads as 0";
+        EXPECT_EQ(0u, list_of(send(k.get), k.width)[0]) << k.name;
+    }
+}
+
+TEST_F(Settings, ConfigFileChoicesAreTakenOrRefusedAndSurviveARestart)
+{
+    auto choose = [&](const std::string& name, int n) {
+        Bytes p = u16(uint32_t(n));
+        p.insert(p.end(), name.begin(), name.end());
+        p.resize(std::max(p.size() + 1, size_t(101)), 0);
+        EXPECT_EQ(5120u, send(CMD_SET_CONFIG_FILE, p).len);
+        tovak_pkt r = send(CMD_GET_CONFIG_FILE);
+        uint32_t len = r.data[0] | r.data[1] << 8;
+        EXPECT_EQ(len + 2, r.len);
+        return std::string(reinterpret_cast<const char*>(r.data + 2), len ? len - 1 : 0);
+    };
+    const std::string fits = "/data/local/" + std::string(79, 'f'); // 91 bytes, the property's limit
+    for (const std::string& f : { fits, std::string("/data/local/other.cfg") })
+        ASSERT_TRUE(write_file(dev.path(f.substr(1)), "<LogState>off</LogState>"));
+    struct Case {
+        std::string name;
+        int n;
+        std::string current;
+    };
+    const Case cases[] = {
+        { fits, int(fits.size() + 1), fits },
+        { fits + "g", int(fits.size() + 2), fits },   // too long for the property
+        { "/data/local/other.cfg", 100, fits },       // length past the limit
+        { "/data/local/other.cfg", 0xffff, fits },    // negative
+        { "/data/local/other.cfgXYZ", 21, "/data/local/other.cfg" }, // the length ends it
+        { "/data/local/none.cfg", 21, "/data/local/none.cfg" }, // taken, though it fails to load
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(c.current, choose(c.name, c.n)) << c.name << " " << c.n;
+        EXPECT_EQ(c.current, dev.property("persist.dmlogging.config_file"));
+    }
+    choose("/data/local/other.cfg", 22);
+    restart();
+    EXPECT_EQ("/data/local/other.cfg", choose("", 0)) << "an empty name is refused";
+}
+
+TEST_F(Settings, DplInterfacesAreListedProgrammedAndReset)
+{
+    tovak_pkt all = send(CMD_DPL_GET_ALL_IF_LIST);
+    std::string listed;
+    for (uint32_t i = 0, at = 4; i < reply_u32(all); i++, at += 2 + all.data[at + 1]) {
+        const char* desc = reinterpret_cast<const char*>(all.data + at + 2);
+        listed += std::to_string(all.data[at]) + "=" + std::string(desc, all.data[at + 1]) + " ";
+    }
+    EXPECT_EQ("1=rmnet0 2=rmnet1 15=rmnet_ipa0 19=rmnet_data0 20=rmnet_data1 ", listed);
+
+    auto logging = [&] {
+        std::vector<int> ids;
+        const json st = status();
+        for (const json& i : st["modems"]["local"]["dpl"])
+            if (i["logging"] == true)
+                ids.push_back(i["id"]);
+        return ids;
+    };
+    EXPECT_EQ(0u, send(CMD_DPL_SET_STATE, u32(1)).len);
+    EXPECT_EQ((std::vector<int>{ 1, 15, 19 }), logging());
+    EXPECT_TRUE(config_has("<DplState>on</DplState>"));
+    ctl({ "clear-requests" });
+    EXPECT_EQ(0u, send(CMD_DPL_SET_IF, u16(300)).len);
+    EXPECT_EQ(0u, status()["requests"][0]["request"].get<std::string>().rfind("4b2a04002c04", 0)) << "300's low byte";
+    EXPECT_EQ((std::vector<uint32_t>{ 1, 15, 19, 300 }), list_of(send(CMD_DPL_GET_IF_LIST), 2, 4));
+
+    EXPECT_EQ(5120u, send(CMD_DPL_RESET).len);
+    EXPECT_EQ(std::vector<int>{}, logging());
+    EXPECT_EQ(0u, reply_u32(send(CMD_DPL_GET_STATE)));
+    EXPECT_EQ(4u, send(CMD_DPL_GET_IF_LIST).len);
+    EXPECT_TRUE(config_has("<DplState>off</DplState>") && config_has("<IfIDs>\n\n</IfIDs>"));
+}
+
+TEST_F(Settings, OutPathUpToFiveSlashesMovesTheModemLog)
+{
+    struct Case {
+        std::string path;
+        uint32_t answer;
+        const char* modem_path;
+    };
+    const Case cases[] = {
+        { "/sdcard/a/b/c/d", 0, "/sdcard/a/b/c/d" },
+        { "/sdcard/a/b/c/d/e", 0xffffffff, "/sdcard/a/b/c/d/e" },
+        { "relative/dm", 0xffffffff, "/sdcard/a/b/c/d/e" },
+    };
+    for (const Case& c : cases) {
+        Bytes p(c.path.begin(), c.path.end());
+        p.push_back(0);
+        EXPECT_EQ(c.answer, reply_u32(send(CMD_OUT_PATH, p))) << c.path;
+        EXPECT_EQ(c.modem_path, status()["output_path"]) << c.path;
+    }
+    send(CMD_COMMIT_LOG);
+    EXPECT_EQ(1, status()["commits"]);
+}
+
+// The simulator's canned QMI data: unit u, byte j.
+std::string canned_units(size_t units, size_t size)
+{
+    std::string all;
+    for (size_t u = 0; u < units; u++)
+        for (size_t j = 0; j < size; j++)
+            all += char('A' + (7 * u + j) % 26);
+    return all;
+}
+
+// Clients saving at once: each save is its own whole block, tagged with the number.
+TEST_F(Settings, ConcurrentModemDataSavesEachGetTheirWholeBlock)
+{
+    ctl({ "qmi", "statistics", "40000,40000,40000,40000,40000,40000" });
+    ctl({ "qmi", "phantom", "30000,30000,30000,30000,30000,30000,30000,30000" });
+    const char number[] = "0101234567";
+    send(CMD_SET_MSISDN, [&] {
+        Bytes p = u16(sizeof number);
+        p.insert(p.end(), number, number + sizeof number);
+        return p;
+    }());
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; t++) {
+        threads.emplace_back([&, t] {
+            auto c = dev.connect();
+            for (int i = 0; c && i < 3; i++)
+                EXPECT_EQ(0u, send(CMD_SAVE_MODEM_DATA, u32(uint32_t(t % 2)), c.get()).len);
+        });
+    }
+    for (std::thread& t : threads)
+        t.join();
+    json saves = status()["qmi"]["saves"];
+    ASSERT_EQ(12u, saves.size());
+    for (const json& s : saves) {
+        bool stats = s["kind"] == "Statstics";
+        EXPECT_TRUE((stats ? canned_units(6, 40000) : canned_units(8, 30000)) ==
+                    read_file(dev.path("sim/" + s["file"].get<std::string>())))
+            << s["file"];
+        EXPECT_EQ(number, s["number"]);
+    }
+}
+
+} // namespace
