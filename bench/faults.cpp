@@ -1,0 +1,2 @@
+#include "bench.h"
+void bench_faults(const Options&, Report&) {}

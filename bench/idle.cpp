@@ -1,0 +1,2 @@
+#include "bench.h"
+void bench_idle_sessions(const Options&, Report&) {}
