@@ -243,6 +243,8 @@ bool ctl(const SimDevice& dev, const std::vector<std::string>& args, std::string
         *why = err.empty() ? out : err;
         while (!why->empty() && why->back() == '\n')
             why->pop_back();
+        if (why->rfind("error: ", 0) == 0)
+            why->erase(0, 7);
     }
     return false;
 }

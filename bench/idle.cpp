@@ -51,8 +51,20 @@ void bench_idle_sessions(const Options& opt, Report& report)
     const int probes = opt.count(500);
     long errors = 0;
     std::vector<double> alone = new_clients(dev.socket_path(), probes, &errors);
+    // The probes' session threads end a moment after their clients leave.
+    long threads_alone = -1;
+    auto since = Clock::now();
+    wait_until(
+        [&] {
+            long t = proc_status(pid, "Threads");
+            if (t != threads_alone) {
+                threads_alone = t;
+                since = Clock::now();
+            }
+            return Clock::now() - since >= std::chrono::milliseconds(200);
+        },
+        std::chrono::seconds(10));
     const long rss_alone = proc_status(pid, "VmRSS");
-    const long threads_alone = proc_status(pid, "Threads");
     if (pid < 0 || rss_alone < 0) {
         report.error(what + ": cannot find the daemon's process");
         return;
