@@ -77,33 +77,11 @@ bool measure_log_output(SimDevice& dev, int requests, LogOutput* out)
 const int CLIENTS[] = { 1, 16, 64 };
 
 struct Target {
-    RoundTrips at[3];
-    bool ran = false;
-};
-
-bool run_target(const Options& opt, Report& report, const std::string& what, const std::string& daemon, Target* t,
-                LogOutput* log = nullptr)
-{
+    const char* what;
     SimDevice dev;
-    std::string why;
-    if (!start_device(dev, &why, daemon)) {
-        report.error(what + ": " + why);
-        return false;
-    }
-    if (log && !measure_log_output(dev, 200, log)) {
-        report.error("cannot count the lines tovakd logs a request");
-        return false;
-    }
-    const int per_client[] = { opt.count(5000), opt.count(1000), opt.count(300) };
-    for (int i = 0; i < 3; i++) {
-        t->at[i] = round_trips(dev.socket_path(), CLIENTS[i], per_client[i], !daemon.empty());
-        if (t->at[i].errors > 0)
-            report.error(what + ": " + std::to_string(t->at[i].errors) + " requests failed at " +
-                         std::to_string(CLIENTS[i]) + " clients");
-    }
-    t->ran = true;
-    return true;
-}
+    bool echo;
+    RoundTrips at[3];
+};
 
 void add(Report& report, const std::string& name, const char* unit, double value, double log_echo, double raw,
          Goal goal = {})
@@ -116,18 +94,42 @@ void add(Report& report, const std::string& name, const char* unit, double value
 
 void bench_round_trips(const Options& opt, Report& report)
 {
-    Target tovakd, raw, logged;
+    Target tovakd{ "tovakd", {}, false, {} };
+    std::string why;
     LogOutput log;
-    if (!run_target(opt, report, "tovakd", "", &tovakd, &log))
+    if (!start_device(tovakd.dev, &why)) {
+        report.error("tovakd: " + why);
         return;
+    }
+    if (!measure_log_output(tovakd.dev, 200, &log)) {
+        report.error("cannot count the lines tovakd logs a request");
+        return;
+    }
     const std::string echo = SimDevice::bin("tovak-bench-echo");
-    int lines = int(log.lines + 0.5);
-    int line_bytes = int(log.line_bytes + 0.5);
+    const int lines = int(log.lines + 0.5);
+    const int line_bytes = int(log.line_bytes + 0.5);
+    Target raw{ "raw echo", {}, true, {} }, logged{ "echo with log lines", {}, true, {} };
     setenv("TOVAK_BENCH_ECHO_LINES", "0", 1);
-    run_target(opt, report, "raw echo", echo, &raw);
+    bool up = start_device(raw.dev, &why, echo);
     setenv("TOVAK_BENCH_ECHO_LINES", std::to_string(lines).c_str(), 1);
     setenv("TOVAK_BENCH_ECHO_LINE_BYTES", std::to_string(line_bytes).c_str(), 1);
-    run_target(opt, report, "echo with log lines", echo, &logged);
+    up = up && start_device(logged.dev, &why, echo);
+    if (!up) {
+        report.error("echo: " + why);
+        return;
+    }
+
+    // The three take turns at each client count, so that a neighbour's
+    // burst on this machine falls on one figure, not on one target.
+    const int per_client[] = { opt.count(5000), opt.count(1000), opt.count(300) };
+    for (int i = 0; i < 3; i++) {
+        for (Target* t : { &tovakd, &raw, &logged }) {
+            t->at[i] = round_trips(t->dev.socket_path(), CLIENTS[i], per_client[i], t->echo);
+            if (t->at[i].errors > 0)
+                report.error(std::string(t->what) + ": " + std::to_string(t->at[i].errors) + " requests failed at " +
+                             std::to_string(CLIENTS[i]) + " clients");
+        }
+    }
 
     char text[200];
     snprintf(text, sizeof text,
@@ -135,8 +137,6 @@ void bench_round_trips(const Options& opt, Report& report)
              "entries) a request, the echo %d of %d bytes",
              log.lines, log.line_bytes, log.entries, lines, line_bytes);
     report.note(text);
-    if (!raw.ran || !logged.ran)
-        return;
     for (int i = 0; i < 3; i++) {
         const RoundTrips &d = tovakd.at[i], &r = raw.at[i], &l = logged.at[i];
         std::string name = "round trips " + std::to_string(CLIENTS[i]) + (CLIENTS[i] == 1 ? " client" : " clients");
