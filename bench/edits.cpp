@@ -4,29 +4,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
-
 #include "bench.h"
+#include "sim_files.h"
 
 namespace {
 
 // A fixed set of ids: past the first round the file keeps its size.
 const uint16_t FIRST_ID = 1000;
 const int IDS = 64;
-
-bool write_all(int fd, const std::string& data)
-{
-    size_t done = 0;
-    while (done < data.size()) {
-        ssize_t n = write(fd, data.data() + done, data.size() - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        done += size_t(n);
-    }
-    return true;
-}
 
 // Temporary file, fsync, rename over the old one, fsync of the directory:
 // what a save that survives a power cut costs at the least.
@@ -36,7 +21,7 @@ bool atomic_save(const std::string& dir, int dir_fd, const std::string& data)
     int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0)
         return false;
-    bool ok = write_all(fd, data) && fsync(fd) == 0;
+    bool ok = sim_write_all(fd, data.data(), data.size()) && fsync(fd) == 0;
     ok = close(fd) == 0 && ok;
     return ok && rename(tmp.c_str(), (dir + "/bench-save.cfg").c_str()) == 0 && fsync(dir_fd) == 0;
 }
