@@ -122,8 +122,9 @@ FloodRun flood(const SimDevice& dev, long count, const std::function<std::string
     }
     close(device);
     r.seconds = seconds_between(start, grown);
-    r.written = after["logger"][BUFFER]["written"].get<uint64_t>() - before["logger"][BUFFER]["written"].get<uint64_t>();
-    r.dropped = after["logger"][BUFFER]["dropped"].get<uint64_t>() - before["logger"][BUFFER]["dropped"].get<uint64_t>();
+    const auto &b0 = before["logger"][BUFFER], &b1 = after["logger"][BUFFER];
+    r.written = b1["written"].get<uint64_t>() - b0["written"].get<uint64_t>();
+    r.dropped = b1["dropped"].get<uint64_t>() - b0["dropped"].get<uint64_t>();
     r.got = parse_flood(read_file(output()));
     r.ok = true;
     return r;
@@ -233,8 +234,8 @@ void bench_capture(const Options& opt, Report& report)
              "capture: %ld entries flooded into /dev/log/%s at up to %ld/s, best of %d; tovakd took %llu of %llu "
              "delivered (%llu dropped by the simulator), cat %llu of %llu",
              count, BUFFER, FLOOD_RATE, opt.quick ? 1 : 3, (unsigned long long)tovakd.got.entries,
-             (unsigned long long)tovakd.written, (unsigned long long)tovakd.dropped, (unsigned long long)cat.got.entries,
-             (unsigned long long)cat.written);
+             (unsigned long long)tovakd.written, (unsigned long long)tovakd.dropped,
+             (unsigned long long)cat.got.entries, (unsigned long long)cat.written);
     report.note(text);
     std::string order = tovakd.got.ordered ? "" : "entries out of order";
     report.add({ "capture", "entries/s", tovakd.rate(), "cat", cat.rate(), { Goal::ratio_at_least, 0.9 }, order });

@@ -211,7 +211,8 @@ pid_t daemon_pid(const SimDevice& dev)
                 continue;
             std::string line = status.substr(at + 6, end - at - 6);
             size_t last = line.find_last_of(" \t");
-            if (last != std::string::npos && line.find_first_not_of(" \t") < last && atol(line.c_str() + last + 1) == inner)
+            bool nested = last != std::string::npos && line.find_first_not_of(" \t") < last;
+            if (nested && atol(line.c_str() + last + 1) == inner)
                 return pid;
             continue;
         }

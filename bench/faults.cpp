@@ -1,6 +1,6 @@
 // Faults: the round trips of 16 sessions while one fault is injected
-// through the simulator's control interface and another session runs into
-// it, beside the same round trips on the same device just before.
+// through the simulator's control interface and one more session runs into
+// it, beside the same on the same device just before the fault.
 #include <sched.h>
 #include <sys/mount.h>
 #include <unistd.h>
@@ -42,7 +42,8 @@ Commands for_buffers(const std::string& state)
 const Fault FAULTS[] = {
     // The log devices stop handing out entries: the capture threads wait in
     // their reads while a session commits the capture.
-    { "stalled logger", for_buffers("on"), for_buffers("off"), false, [](TovakClient& c) { return c.capture_commit().status == TovakStatus::ok; } },
+    { "stalled logger", for_buffers("on"), for_buffers("off"), false,
+      [](TovakClient& c) { return c.capture_commit().status == TovakStatus::ok; } },
     // No logd: every log line the sessions write has nowhere to go.
     { "absent logger", { { "fault", "logger-absent", "on" } }, { { "fault", "logger-absent", "off" } }, false,
       [](TovakClient& c) {
@@ -112,7 +113,8 @@ RoundTrips others(const SimDevice& dev, const Fault& fault, int per_client)
 
 void run_fault(const Options& opt, Report& report, const Fault& fault, bool can_mount, const std::string& no_mount)
 {
-    Figure f{ std::string("fault: ") + fault.name, "others' p99 us", NAN, "clean", NAN, { Goal::ratio_at_most, 2.0 }, "" };
+    Figure f{ std::string("fault: ") + fault.name, "others' p99 us", NAN, "clean", NAN, { Goal::ratio_at_most, 2.0 },
+              "" };
     if (fault.small_sdcard && !can_mount) {
         f.note = "skipped: " + no_mount;
         report.add(f);
