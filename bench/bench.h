@@ -20,7 +20,7 @@
 using Clock = std::chrono::steady_clock;
 
 double seconds_between(Clock::time_point from, Clock::time_point to);
-// p (0 to 1) of an ascending list; 0 when it is empty.
+// p (0 to 1) of an ascending list; not a number when it is empty.
 double percentile(const std::vector<double>& sorted, double p);
 
 struct Options {
@@ -98,9 +98,10 @@ struct RoundTrips {
     long requests = 0;
     long errors = 0;
     double seconds = 0;
-    double p50_us = 0;
-    double p99_us = 0;
-    double rate() const { return seconds > 0 ? double(requests) / seconds : 0; }
+    // Not a number until measured.
+    double p50_us = NAN;
+    double p99_us = NAN;
+    double rate() const { return seconds > 0 ? double(requests) / seconds : NAN; }
 };
 // clients connections, each sending per_client requests after a short
 // warm-up, all starting together.

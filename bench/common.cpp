@@ -21,7 +21,7 @@ double seconds_between(Clock::time_point from, Clock::time_point to)
 double percentile(const std::vector<double>& sorted, double p)
 {
     if (sorted.empty())
-        return 0;
+        return NAN;
     size_t i = size_t(p * double(sorted.size() - 1) + 0.5);
     return sorted[std::min(i, sorted.size() - 1)];
 }
@@ -157,6 +157,10 @@ bool start_device(SimDevice& dev, std::string* why, const std::string& daemon, c
     bool up = dev.start(all);
     if (env_wrapper)
         setenv("TOVAK_SIM_DAEMON_WRAPPER", wrapper.c_str(), 1);
+    if (!up && !daemon.empty() && dev.failure().find("usage:") != std::string::npos) {
+        *why = "this launcher does not take --daemon, which runs the echo baselines";
+        return false;
+    }
     if (!up) {
         std::string failure = dev.failure();
         if (failure.size() > 1500)
