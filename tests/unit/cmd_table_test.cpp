@@ -6,6 +6,7 @@
 #include <map>
 #include <set>
 
+#include "daemon/cmd_table.h"
 #include "handlers/tovak_handler.h"
 #include "protocol/tovak_cmd_ids.h"
 #include "protocol/tovak_pkt.h"

@@ -211,6 +211,8 @@ static uint32_t switch_logging(uint32_t* rsp_len, uint8_t* rsp, const char* entr
         if (result == 0)
             TLOG_ERR();
     }
+    // The length is 4 even when there is no reply area to write the 0 into.
+    *rsp_len = 4;
     tovak_reply_u32(rsp_len, rsp, { 0 });
     return result;
 }
