@@ -13,6 +13,7 @@
 #include <mutex>
 
 #include "le.h"
+#include "protocol/unix_socket.h"
 #include "sim_link.h"
 
 namespace {
@@ -33,15 +34,14 @@ const size_t MAX_IDLE = 8;
 
 int connect_to(const std::string& path)
 {
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    if (path.size() >= sizeof addr.sun_path)
+    sockaddr_un addr;
+    socklen_t addr_len;
+    if (!unix_socket_address(path.c_str(), &addr, &addr_len))
         return -1;
-    strcpy(addr.sun_path, path.c_str());
     int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     if (fd < 0)
         return -1;
-    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), addr_len) != 0) {
         close(fd);
         return -1;
     }
