@@ -9,6 +9,7 @@
 
 #include "host_properties.h"
 #include "platform/properties.h"
+#include "sim_files.h"
 
 SystemService::SystemService(std::string root, std::string sim_dir)
     : property_dir_(root + SIM_PROPERTY_DIR)
@@ -55,7 +56,7 @@ std::string SystemService::get_property(const std::string& key, std::string* val
 
 std::string SystemService::set_property(const std::string& key, const std::string& value) const
 {
-    if (sim_property_set_in(property_dir_.c_str(), key.c_str(), value.c_str()) != 0)
+    if (!sim_make_dirs(property_dir_) || sim_property_set_in(property_dir_.c_str(), key.c_str(), value.c_str()) != 0)
         return "cannot set " + key + " (key up to 31 characters, value up to 91)";
     return "";
 }
