@@ -11,6 +11,7 @@
 
 #include "host_link.h"
 #include "platform/properties.h"
+#include "sim_files.h"
 #include "sim_root.h"
 
 static bool key_ok(const char* key)
@@ -98,5 +99,5 @@ extern "C" int property_get(const char* key, char* value, const char* default_va
 extern "C" int property_set(const char* key, const char* value)
 {
     std::string dir = property_dir();
-    return dir.empty() ? -1 : sim_property_set_in(dir.c_str(), key, value);
+    return dir.empty() || !sim_make_dirs(dir) ? -1 : sim_property_set_in(dir.c_str(), key, value);
 }
