@@ -1,5 +1,7 @@
 // tovak-devsim: the simulated device's services, single-threaded around
-// poll. Inside the sandbox it serves the device paths as they are; with
+// poll. Longer than most files here: it is the one event loop, with every
+// descriptor it watches, and reads best whole; the device itself is in its
+// parts (device.h). Inside the sandbox it serves the device paths as they are; with
 // --root DIR (for tests without a sandbox) every path it chooses itself lies
 // under DIR. Paths that clients hand in are used as given.
 #include <fcntl.h>
@@ -327,9 +329,11 @@ void Server::run()
     int sig_fd = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
     signal(SIGPIPE, SIG_IGN);
 
-    const uint64_t tick_ns = 10000000; // 10 ms
     uint64_t last_tick = clock_ns(CLOCK_MONOTONIC);
     for (;;) {
+        // Floods come in small slices, so that each fits the logger's
+        // queue between two drains of the FIFO.
+        const uint64_t tick_ns = device_.logger.flooding() ? 1000000 : 10000000;
         std::vector<pollfd> fds = {
             { sig_fd, POLLIN, 0 }, { diag_, POLLIN, 0 }, { qmi_, POLLIN, 0 },
             { ctl_, POLLIN, 0 },   { logdw_, short(logdw_ >= 0 ? POLLIN : 0), 0 },

@@ -114,7 +114,7 @@ void SimLink::discard()
     fd_ = -1;
 }
 
-bool SimLink::send(const void* msg, size_t len)
+bool SimLink::post(const void* msg, size_t len)
 {
     if (fd_ < 0)
         return false;
@@ -135,7 +135,7 @@ bool SimLink::send(const void* msg, size_t len)
     }
 }
 
-bool SimLink::receive(std::vector<uint8_t>* msg)
+bool SimLink::await_answer(std::vector<uint8_t>* msg)
 {
     if (fd_ < 0)
         return false;
@@ -171,7 +171,7 @@ bool sim_link_op(const char* device_path, uint32_t code, const std::vector<uint8
     msg.insert(msg.end(), args.begin(), args.end());
     SimLink link(device_path);
     std::vector<uint8_t> answer;
-    if (!link.exchange(msg.data(), msg.size(), &answer) || answer.size() < 4) {
+    if (!link.ask(msg.data(), msg.size(), &answer) || answer.size() < 4) {
         link.discard();
         return false;
     }

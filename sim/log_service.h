@@ -34,6 +34,7 @@ public:
 
     void tick(double elapsed_s, uint64_t unix_ns);
     bool busy() const;
+    bool flooding() const;
     // Writes the text gathered since the last call.
     void flush_text();
     nlohmann::json status() const;

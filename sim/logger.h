@@ -60,6 +60,15 @@ public:
     bool flush(int fd);
     // Drops every entry not yet begun.
     void discard();
+    // Bytes that fit before the oldest must go.
+    size_t room() const { return bytes() < max_bytes_ ? max_bytes_ - bytes() : 0; }
+    // Entries that came and went at once, never held: the newest of them
+    // would have pushed them out anyway.
+    void pass_over(uint64_t n)
+    {
+        received_ += n;
+        dropped_ += n;
+    }
     bool empty() const { return sizes_.empty(); }
     size_t entries() const { return sizes_.size(); }
     size_t bytes() const { return data_.size() - head_; }

@@ -303,18 +303,11 @@ std::vector<uint16_t> Modem::enabled_log_codes() const
 
 bool Modem::has_enabled_items() const
 {
-    if (!msg_masks_.empty())
-        return true;
-    for (const auto& m : log_masks_)
-        if (std::find(m.begin(), m.end(), true) != m.end())
-            return true;
-    for (const DplIface& i : dpl_)
-        if (i.logging)
-            return true;
-    return event_reporting_ && std::find(events_.begin(), events_.end(), true) != events_.end();
+    refresh_items();
+    return !source_.empty();
 }
 
-void Modem::refresh_items()
+void Modem::refresh_items() const
 {
     if (!items_stale_)
         return;

@@ -61,7 +61,7 @@ public:
     // The buffered stream, oldest first; take_traffic empties it.
     std::vector<uint8_t> traffic() const { return buffer_.bytes(); }
     std::vector<uint8_t> take_traffic() { return buffer_.take(); }
-    size_t traffic_bytes() const { return buffer_.size(); }
+    size_t traffic_bytes() const { return buffer_.held(); }
     size_t traffic_frames() const { return buffer_.frames(); }
     uint64_t produced() const { return source_.produced(); }
     uint64_t dropped() const { return buffer_.dropped(); }
@@ -76,7 +76,7 @@ private:
     std::vector<uint8_t> dpl(const std::vector<uint8_t>& req);
     const SsidRange* range_of(uint16_t first, uint16_t last) const;
     void clear_masks();
-    void refresh_items();
+    void refresh_items() const;
 
     ModemRanges ranges_;
     std::vector<bool> events_;                      // by event id
@@ -86,6 +86,7 @@ private:
     std::vector<DplIface> dpl_;
 
     FrameBuffer buffer_;
-    TrafficSource source_;
-    bool items_stale_ = true; // masks changed since the traffic items were made
+    // The enabled items, remade lazily after the masks change.
+    mutable TrafficSource source_;
+    mutable bool items_stale_ = true;
 };

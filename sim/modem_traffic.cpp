@@ -20,7 +20,7 @@ void FrameBuffer::append_frame(const uint8_t* pkt, size_t len)
 
 void FrameBuffer::trim(size_t limit)
 {
-    while (!sizes_.empty() && size() > limit) {
+    while (!sizes_.empty() && held() > limit) {
         head_ += sizes_.front();
         sizes_.pop_front();
         dropped_++;

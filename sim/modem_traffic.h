@@ -18,7 +18,7 @@ public:
     void trim(size_t limit);
     std::vector<uint8_t> bytes() const;
     std::vector<uint8_t> take();
-    size_t size() const { return data_.size() - head_; }
+    size_t held() const { return data_.size() - head_; }
     size_t frames() const { return sizes_.size(); }
     uint64_t dropped() const { return dropped_; }
 

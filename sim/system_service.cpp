@@ -1,10 +1,11 @@
 #include "system_service.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 
 #include "host_properties.h"
@@ -20,7 +21,14 @@ SystemService::SystemService(std::string root, std::string sim_dir)
 DaemonState SystemService::daemon() const
 {
     DaemonState d;
-    std::ifstream in(state_file_);
+    std::string text;
+    int fd = open(state_file_.c_str(), O_RDONLY | O_CLOEXEC);
+    char buf[512];
+    for (ssize_t n; fd >= 0 && (n = read(fd, buf, sizeof buf)) > 0;)
+        text.append(buf, size_t(n));
+    if (fd >= 0)
+        close(fd);
+    std::istringstream in(text);
     std::string line;
     while (std::getline(in, line)) {
         std::istringstream words(line);
