@@ -1,88 +1,82 @@
-// The simulated logger: entries as readers of /dev/log get them, logdw
-// datagrams, and a queue that drops whole oldest entries and resumes a
-// FIFO write where the pipe cut it.
+// Log entries on their way: as readers of /dev/log get them, through the
+// logger's queue (whole oldest dropped, a write the pipe cut resumed), into
+// a capture file that keeps the newest whole entries however writes split them.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <random>
+
 #include "canned.h"
+#include "capture_ring.h"
 #include "hex_text.h"
-#include "le.h"
 #include "logger.h"
+#include "sim_device.h"
 
-namespace {
-
-TEST(Logger, EntryLayouts)
+TEST(Logger, EntriesAndEventRecords)
 {
-    LogEntry e;
-    e.pid = 0x0102;
-    e.tid = 3;
-    e.sec = 0x11223344;
-    e.nsec = 5;
-    e.prio = 4;
-    e.tag = "T";
-    e.msg = "hi";
+    LogEntry e{ 0x0102, 3, 0x11223344, 5, 4, "T", "hi", {} };
     EXPECT_EQ("06 00 00 00 02 01 00 00 03 00 00 00 44 33 22 11 05 00 00 00 04 54 00 68 69 00",
               hex_text(logger_entry_bytes(e)));
-    // An event: tag, list of two floats; nothing after the tag reads as a NUL.
-    const CannedEvent& ev = canned_events()[2];
-    e.binary = android_event_payload(ev, { 12.0f, 0.5f });
+    // Tag, float list: a priority-like first byte, the tag's NUL, no NUL after.
+    e.binary = android_event_payload(canned_events()[2], { 12.0f, 0.5f });
     std::vector<uint8_t> b = logger_entry_bytes(e);
-    ASSERT_EQ(20u + 4 + 2 + 2 * 5, b.size());
-    EXPECT_EQ(ev.tag, get_u32(&b[20]));
-    EXPECT_EQ("03 02 04", hex_text({ b[24], b[25], b[26] }));
-    EXPECT_LE(b[20], 8) << "reads as a priority";
-    EXPECT_EQ(0, b[23]);
-    for (size_t i = 24; i < b.size(); i++)
-        EXPECT_NE(0, b[i]) << i;
-
-    LogEntry back;
-    int buffer = -1;
-    e.binary.clear();
-    ASSERT_TRUE(parse_logdw(make_logdw(1, e).data(), make_logdw(1, e).size(), 77, &back, &buffer));
-    EXPECT_EQ(1, buffer);
-    EXPECT_EQ("T/hi/77/3", back.tag + "/" + back.msg + "/" + std::to_string(back.pid) + "/" + std::to_string(back.tid));
-    for (std::vector<uint8_t> bad : { std::vector<uint8_t>{ 4, 0, 0 }, make_logdw(1, e) }) {
-        bad[0] = 4; // no such buffer, or too short
-        EXPECT_FALSE(parse_logdw(bad.data(), bad.size(), 1, &back, &buffer));
-    }
+    EXPECT_EQ("05 1d 01 00 03 02 04", hex_text(std::vector<uint8_t>(b.begin() + 20, b.begin() + 27)));
+    EXPECT_EQ(b.end(), std::find(b.begin() + 24, b.end(), 0));
 }
 
 TEST(Logger, QueueDropsWholeOldestAndResumesPartialWrites)
 {
     LogQueue q(100);
-    std::vector<uint8_t> a(40, 'a'), b(40, 'b'), c(40, 'c');
-    q.push(a);
-    q.push(b);
-    q.push(c);
-    EXPECT_EQ(2u, q.entries());
-    EXPECT_EQ(1u, q.dropped());
+    std::vector<uint8_t> a(40, 'a'), big(200000, 'x'), got, buf(1 << 16);
+    for (int i = 0; i < 3; i++)
+        q.push(a);
+    q.push(big); // over the limit: the others go, big stays however large
     int p[2];
     ASSERT_EQ(0, pipe2(p, O_NONBLOCK | O_CLOEXEC));
-    std::vector<uint8_t> got, buf(1 << 16);
-    auto drain = [&] {
+    ASSERT_TRUE(q.flush(p[1]) && !q.empty()) << "the pipe took part of it";
+    q.push(a); // over the limit, but a begun entry is never dropped
+    for (int i = 0; i < 20; i++) {
         for (ssize_t n; (n = read(p[0], buf.data(), buf.size())) > 0;)
             got.insert(got.end(), buf.begin(), buf.begin() + n);
-    };
-    // Beyond what the pipe holds in one piece: written in parts.
-    std::vector<uint8_t> big(200000, 'x');
-    q.push(big); // over the limit: b and c go, big stays however large
-    ASSERT_TRUE(q.flush(p[1]));
-    ASSERT_FALSE(q.empty()) << "the pipe took part of it";
-    q.push(c); // over the limit, but a begun entry is never dropped
-    for (int i = 0; i < 10 && !q.empty(); i++) {
-        drain();
         ASSERT_TRUE(q.flush(p[1]));
     }
-    drain();
-    std::vector<uint8_t> want = big;
-    want.insert(want.end(), c.begin(), c.end());
-    EXPECT_TRUE(q.empty());
-    EXPECT_EQ(want.size(), got.size());
-    EXPECT_TRUE(want == got);
-    close(p[0]);
-    close(p[1]);
+    big.insert(big.end(), a.begin(), a.end());
+    EXPECT_TRUE(q.empty() && got == big) << got.size();
+    EXPECT_EQ(3u, q.dropped());
+    close(p[0]), close(p[1]);
 }
 
-} // namespace
+TEST(CaptureRing, KeepsTheNewestWholeEntriesAcrossSplitWrites)
+{
+    TempDir dir;
+    const size_t capacity = 3000;
+    CaptureRing ring;
+    ASSERT_TRUE(ring.open(dir.path() + "/r.ring", capacity));
+    std::vector<uint8_t> stream, kept;
+    std::vector<size_t> starts; // of each entry in the stream, then its end
+    std::mt19937 rng(7);
+    for (int i = 0; i < 200; i++) {
+        starts.push_back(stream.size());
+        logger_entry_append(stream, LogEntry{ 1, 1, 0, 0, 4, "T", std::string(rng() % 120, 'a'), {} });
+    }
+    starts.push_back(stream.size());
+    // Pieces of any size, headers split too; the last entry left unfinished.
+    for (size_t pos = 0, n; pos < stream.size() - 5; pos += n) {
+        n = std::min<size_t>(1 + rng() % 300, stream.size() - 5 - pos);
+        ASSERT_TRUE(ring.append(stream.data() + pos, n));
+        ASSERT_TRUE(ring.contents(&kept));
+        // Kept: whole entries up to the last complete one, from the oldest
+        // that lies wholly in the last `capacity` bytes written.
+        const size_t end = pos + n, complete = *std::prev(std::upper_bound(starts.begin(), starts.end(), end));
+        auto first = std::find(starts.begin(), starts.end(), complete - kept.size());
+        ASSERT_NE(starts.end(), first) << "begins at a header";
+        EXPECT_GE(*first + capacity, end);
+        if (first != starts.begin() && !kept.empty()) {
+            EXPECT_LT(*std::prev(first) + capacity, end) << "no entry left out that fits";
+        }
+        ASSERT_TRUE(std::equal(kept.begin(), kept.end(), stream.begin() + ptrdiff_t(*first)));
+    }
+}
