@@ -81,8 +81,13 @@ void CaptureRing::follow_entries(const uint8_t* p, size_t len)
             return;
         const unsigned payload = unsigned(header_[0] | header_[1] << 8);
         const unsigned hdr = unsigned(header_[2] | header_[3] << 8);
+        // No logger entry: from here on the ring keeps plain bytes.
+        if (payload > 5120 || (hdr != 0 && (hdr < 20 || hdr > 100))) {
+            raw_ = true;
+            return;
+        }
         // 0 is the first logger's padding: its header is 20 bytes.
-        next_start_ = starts_.back() + (hdr >= 20 && hdr <= 100 ? hdr : 20) + payload;
+        next_start_ = starts_.back() + (hdr ? hdr : 20) + payload;
         header_len_ = 0;
     }
 }
@@ -92,7 +97,8 @@ bool CaptureRing::append(const void* data, size_t len)
     if (fd_ < 0 || (data == nullptr && len > 0))
         return false;
     const uint8_t* p = static_cast<const uint8_t*>(data);
-    follow_entries(p, len);
+    if (!raw_)
+        follow_entries(p, len);
     // Only the newest capacity bytes of a long write can stay.
     if (len > capacity_) {
         total_ += len - capacity_;
@@ -118,11 +124,12 @@ bool CaptureRing::contents(std::vector<uint8_t>* out) const
     if (fd_ < 0)
         return false;
     out->clear();
-    if (starts_.empty())
+    if (!raw_ && starts_.empty())
         return true;
-    // From the oldest whole entry to the end of the newest complete one.
-    const uint64_t from = starts_.front();
-    const uint64_t to = header_len_ == 0 && next_start_ <= total_ ? total_ : starts_.back();
+    // From the oldest whole entry to the end of the newest complete one;
+    // plain bytes: the newest capacity of them.
+    const uint64_t from = raw_ ? total_ - std::min<uint64_t>(total_, capacity_) : starts_.front();
+    const uint64_t to = raw_ || (header_len_ == 0 && next_start_ <= total_) ? total_ : starts_.back();
     const size_t kept = size_t(to - from);
     out->resize(kept);
     const size_t start = size_t(from % capacity_);

@@ -3,7 +3,8 @@
 // order into a new file on commit. Writes may split entries anywhere; the
 // ring follows their headers (u16 payload length, u16 header size or 0 for
 // the 20-byte header), so a commit always begins at an entry and ends with
-// a whole one.
+// a whole one. A stream that turns out to hold no logger entries (a kernel
+// log device, say) is kept as plain bytes, the newest `capacity` of them.
 #pragma once
 
 #include <cstddef>
@@ -43,5 +44,6 @@ private:
     uint64_t next_start_ = 0;     // where the next header begins
     uint8_t header_[4];           // the part of the current header seen so far
     size_t header_len_ = 0;
+    bool raw_ = false; // the stream is no logger entries
 };
 

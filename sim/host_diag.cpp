@@ -32,10 +32,10 @@ bool dpl_request(uint16_t code, const std::vector<uint8_t>& body, std::vector<ui
     std::vector<uint8_t> pkt = { DIAG_SUBSYS_CMD, DIAG_SUBSYS_DPL };
     put_u16(pkt, code);
     pkt.insert(pkt.end(), body.begin(), body.end());
-    std::vector<uint8_t> msg;
-    put_u32(msg, SIM_LINK_DIAG_REQUEST);
-    std::vector<uint8_t> frame = hdlc_frame(pkt);
-    msg.insert(msg.end(), frame.begin(), frame.end());
+    // The data-type word, then the frame appended in place.
+    std::vector<uint8_t> msg(4, 0);
+    msg[0] = SIM_LINK_DIAG_REQUEST;
+    hdlc_frame_append(msg, pkt.data(), pkt.size());
     SimLink link(SIM_LINK_DIAG_PATH);
     std::vector<uint8_t> answer, ans;
     if (!link.ask(msg.data(), msg.size(), &answer))

@@ -121,8 +121,11 @@ static LogEntry own_event(uint64_t unix_ns, uint64_t n)
     for (uint8_t i = 0; i < ev.values; i++)
         v.push_back(float(-95.5 + 10 * sin(double(n) / 9 + i) + 37.25 * i));
     std::string text = "[";
-    for (size_t i = 0; i < v.size(); i++)
-        text += (i ? "," : "") + std::to_string(v[i]);
+    for (size_t i = 0; i < v.size(); i++) {
+        if (i)
+            text += ',';
+        text += std::to_string(v[i]);
+    }
     LogEntry e = own_entry(unix_ns, 4, ev.name, text + "]");
     e.binary = android_event_payload(ev, v);
     return e;

@@ -220,6 +220,7 @@ std::vector<uint8_t> Modem::dpl(const std::vector<uint8_t>& req)
     if (req.size() < 4)
         return error_answer(DIAG_BAD_LEN_F, req);
     std::vector<uint8_t> a(req.begin(), req.begin() + 4);
+    a.reserve(4 + 3 + 256); // room for the longest answer, a description
     auto find = [&](uint8_t id) -> DplIface* {
         for (DplIface& i : dpl_)
             if (i.id == id)

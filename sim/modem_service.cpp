@@ -63,7 +63,10 @@ std::string to_hex(const std::vector<uint8_t>& bytes)
 int create_new_file(const std::string& dir, const std::string& base, const std::string& ext, std::string* name)
 {
     for (int n = 1; n < 1000; n++) {
-        *name = base + (n > 1 ? "_" + std::to_string(n) : "") + ext;
+        *name = base;
+        if (n > 1)
+            name->append("_").append(std::to_string(n));
+        name->append(ext);
         int fd = open((dir + "/" + *name).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
         if (fd >= 0 || errno != EEXIST)
             return fd;
@@ -85,6 +88,7 @@ LinkAnswer link_result(int32_t value, const std::vector<uint8_t>& data)
 {
     LinkAnswer a;
     a.send = true;
+    a.bytes.reserve(4 + data.size());
     put_u32(a.bytes, uint32_t(value));
     a.bytes.insert(a.bytes.end(), data.begin(), data.end());
     return a;

@@ -37,7 +37,7 @@ struct TrafficItem {
     uint16_t id;   // log code, event id, SSID or interface id
     uint8_t level; // message level
     double rate;   // per second, when the rate is the items' own
-    double due = 0;
+    double due = 1; // a newly enabled item reports at once
 };
 
 class TrafficSource {

@@ -61,6 +61,7 @@ bool QmiService::op(uint32_t code, const uint8_t* args, size_t len, LinkConnStat
             return true;
         }
         const auto& units = units_[kind];
+        d.reserve(4 + units[index].size());
         put_u32(d, uint32_t(index + 1 < units.size() ? units.size() - index - 1 : 0));
         d.insert(d.end(), units[index].begin(), units[index].end());
         *out = link_result(int32_t(units[index].size()), d);

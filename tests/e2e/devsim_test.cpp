@@ -11,6 +11,7 @@
 
 TEST(DevsimInSandbox, WrappedAndEventsCapturesOpenInTshark)
 {
+    setenv("TOVAK_DEVSIM_QUIET", "0", 1); // a device left alone logs like a phone
     SimDevice dev;
     ASSERT_TRUE(dev.start()) << dev.failure();
     auto client = dev.connect();

@@ -53,7 +53,7 @@ TEST(Modem, AnswersTheDaemonsRequests)
     dpl_set.insert(dpl_set.end(), rec.begin(), rec.end());
     std::string id_ranges = "73 00 00 00 01 00 00 00 00 00 00 00";
     for (uint32_t last : r.log_last_items)
-        id_ranges += " " + hex_text({ uint8_t(last), uint8_t(last >> 8), 0, 0 });
+        id_ranges.append(" ").append(hex_text({ uint8_t(last), uint8_t(last >> 8), 0, 0 }));
     // clang-format off
     const struct { const char* what; std::vector<uint8_t> req; const char* answer; } table[] = {
         { "id ranges", hex("73 000000 01000000"), id_ranges.c_str() },
