@@ -34,13 +34,12 @@ TEST(HostLibs, DaemonCallsFaultsAndADeadLogd)
     sim_host_set_timeout_ms(500);
     EXPECT_EQ(2200, get_u16(&request({ 0x81, 0, 0, 0 }).at(4)));
     EXPECT_TRUE(diag_change_buffer_size(4 << 20) == 4 << 20 && diag_dpl_set_iface_logging_with_ifid(19) == 1);
-    char value[PROPERTY_VALUE_MAX];
     EXPECT_TRUE(property_set("p.x", "0") == 0 && file_exists(sim.root() + "/data/property/p.x"));
 
     for (const char* f : { "silent", "drop" }) { // the caller sees no answer
         ASSERT_EQ(0, devsim_ctl(sim.root(), { "fault", f, f[0] == 's' ? "on" : "1" }));
         EXPECT_TRUE(request({ 0x60, 0x01 }).empty()) << f;
-        devsim_ctl(sim.root(), { "fault", "silent", "off" });
+        devsim_ctl(sim.root(), { "fault", "clear" });
     }
     EXPECT_EQ("60 00 00", hex_text(request({ 0x60, 0x01 })));
     ASSERT_EQ(0, devsim_ctl(sim.root(), { "fault", "logger-absent", "on" })); // a dead logd
@@ -53,10 +52,10 @@ TEST(HostLibs, DaemonCallsFaultsAndADeadLogd)
         return read_file(sim.root() + "/sim/logcat.txt").find("TOVAK   : back") != std::string::npos;
     }));
     EXPECT_EQ(0, sim.stop());
-
     // No simulator: calls fail; no root, no sandbox: never the host's /data.
     EXPECT_TRUE(diag_init() == -1 && qmi_tovak_init() == -1 && request({ 0x60, 0x01 }).empty());
     EXPECT_EQ(-1, property_set("persist.test.x", "1"));
+    char value[PROPERTY_VALUE_MAX];
     property_get("persist.test.x", value, "dflt");
     EXPECT_STREQ("dflt", value);
 }
