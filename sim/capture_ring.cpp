@@ -1,7 +1,5 @@
 #include "capture_ring.h"
 
-#include "sim_files.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -9,6 +7,8 @@
 
 #include <algorithm>
 #include <cerrno>
+
+#include "sim_files.h"
 
 CaptureRing::~CaptureRing()
 {
@@ -64,11 +64,41 @@ static bool pread_all(int fd, uint8_t* p, size_t n, off_t off)
     return true;
 }
 
-bool CaptureRing::write(const void* data, size_t len)
+void CaptureRing::follow_entries(const uint8_t* p, size_t len)
+{
+    size_t i = 0;
+    while (i < len) {
+        const uint64_t at = total_ + i;
+        if (header_len_ == 0 && at < next_start_) {
+            i += size_t(std::min<uint64_t>(next_start_ - at, len - i));
+            continue;
+        }
+        if (header_len_ == 0)
+            starts_.push_back(at);
+        while (header_len_ < sizeof header_ && i < len)
+            header_[header_len_++] = p[i++];
+        if (header_len_ < sizeof header_)
+            return;
+        const unsigned payload = unsigned(header_[0] | header_[1] << 8);
+        const unsigned hdr = unsigned(header_[2] | header_[3] << 8);
+        // No logger entry: from here on the ring keeps plain bytes.
+        if (payload > 5120 || (hdr != 0 && (hdr < 20 || hdr > 100))) {
+            raw_ = true;
+            return;
+        }
+        // 0 is the first logger's padding: its header is 20 bytes.
+        next_start_ = starts_.back() + (hdr ? hdr : 20) + payload;
+        header_len_ = 0;
+    }
+}
+
+bool CaptureRing::append(const void* data, size_t len)
 {
     if (fd_ < 0 || (data == nullptr && len > 0))
         return false;
     const uint8_t* p = static_cast<const uint8_t*>(data);
+    if (!raw_)
+        follow_entries(p, len);
     // Only the newest capacity bytes of a long write can stay.
     if (len > capacity_) {
         total_ += len - capacity_;
@@ -84,6 +114,8 @@ bool CaptureRing::write(const void* data, size_t len)
         p += n;
         len -= n;
     }
+    while (!starts_.empty() && starts_.front() + capacity_ < total_)
+        starts_.pop_front();
     return true;
 }
 
@@ -91,12 +123,17 @@ bool CaptureRing::contents(std::vector<uint8_t>* out) const
 {
     if (fd_ < 0)
         return false;
-    size_t kept = size_t(std::min<uint64_t>(total_, capacity_));
-    out->resize(kept);
-    if (kept == 0)
+    out->clear();
+    if (!raw_ && starts_.empty())
         return true;
-    size_t start = total_ > capacity_ ? size_t(total_ % capacity_) : 0;
-    size_t first = std::min(kept, capacity_ - start);
+    // From the oldest whole entry to the end of the newest complete one;
+    // plain bytes: the newest capacity of them.
+    const uint64_t from = raw_ ? total_ - std::min<uint64_t>(total_, capacity_) : starts_.front();
+    const uint64_t to = raw_ || (header_len_ == 0 && next_start_ <= total_) ? total_ : starts_.back();
+    const size_t kept = size_t(to - from);
+    out->resize(kept);
+    const size_t start = size_t(from % capacity_);
+    const size_t first = std::min(kept, capacity_ - start);
     return pread_all(fd_, out->data(), first, off_t(start)) && pread_all(fd_, out->data() + first, kept - first, 0);
 }
 
@@ -110,9 +147,15 @@ bool CaptureRing::commit(const std::string& dir, const std::string& name, int64_
     localtime_r(&t, &tm);
     char stamp[32];
     strftime(stamp, sizeof stamp, "%Y%m%d_%H%M%S", &tm);
-    std::string base = dir + (dir.back() == '/' ? "" : "/") + name + "_" + stamp;
+    std::string base = dir;
+    if (base.back() != '/')
+        base += '/';
+    base.append(name).append("_").append(stamp);
     for (int n = 1; n < 1000; n++) {
-        std::string file = base + (n > 1 ? "_" + std::to_string(n) : "") + ".log";
+        std::string file = base;
+        if (n > 1)
+            file.append("_").append(std::to_string(n));
+        file.append(".log");
         int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
         if (fd < 0 && errno == EEXIST)
             continue;

@@ -1,9 +1,15 @@
-// A capture file: keeps the newest `capacity` bytes written, in a ring
-// backed by a file, and copies them in order into a new file on commit.
+// A capture file of Android log entries: keeps the newest whole entries
+// that fit `capacity` bytes, in a ring backed by a file, and copies them in
+// order into a new file on commit. Writes may split entries anywhere; the
+// ring follows their headers (u16 payload length, u16 header size or 0 for
+// the 20-byte header), so a commit always begins at an entry and ends with
+// a whole one. A stream that turns out to hold no logger entries (a kernel
+// log device, say) is kept as plain bytes, the newest `capacity` of them.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -16,8 +22,8 @@ public:
 
     // Creates the backing file (and its directory); false on failure.
     bool open(const std::string& backing_path, size_t capacity);
-    bool write(const void* data, size_t len);
-    // The kept bytes, oldest first.
+    bool append(const void* data, size_t len);
+    // The kept whole entries, oldest first.
     bool contents(std::vector<uint8_t>* out) const;
     // Writes the kept bytes into dir (created if missing) as a new file
     // NAME_YYYYMMDD_HHMMSS.log (with _2, _3, ... when that exists already).
@@ -32,5 +38,12 @@ private:
     std::string path_;
     size_t capacity_ = 0;
     uint64_t total_ = 0; // bytes ever written; the ring holds the last capacity_ of them
+
+    void follow_entries(const uint8_t* p, size_t len);
+    std::deque<uint64_t> starts_; // stream offsets of entry headers still in the ring
+    uint64_t next_start_ = 0;     // where the next header begins
+    uint8_t header_[4];           // the part of the current header seen so far
+    size_t header_len_ = 0;
+    bool raw_ = false; // the stream is no logger entries
 };
 

@@ -1,5 +1,7 @@
 // tovak-devsim: the simulated device's services, single-threaded around
-// poll. Inside the sandbox it serves the device paths as they are; with
+// poll. Longer than most files here: it is the one event loop, with every
+// descriptor it watches, and reads best whole; the device itself is in its
+// parts (device.h). Inside the sandbox it serves the device paths as they are; with
 // --root DIR (for tests without a sandbox) every path it chooses itself lies
 // under DIR. Paths that clients hand in are used as given.
 #include <fcntl.h>
@@ -23,6 +25,7 @@
 #include <vector>
 
 #include "device.h"
+#include "protocol/unix_socket.h"
 #include "sim_files.h"
 #include "sim_link.h"
 #include "sim_root.h"
@@ -50,13 +53,12 @@ int listen_at(const std::string& path, int type)
     if (fd < 0)
         die(std::string("socket: ") + strerror(errno));
     std::string tmp = path + ".new";
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    if (tmp.size() >= sizeof addr.sun_path)
+    sockaddr_un addr;
+    socklen_t addr_len;
+    if (!unix_socket_address(tmp.c_str(), &addr, &addr_len))
         die("socket path too long: " + tmp);
-    strcpy(addr.sun_path, tmp.c_str());
     unlink(tmp.c_str());
-    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), addr_len) != 0)
         die("cannot bind " + tmp + ": " + strerror(errno));
     chmod(tmp.c_str(), 0666);
     if (type == SOCK_DGRAM) {
@@ -94,14 +96,15 @@ struct Delayed {
 
 class Server {
 public:
-    Server(const std::string& root, bool remote, const std::vector<std::string>& without_logs)
+    Server(const std::string& root, bool remote, bool quiet, const std::vector<std::string>& without_logs)
         : root_(root)
-        , device_(root.empty() ? "/" SIM_DIR : root + "/" SIM_DIR)
+        , device_(root, root + "/" SIM_DIR)
     {
         if (!sim_make_dirs(root + "/dev/socket") || !sim_make_dirs(root + "/dev/log"))
             die("cannot create " + root + "/dev/socket and /dev/log: " + strerror(errno));
-        if (remote)
-            device_.control({ "remote-modem", "on" });
+        device_.modem.set_remote(remote);
+        device_.logger.set_chatter(!quiet);
+        device_.on_logger_absent = [this](bool absent) { set_logger_absent(absent); };
         for (int b = 0; b < LOG_ID_COUNT; b++) {
             std::string path = root + "/dev/log/" + log_buffer_name(b);
             bool without = false;
@@ -134,7 +137,23 @@ private:
         int fd = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
         if (fd < 0)
             die("cannot open " + path + ": " + strerror(errno));
+        // Room for floods between two reads of a slow reader; a refusal
+        // leaves the default.
+        fcntl(fd, F_SETPIPE_SZ, 1 << 20);
         return fd;
+    }
+
+    // A dead logd: no socket to send to; back again when it returns.
+    void set_logger_absent(bool absent)
+    {
+        const std::string path = root_ + SIM_LOGDW_PATH;
+        if (absent && logdw_ >= 0) {
+            close(logdw_);
+            logdw_ = -1;
+            unlink(path.c_str());
+        } else if (!absent && logdw_ < 0) {
+            logdw_ = listen_at(path, SOCK_DGRAM);
+        }
     }
 
     void accept_all(int listener, bool link);
@@ -285,23 +304,18 @@ void Server::read_logdw()
         LogEntry e;
         int buffer;
         if (parse_logdw(buf, size_t(n), pid, &e, &buffer))
-            device_.log_entry(buffer, e);
+            device_.logger.entry(buffer, e);
     }
 }
 
 void Server::flush_fifos()
 {
     for (int b = 0; b < LOG_ID_COUNT; b++) {
-        LogQueue& q = device_.queue(b);
-        while (!q.empty() && fifo_[b] < 0)
-            q.pop();
-        while (!q.empty() && !device_.stalled(b)) {
-            // Entries fit PIPE_BUF: each goes in whole or not at all.
-            ssize_t n = write(fifo_[b], q.front().data(), q.front().size());
-            if (n < 0)
-                break;
-            q.pop();
-        }
+        LogQueue& q = device_.logger.queue(b);
+        if (fifo_[b] < 0)
+            q.discard();
+        else if (!device_.logger.stalled(b))
+            q.flush(fifo_[b]);
     }
 }
 
@@ -315,15 +329,17 @@ void Server::run()
     int sig_fd = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
     signal(SIGPIPE, SIG_IGN);
 
-    const uint64_t tick_ns = 10000000; // 10 ms
     uint64_t last_tick = clock_ns(CLOCK_MONOTONIC);
     for (;;) {
+        // Floods come in small slices, so that each fits the logger's
+        // queue between two drains of the FIFO.
+        const uint64_t tick_ns = device_.logger.flooding() ? 1000000 : 10000000;
         std::vector<pollfd> fds = {
             { sig_fd, POLLIN, 0 }, { diag_, POLLIN, 0 }, { qmi_, POLLIN, 0 },
-            { ctl_, POLLIN, 0 },   { logdw_, POLLIN, 0 },
+            { ctl_, POLLIN, 0 },   { logdw_, short(logdw_ >= 0 ? POLLIN : 0), 0 },
         };
         for (int b = 0; b < LOG_ID_COUNT; b++) {
-            bool want = !device_.queue(b).empty() && !device_.stalled(b);
+            bool want = !device_.logger.queue(b).empty() && !device_.logger.stalled(b);
             fds.push_back({ want ? fifo_[b] : -1, POLLOUT, 0 });
         }
         const size_t link_base = fds.size();
@@ -377,18 +393,21 @@ void Server::run()
             accept_all(qmi_, true);
         if (fds[3].revents & POLLIN)
             accept_all(ctl_, false);
-        if (fds[4].revents & POLLIN)
+        if ((fds[4].revents & POLLIN) && logdw_ >= 0)
             read_logdw();
         flush_fifos();
+        device_.logger.flush_text();
     }
 }
 
 void usage(FILE* out)
 {
-    fprintf(out, "usage: tovak-devsim [--root DIR] [--remote-modem] [--without-log NAME]...\n"
+    fprintf(out, "usage: tovak-devsim [--root DIR] [--remote-modem] [--quiet] [--without-log NAME]...\n"
                  "Serves the simulated device: the modem's diag link, the logger, the log FIFOs,\n"
                  "QMI and the control socket. Normally started by `tovak-sim up`.\n"
-                 "--without-log NAME leaves out the log device NAME (main, radio, events, system).\n");
+                 "--without-log NAME leaves out the log device NAME (main, radio, events, system).\n"
+                 "--quiet (or TOVAK_DEVSIM_QUIET=1 in the environment) starts without the phone's\n"
+                 "own background logging; `ctl ROOT chatter on|off` switches it later.\n");
 }
 
 } // namespace
@@ -397,6 +416,8 @@ int main(int argc, char** argv)
 {
     std::string root;
     bool remote = false;
+    const char* quiet_env = getenv("TOVAK_DEVSIM_QUIET");
+    bool quiet = quiet_env != nullptr && strcmp(quiet_env, "1") == 0;
     std::vector<std::string> without_logs;
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
@@ -404,6 +425,8 @@ int main(int argc, char** argv)
             root = argv[++i];
         else if (a == "--remote-modem")
             remote = true;
+        else if (a == "--quiet")
+            quiet = true;
         else if (a == "--without-log" && i + 1 < argc)
             without_logs.push_back(argv[++i]);
         else if (a == "--help" || a == "-h") {
@@ -416,7 +439,7 @@ int main(int argc, char** argv)
     }
     while (root.size() > 1 && root.back() == '/')
         root.pop_back();
-    Server server(root, remote, without_logs);
+    Server server(root, remote, quiet, without_logs);
     server.run();
     return 0;
 }

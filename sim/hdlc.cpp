@@ -1,11 +1,27 @@
 #include "hdlc.h"
 
+namespace {
+
+// Byte-at-a-time table: the modem frames tens of megabytes a second.
+struct CrcTable {
+    uint16_t t[256];
+    CrcTable()
+    {
+        for (unsigned b = 0; b < 256; b++) {
+            uint16_t crc = uint16_t(b);
+            for (int i = 0; i < 8; i++)
+                crc = (crc & 1) ? uint16_t((crc >> 1) ^ 0x8408) : uint16_t(crc >> 1);
+            t[b] = crc;
+        }
+    }
+};
+const CrcTable crc_table;
+
+} // namespace
+
 uint16_t hdlc_crc16_update(uint16_t crc, uint8_t byte)
 {
-    crc ^= byte;
-    for (int i = 0; i < 8; i++)
-        crc = (crc & 1) ? uint16_t((crc >> 1) ^ 0x8408) : uint16_t(crc >> 1);
-    return crc;
+    return uint16_t((crc >> 8) ^ crc_table.t[(crc ^ byte) & 0xFF]);
 }
 
 uint16_t hdlc_crc16(const uint8_t* data, size_t len, uint16_t crc)
@@ -25,16 +41,26 @@ static void put_escaped(std::vector<uint8_t>& out, uint8_t b)
     }
 }
 
-std::vector<uint8_t> hdlc_frame(const uint8_t* pkt, size_t len, uint16_t crc_xor)
+size_t hdlc_frame_append(std::vector<uint8_t>& out, const uint8_t* pkt, size_t len, uint16_t crc_xor)
 {
-    std::vector<uint8_t> out;
-    out.reserve(len + len / 8 + 5);
-    for (size_t i = 0; i < len; i++)
+    const size_t start = out.size();
+    out.reserve(start + len + len / 8 + 5);
+    uint16_t crc = 0xFFFF;
+    for (size_t i = 0; i < len; i++) {
+        crc = hdlc_crc16_update(crc, pkt[i]);
         put_escaped(out, pkt[i]);
-    uint16_t crc = uint16_t(hdlc_crc16(pkt, len) ^ crc_xor);
+    }
+    crc = uint16_t(crc ^ 0xFFFF ^ crc_xor);
     put_escaped(out, uint8_t(crc));
     put_escaped(out, uint8_t(crc >> 8));
     out.push_back(HDLC_FLAG);
+    return out.size() - start;
+}
+
+std::vector<uint8_t> hdlc_frame(const uint8_t* pkt, size_t len, uint16_t crc_xor)
+{
+    std::vector<uint8_t> out;
+    hdlc_frame_append(out, pkt, len, crc_xor);
     return out;
 }
 

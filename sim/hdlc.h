@@ -19,6 +19,8 @@ uint16_t hdlc_crc16_update(uint16_t crc, uint8_t byte);
 // Escaped packet, CRC and closing flag. A non-zero crc_xor spoils the CRC,
 // as a noisy line would.
 std::vector<uint8_t> hdlc_frame(const uint8_t* pkt, size_t len, uint16_t crc_xor = 0);
+// The same frame appended to out; its length.
+size_t hdlc_frame_append(std::vector<uint8_t>& out, const uint8_t* pkt, size_t len, uint16_t crc_xor = 0);
 inline std::vector<uint8_t> hdlc_frame(const std::vector<uint8_t>& pkt) { return hdlc_frame(pkt.data(), pkt.size()); }
 
 enum class HdlcResult { ok, incomplete, bad_escape, bad_crc, too_short, too_long };

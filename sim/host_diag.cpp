@@ -32,13 +32,13 @@ bool dpl_request(uint16_t code, const std::vector<uint8_t>& body, std::vector<ui
     std::vector<uint8_t> pkt = { DIAG_SUBSYS_CMD, DIAG_SUBSYS_DPL };
     put_u16(pkt, code);
     pkt.insert(pkt.end(), body.begin(), body.end());
-    std::vector<uint8_t> msg;
-    put_u32(msg, SIM_LINK_DIAG_REQUEST);
-    std::vector<uint8_t> frame = hdlc_frame(pkt);
-    msg.insert(msg.end(), frame.begin(), frame.end());
+    // The data-type word, then the frame appended in place.
+    std::vector<uint8_t> msg(4, 0);
+    msg[0] = SIM_LINK_DIAG_REQUEST;
+    hdlc_frame_append(msg, pkt.data(), pkt.size());
     SimLink link(SIM_LINK_DIAG_PATH);
     std::vector<uint8_t> answer, ans;
-    if (!link.exchange(msg.data(), msg.size(), &answer))
+    if (!link.ask(msg.data(), msg.size(), &answer))
         return false;
     if (hdlc_unframe(answer.data(), answer.size(), &ans) != HdlcResult::ok || ans.size() < 4 ||
         !std::equal(pkt.begin(), pkt.begin() + 4, ans.begin()))
@@ -191,14 +191,14 @@ struct diag_rsp_type* diag_send_wait_rsp(const void* buf, int len, int wait, con
     if (buf == nullptr || len <= 0)
         return nullptr;
     SimLink link(SIM_LINK_DIAG_PATH);
-    if (!link.send(buf, size_t(len)))
+    if (!link.post(buf, size_t(len)))
         return nullptr;
     if (!wait) {
         link.discard(); // its answer must not reach a later caller
         return nullptr;
     }
     std::vector<uint8_t> answer;
-    if (!link.receive(&answer))
+    if (!link.await_answer(&answer))
         return nullptr;
     // One block, so that a plain free releases the record with its data.
     auto* rsp = static_cast<diag_rsp_type*>(malloc(sizeof(diag_rsp_type) + answer.size() + 1));

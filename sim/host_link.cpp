@@ -13,6 +13,7 @@
 #include <mutex>
 
 #include "le.h"
+#include "protocol/unix_socket.h"
 #include "sim_link.h"
 
 namespace {
@@ -33,15 +34,14 @@ const size_t MAX_IDLE = 8;
 
 int connect_to(const std::string& path)
 {
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    if (path.size() >= sizeof addr.sun_path)
+    sockaddr_un addr;
+    socklen_t addr_len;
+    if (!unix_socket_address(path.c_str(), &addr, &addr_len))
         return -1;
-    strcpy(addr.sun_path, path.c_str());
     int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     if (fd < 0)
         return -1;
-    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), addr_len) != 0) {
         close(fd);
         return -1;
     }
@@ -114,7 +114,7 @@ void SimLink::discard()
     fd_ = -1;
 }
 
-bool SimLink::send(const void* msg, size_t len)
+bool SimLink::post(const void* msg, size_t len)
 {
     if (fd_ < 0)
         return false;
@@ -135,7 +135,7 @@ bool SimLink::send(const void* msg, size_t len)
     }
 }
 
-bool SimLink::receive(std::vector<uint8_t>* msg)
+bool SimLink::await_answer(std::vector<uint8_t>* msg)
 {
     if (fd_ < 0)
         return false;
@@ -171,7 +171,7 @@ bool sim_link_op(const char* device_path, uint32_t code, const std::vector<uint8
     msg.insert(msg.end(), args.begin(), args.end());
     SimLink link(device_path);
     std::vector<uint8_t> answer;
-    if (!link.exchange(msg.data(), msg.size(), &answer) || answer.size() < 4) {
+    if (!link.ask(msg.data(), msg.size(), &answer) || answer.size() < 4) {
         link.discard();
         return false;
     }

@@ -28,12 +28,12 @@ public:
     SimLink& operator=(const SimLink&) = delete;
 
     bool ok() const { return fd_ >= 0; }
-    bool send(const void* msg, size_t len);
+    bool post(const void* msg, size_t len);
     // Waits for the next message, up to the time-out.
-    bool receive(std::vector<uint8_t>* msg);
-    bool exchange(const void* msg, size_t len, std::vector<uint8_t>* answer)
+    bool await_answer(std::vector<uint8_t>* msg);
+    bool ask(const void* msg, size_t len, std::vector<uint8_t>* answer)
     {
-        return send(msg, len) && receive(answer);
+        return post(msg, len) && await_answer(answer);
     }
     // Drops the connection instead of returning it for reuse.
     void discard();

@@ -53,7 +53,7 @@ int qmi_tovak_save_log(const char* kind_name, const void* data, uint32_t len, co
     SimLink link(SIM_LINK_QMI_PATH);
     std::vector<uint8_t> msg, answer;
     auto step = [&]() {
-        return link.exchange(msg.data(), msg.size(), &answer) && answer.size() >= 4 && get_u32(answer.data()) == 1;
+        return link.ask(msg.data(), msg.size(), &answer) && answer.size() >= 4 && get_u32(answer.data()) == 1;
     };
     put_u32(msg, SIM_OP_QMI_SAVE_BEGIN);
     put_u32(msg, len);

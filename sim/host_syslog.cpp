@@ -36,7 +36,7 @@ static int capture_write(syslog_object* obj, const void* data, uint32_t len)
     if (obj == nullptr || obj->capture == nullptr)
         return -1;
     std::lock_guard<std::mutex> lock(obj->capture->mutex);
-    return obj->capture->ring.write(data, len) ? int(len) : -1;
+    return obj->capture->ring.append(data, len) ? int(len) : -1;
 }
 
 static int capture_commit(syslog_object* obj, const char* dir)

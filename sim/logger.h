@@ -23,6 +23,9 @@ struct LogEntry {
     uint8_t prio = 0;
     std::string tag;
     std::string msg;
+    // An event record: this payload goes to the buffer instead of the
+    // priority, tag and message, which only the text form shows.
+    std::vector<uint8_t> binary;
 };
 
 // Largest entry a reader gets in one piece: a pipe writes it atomically.
@@ -30,37 +33,57 @@ struct LogEntry {
 #define LOGGER_ENTRY_HEADER 20
 
 // u16 payload length, u16 padding, i32 pid, i32 tid, i32 sec, i32 nsec,
-// then priority, tag, NUL, message, NUL. Over-long messages are cut.
+// then priority, tag, NUL, message, NUL (or the binary payload). Over-long
+// messages are cut.
 std::vector<uint8_t> logger_entry_bytes(const LogEntry& e);
+void logger_entry_append(std::vector<uint8_t>& out, const LogEntry& e);
 // "MM-DD HH:MM:SS.mmm  PID  TID P TAG     : message", one line per line of
 // the message, in local time.
 std::string threadtime_text(const LogEntry& e);
+void threadtime_append(std::string& out, const LogEntry& e);
 
 // A logdw datagram; false when it is malformed.
 bool parse_logdw(const uint8_t* data, size_t len, int32_t pid, LogEntry* e, int* buffer);
 std::vector<uint8_t> make_logdw(int buffer, const LogEntry& e);
 
-// A bounded queue of entries for one buffer: the oldest go when it is full.
+// A bounded queue of entries for one buffer, in one block: the oldest go
+// when it is full. A FIFO may take part of an entry; the rest follows.
 class LogQueue {
 public:
     explicit LogQueue(size_t max_bytes = 256 * 1024)
         : max_bytes_(max_bytes)
     {
     }
-    void push(std::vector<uint8_t> entry);
-    bool empty() const { return q_.empty(); }
-    const std::vector<uint8_t>& front() const { return q_.front(); }
-    void pop();
-    size_t entries() const { return q_.size(); }
-    size_t bytes() const { return bytes_; }
+    void push(const std::vector<uint8_t>& entry) { push(entry.data(), entry.size()); }
+    void push(const uint8_t* entry, size_t len);
+    // Writes what fd takes without blocking; false when fd failed.
+    bool flush(int fd);
+    // Drops every entry not yet begun.
+    void discard();
+    // Bytes that fit before the oldest must go.
+    size_t room() const { return bytes() < max_bytes_ ? max_bytes_ - bytes() : 0; }
+    // Entries that came and went at once, never held: the newest of them
+    // would have pushed them out anyway.
+    void pass_over(uint64_t n)
+    {
+        received_ += n;
+        dropped_ += n;
+    }
+    bool empty() const { return sizes_.empty(); }
+    size_t entries() const { return sizes_.size(); }
+    size_t bytes() const { return data_.size() - head_; }
     uint64_t dropped() const { return dropped_; }
     uint64_t written() const { return written_; }
     uint64_t received() const { return received_; }
 
 private:
+    void consume(size_t n);
+
     size_t max_bytes_;
-    std::deque<std::vector<uint8_t>> q_;
-    size_t bytes_ = 0;
+    std::vector<uint8_t> data_;
+    size_t head_ = 0;            // first byte not yet written
+    std::deque<uint32_t> sizes_; // entries held, oldest first; the first may be begun
+    size_t front_sent_ = 0;      // bytes of the first entry already written
     uint64_t dropped_ = 0;
     uint64_t written_ = 0;
     uint64_t received_ = 0;

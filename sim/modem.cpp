@@ -3,42 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "hdlc.h"
 #include "le.h"
 #include "sim_link.h"
-
-ModemRanges default_modem_ranges()
-{
-    ModemRanges r;
-    r.event_count = 2200;
-    // clang-format off
-    r.log_last_items = { 3003, 1800, 3003, 3003, 2328, 1064, 3003, 2400,
-                         3003, 3003,  914, 2560, 3003,    0,    0,    0 };
-    r.ssid_ranges = {
-        {     0,   120 }, {   500,   506 }, {  1000,  1007 }, {  2000,  2008 }, {  3000,  3014 },
-        {  4000,  4010 }, {  4500,  4526 }, {  4600,  4611 }, {  5000,  5035 }, {  5500,  5515 },
-        {  6000,  6072 }, {  6500,  6521 }, {  7000,  7003 }, {  7100,  7111 }, {  7200,  7201 },
-        {  8000,  8000 }, {  8500,  8523 }, {  9000,  9008 }, {  9500,  9509 }, { 10200, 10210 },
-        { 10251, 10253 }, { 10300, 10300 }, { 10350, 10360 }, { 10400, 10415 }, { 50000, 50000 },
-    };
-    // clang-format on
-    return r;
-}
-
-std::vector<DplIface> default_dpl_ifaces()
-{
-    return {
-        { 1, "rmnet0", false },       { 2, "rmnet1", false },       { 15, "rmnet_ipa0", false },
-        { 19, "rmnet_data0", false }, { 20, "rmnet_data1", false },
-    };
-}
-
-uint64_t diag_timestamp(uint64_t unix_ns)
-{
-    const uint64_t gps_epoch_ns = 315964800ull * 1000000000ull;
-    uint64_t since = unix_ns > gps_epoch_ns ? unix_ns - gps_epoch_ns : 0;
-    return (since / 1250000ull) << 16;
-}
 
 Modem::Modem(ModemRanges ranges)
     : dpl_(default_dpl_ifaces())
@@ -51,6 +17,7 @@ void Modem::set_ranges(ModemRanges ranges)
     ranges_ = std::move(ranges);
     clear_masks();
     event_reporting_ = false;
+    items_stale_ = true;
 }
 
 void Modem::clear_masks()
@@ -63,8 +30,9 @@ void Modem::clear_masks()
 
 static std::vector<uint8_t> error_answer(uint8_t code, const std::vector<uint8_t>& req)
 {
-    std::vector<uint8_t> a = { code };
-    a.insert(a.end(), req.begin(), req.end());
+    std::vector<uint8_t> a(req.size() + 1);
+    a[0] = code;
+    std::copy(req.begin(), req.end(), a.begin() + 1);
     return a;
 }
 
@@ -72,6 +40,7 @@ std::vector<uint8_t> Modem::handle(const std::vector<uint8_t>& req)
 {
     if (req.empty())
         return {};
+    items_stale_ = true;
     switch (req[0]) {
     case DIAG_EVENT_REPORT_F:
         if (req.size() != 2)
@@ -251,6 +220,7 @@ std::vector<uint8_t> Modem::dpl(const std::vector<uint8_t>& req)
     if (req.size() < 4)
         return error_answer(DIAG_BAD_LEN_F, req);
     std::vector<uint8_t> a(req.begin(), req.begin() + 4);
+    a.reserve(4 + 3 + 256); // room for the longest answer, a description
     auto find = [&](uint8_t id) -> DplIface* {
         for (DplIface& i : dpl_)
             if (i.id == id)
@@ -334,107 +304,42 @@ std::vector<uint16_t> Modem::enabled_log_codes() const
 
 bool Modem::has_enabled_items() const
 {
-    if (!msg_masks_.empty())
-        return true;
-    for (const auto& m : log_masks_)
-        if (std::find(m.begin(), m.end(), true) != m.end())
-            return true;
-    return event_reporting_ && std::find(events_.begin(), events_.end(), true) != events_.end();
+    refresh_items();
+    return !source_.empty();
 }
 
-void Modem::trim(size_t limit)
+void Modem::refresh_items() const
 {
-    while (!traffic_.empty() && traffic_bytes_ > limit) {
-        traffic_bytes_ -= traffic_.front().size();
-        traffic_.pop_front();
-        dropped_++;
-    }
-}
-
-void Modem::add_frame(const std::vector<uint8_t>& pkt, size_t limit)
-{
-    std::vector<uint8_t> frame = hdlc_frame(pkt);
-    traffic_bytes_ += frame.size();
-    traffic_.push_back(std::move(frame));
-    produced_++;
-    trim(limit);
-}
-
-void Modem::produce(size_t count, uint64_t unix_ns, size_t limit)
-{
-    if (count == 0 || !has_enabled_items())
+    if (!items_stale_)
         return;
-    struct Item {
-        uint8_t kind; // 0 log, 1 event, 2 message
-        uint16_t id;
-        uint8_t level;
-    };
-    std::vector<Item> items;
+    items_stale_ = false;
+    std::vector<TrafficItem> items;
     for (uint16_t code : enabled_log_codes())
-        items.push_back({ 0, code, 0 });
-    if (event_reporting_)
-        for (uint16_t e : enabled_events())
-            items.push_back({ 1, e, 0 });
+        items.push_back({ ItemKind::log, code, 0, log_layout(code).rate });
+    if (event_reporting_) {
+        for (uint16_t e : enabled_events()) {
+            const EventLayout* l = event_layout(e);
+            items.push_back({ ItemKind::event, e, 0, l ? l->rate : 0.2 });
+        }
+    }
     for (const auto& [ssid, mask] : msg_masks_)
         for (uint8_t level = 0; level < 32; level++)
             if (mask >> level & 1)
-                items.push_back({ 2, ssid, level });
-    if (items.empty())
-        return;
-    const uint64_t ts = diag_timestamp(unix_ns);
-    for (size_t k = 0; k < count; k++) {
-        const Item& it = items[cursor_++ % items.size()];
-        uint32_t seq = uint32_t(produced_);
-        std::vector<uint8_t> p;
-        switch (it.kind) {
-        case 0: {
-            const uint16_t payload = 8;
-            p = { DIAG_LOG_F, 0 };
-            put_u16(p, 12 + payload);
-            put_u16(p, 12 + payload);
-            put_u16(p, it.id);
-            put_u64(p, ts);
-            put_u32(p, seq);
-            put_u32(p, 0x4B564F54); // "TOVK"
-            break;
-        }
-        case 1:
-            p = { DIAG_EVENT_REPORT_F };
-            put_u16(p, 10);
-            put_u16(p, uint16_t(it.id & 0x0FFF));
-            put_u64(p, ts);
-            break;
-        default: {
-            static const char fmt[] = "devsim message %u";
-            static const char file[] = "devsim_modem.c";
-            p = { DIAG_EXT_MSG_F, 0, 1, 0 };
-            put_u64(p, ts);
-            put_u16(p, uint16_t(100 + it.level));
-            put_u16(p, it.id);
-            put_u32(p, uint32_t(1) << it.level);
-            put_u32(p, seq);
-            p.insert(p.end(), fmt, fmt + sizeof fmt);
-            p.insert(p.end(), file, file + sizeof file);
-            break;
-        }
-        }
-        add_frame(p, limit);
-    }
+                items.push_back({ ItemKind::message, ssid, level, 1 });
+    for (const DplIface& i : dpl_)
+        if (i.logging)
+            items.push_back({ ItemKind::dpl, i.id, 0, log_layout(DPL_LOG_CODE).rate });
+    source_.set_items(std::move(items));
 }
 
-std::vector<uint8_t> Modem::traffic() const
+double Modem::natural_rate()
 {
-    std::vector<uint8_t> out;
-    out.reserve(traffic_bytes_);
-    for (const auto& f : traffic_)
-        out.insert(out.end(), f.begin(), f.end());
-    return out;
+    refresh_items();
+    return source_.natural_rate();
 }
 
-std::vector<uint8_t> Modem::take_traffic()
+void Modem::produce(double elapsed_s, double fixed_rate, uint64_t unix_ns, size_t limit)
 {
-    std::vector<uint8_t> out = traffic();
-    traffic_.clear();
-    traffic_bytes_ = 0;
-    return out;
+    refresh_items();
+    source_.produce(elapsed_s, fixed_rate, unix_ns, buffer_, limit);
 }

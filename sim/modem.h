@@ -6,11 +6,13 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "canned.h"
+#include "modem_traffic.h"
 
 // Diag command codes the modem serves or answers with.
 enum diag_cmd : uint8_t {
@@ -30,31 +32,6 @@ enum diag_cmd : uint8_t {
 #define LOG_CONFIG_SUCCESS 0u
 #define LOG_CONFIG_INVALID_EQUIP_ID 1u
 #define LOG_CONFIG_INVALID_RANGE 2u
-
-struct SsidRange {
-    uint16_t first;
-    uint16_t last;
-    bool operator==(const SsidRange&) const = default;
-};
-
-// What a modem supports. Deliberately unlike the daemon's built-in tables
-// so that tests can tell which the daemon used.
-struct ModemRanges {
-    uint16_t event_count;
-    std::array<uint32_t, 16> log_last_items;
-    std::vector<SsidRange> ssid_ranges;
-};
-ModemRanges default_modem_ranges();
-
-struct DplIface {
-    uint8_t id;
-    std::string name;
-    bool logging;
-};
-std::vector<DplIface> default_dpl_ifaces();
-
-// Diag timestamp: 1.25 ms units since 1980-01-06 in the upper 48 bits.
-uint64_t diag_timestamp(uint64_t unix_ns);
 
 class Modem {
 public:
@@ -76,18 +53,20 @@ public:
     // True when some traffic could be produced.
     bool has_enabled_items() const;
 
-    // Appends count packets, HDLC-framed, for the enabled items in turn,
-    // dropping the oldest to stay within limit bytes.
-    void produce(size_t count, uint64_t unix_ns, size_t limit);
-    // Drops the oldest frames until the buffer fits limit bytes.
-    void trim(size_t limit);
+    // Adds the packets owed after elapsed_s (each item at its own rate, or
+    // fixed_rate a second when that is not negative), HDLC-framed, dropping
+    // the oldest to stay within limit bytes.
+    void produce(double elapsed_s, double fixed_rate, uint64_t unix_ns, size_t limit);
+    void trim(size_t limit) { buffer_.trim(limit); }
     // The buffered stream, oldest first; take_traffic empties it.
-    std::vector<uint8_t> traffic() const;
-    std::vector<uint8_t> take_traffic();
-    size_t traffic_bytes() const { return traffic_bytes_; }
-    size_t traffic_frames() const { return traffic_.size(); }
-    uint64_t produced() const { return produced_; }
-    uint64_t dropped() const { return dropped_; }
+    std::vector<uint8_t> traffic() const { return buffer_.bytes(); }
+    std::vector<uint8_t> take_traffic() { return buffer_.take(); }
+    size_t traffic_bytes() const { return buffer_.held(); }
+    size_t traffic_frames() const { return buffer_.frames(); }
+    uint64_t produced() const { return source_.produced(); }
+    uint64_t dropped() const { return buffer_.dropped(); }
+    // Packets a second the enabled items call for.
+    double natural_rate();
 
 private:
     std::vector<uint8_t> log_config(const std::vector<uint8_t>& req);
@@ -97,7 +76,7 @@ private:
     std::vector<uint8_t> dpl(const std::vector<uint8_t>& req);
     const SsidRange* range_of(uint16_t first, uint16_t last) const;
     void clear_masks();
-    void add_frame(const std::vector<uint8_t>& pkt, size_t limit);
+    void refresh_items() const;
 
     ModemRanges ranges_;
     std::vector<bool> events_;                      // by event id
@@ -106,9 +85,8 @@ private:
     bool event_reporting_ = false;
     std::vector<DplIface> dpl_;
 
-    std::deque<std::vector<uint8_t>> traffic_;      // framed packets, oldest first
-    size_t traffic_bytes_ = 0;
-    uint64_t produced_ = 0;
-    uint64_t dropped_ = 0;
-    uint64_t cursor_ = 0;                           // next item in the round of enabled ones
+    FrameBuffer buffer_;
+    // The enabled items, remade lazily after the masks change.
+    mutable TrafficSource source_;
+    mutable bool items_stale_ = true;
 };

@@ -6,6 +6,8 @@
 // Simulator-side files, kept apart from the device's own tree. The sandbox
 // shows ROOT/sim at /sim, where tovak-devsim writes its own files.
 #define SIM_DIR "sim"
+// Present only inside a device's sandbox, where the launcher binds ROOT/sim.
+#define SIM_SANDBOX_MARK "/" SIM_DIR
 #define SIM_STDOUT_FILE SIM_DIR "/tovakd.stdout"
 #define SIM_LOCK_FILE SIM_DIR "/lock"
 // The logger's text file, in logcat's threadtime format.

@@ -138,6 +138,8 @@ bool SimDevice::start(const std::vector<std::string>& args)
     std::vector<std::string> argv = { bin("tovak-sim"), "up", root() };
     argv.insert(argv.end(), args.begin(), args.end());
     launcher_err_ = path("launcher.err");
+    // Tests count entries: no background logging unless a test asks for it.
+    setenv("TOVAK_DEVSIM_QUIET", "1", 0);
     // The launcher echoes the daemon's stdout; the copy under ROOT is what
     // tests read, so the echo goes nowhere.
     int null_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);

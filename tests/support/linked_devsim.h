@@ -1,10 +1,6 @@
 // tovak-devsim under a temporary root, with this process's host platform
-// libraries pointed at it; both undone by stop(). For tests that call the
-// libraries directly, outside a sandbox.
+// libraries pointed at it until stop().
 #pragma once
-
-#include <string>
-#include <vector>
 
 #include "devsim_ctl.h"
 #include "host_link.h"
@@ -14,10 +10,7 @@ class LinkedDevsim {
 public:
     bool start(const std::vector<std::string>& args = {})
     {
-        if (!sim_.start(root(), args))
-            return false;
-        sim_host_set_root(root());
-        return true;
+        return sim_.start(root(), args) && (sim_host_set_root(root()), true);
     }
     // The simulator's exit status: 0 is a clean exit (no sanitizer report).
     int stop()
@@ -27,7 +20,6 @@ public:
         return sim_.stop();
     }
     const std::string& root() const { return tmp_.path(); }
-    pid_t pid() const { return sim_.pid(); }
     nlohmann::json status() const { return devsim_status(root()); }
 
 private:

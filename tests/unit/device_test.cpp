@@ -1,274 +1,164 @@
-// The device behind tovak-devsim without its process: link messages, the
-// diag library's own state, faults, QMI, control commands and the status.
+// The simulated device: HDLC framing; the modem's answers to the requests
+// the daemon sends (byte for byte, in the order a log on sends them); every
+// record it emits read back with the layout table (a row whose fields
+// disagree with its declared length fails the decoder); the control verbs,
+// a bad one refused with a reason and changing nothing.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <filesystem>
-#include <optional>
-#include <string>
-#include <utility>
-#include <vector>
+#include <fstream>
+#include <set>
 
 #include "device.h"
+#include "dpl_record.h"
 #include "hdlc.h"
+#include "hex_text.h"
+#include "ip_packets.h"
 #include "le.h"
 #include "sim_device.h"
-#include "sim_link.h"
 
-namespace {
-
-using Bytes = std::vector<uint8_t>;
-using nlohmann::json;
-
-const uint64_t NOW = 1700000000ull * 1000000000ull;
-
-class DeviceTest : public ::testing::Test {
-protected:
-    DeviceTest()
-        : dev(tmp.path() + "/sim")
-    {
-    }
-
-    // A framed diag request, to the remote modem when asked.
-    LinkAnswer request(const Bytes& pkt, bool remote = false, bool framed = false)
-    {
-        Bytes msg;
-        put_u32(msg, SIM_LINK_DIAG_REQUEST);
-        if (remote)
-            put_u32(msg, 0xFFFFFFFFu);
-        Bytes frame = framed ? pkt : hdlc_frame(pkt);
-        msg.insert(msg.end(), frame.begin(), frame.end());
-        return dev.handle_link(msg.data(), msg.size(), conn, NOW);
-    }
-    Bytes answer(const Bytes& pkt, bool remote = false)
-    {
-        LinkAnswer a = request(pkt, remote);
-        Bytes out;
-        if (a.send) {
-            EXPECT_EQ(HdlcResult::ok, hdlc_unframe(a.bytes.data(), a.bytes.size(), &out));
-        }
-        return out;
-    }
-    // A library operation; its i32 result, and its data in *data.
-    int32_t op(uint32_t code, const Bytes& args = {}, Bytes* data = nullptr)
-    {
-        Bytes msg;
-        put_u32(msg, code);
-        msg.insert(msg.end(), args.begin(), args.end());
-        LinkAnswer a = dev.handle_link(msg.data(), msg.size(), conn, NOW);
-        EXPECT_TRUE(a.send);
-        EXPECT_GE(a.bytes.size(), 4u);
-        if (data)
-            data->assign(a.bytes.begin() + 4, a.bytes.end());
-        return int32_t(get_u32(a.bytes.data()));
-    }
-    static Bytes i32(int32_t v, std::optional<uint32_t> then = std::nullopt)
-    {
-        Bytes b;
-        put_u32(b, uint32_t(v));
-        if (then)
-            put_u32(b, *then);
-        return b;
-    }
-    std::string ctl(std::vector<std::string> args) { return dev.control(args); }
-
-    TempDir tmp;
-    Device dev;
-    LinkConnState conn;
-};
-
-TEST_F(DeviceTest, FaultsAndUnansweredRequestsAreRecordedWithTheirOutcome)
+static std::vector<uint8_t> hex(std::string s)
 {
-    Bytes damaged = hdlc_frame({ 0x7D, 0x01 });
-    damaged[2] ^= 1;
-    EXPECT_FALSE(request(damaged, false, true).send);
-    EXPECT_FALSE(request({ 0x60, 0x01 }, true).send) << "no remote modem attached";
-    EXPECT_EQ("ok\n", ctl({ "fault", "drop", "2" }));
-    EXPECT_FALSE(request({ 0x60, 0x01 }).send);
-    EXPECT_FALSE(request({ 0x60, 0x01 }).send);
-    EXPECT_TRUE(request({ 0x60, 0x01 }).send) << "only the next two";
-    EXPECT_TRUE(dev.modem(false).event_reporting()) << "a dropped answer's request still took effect";
-
-    EXPECT_EQ("ok\n", ctl({ "fault", "corrupt", "1" }));
-    LinkAnswer bad = request({ 0x7D, 0x01 });
-    ASSERT_TRUE(bad.send);
-    EXPECT_EQ(HdlcResult::bad_crc, hdlc_unframe(bad.bytes.data(), bad.bytes.size(), nullptr));
-    LinkAnswer good = request({ 0x7D, 0x01 });
-    EXPECT_EQ(HdlcResult::ok, hdlc_unframe(good.bytes.data(), good.bytes.size(), nullptr));
-
-    EXPECT_EQ("ok\n", ctl({ "fault", "delay", "250" }));
-    EXPECT_EQ(250, request({ 0x60, 0x00 }).delay_ms);
-    EXPECT_EQ("ok\n", ctl({ "fault", "clear" }));
-    EXPECT_EQ(0, request({ 0x60, 0x00 }).delay_ms);
-
-    json st = dev.status();
-    std::vector<std::string> outcomes;
-    for (const json& r : st["requests"])
-        outcomes.push_back(r["outcome"]);
-    EXPECT_EQ((std::vector<std::string>{ "bad crc", "no remote modem", "dropped", "dropped", "answered", "corrupted",
-                                         "answered", "answered, delayed", "answered" }),
-              outcomes);
-    EXPECT_EQ("600000", st["requests"][4]["answer"]);
+    std::vector<uint8_t> out;
+    s.erase(std::remove(s.begin(), s.end(), ' '), s.end());
+    for (size_t i = 0; i + 1 < s.size(); i += 2)
+        out.push_back(uint8_t(std::stoi(s.substr(i, 2), nullptr, 16)));
+    return out;
 }
 
-TEST_F(DeviceTest, BufferSizeClampsIntoItsRangeAndBadOperationsFail)
+TEST(Hdlc, FramesEscapesAndRefusesDamage)
 {
-    Bytes range;
-    ASSERT_EQ(1, op(SIM_OP_GET_RANGE, {}, &range));
-    ASSERT_EQ(8u, range.size());
-    const int32_t lo = int32_t(get_u32(range.data())), hi = int32_t(get_u32(range.data() + 4));
-    ASSERT_LT(lo, 50000000);
-    ASSERT_GT(hi, 50000000);
-    using P = std::pair<int32_t, int32_t>; // asked, in force
-    for (auto [asked, in_force] : { P{ 50000000, 50000000 }, P{ 0, lo }, P{ -5, lo }, P{ hi + 1, hi } }) {
-        EXPECT_EQ(in_force, op(SIM_OP_CHANGE_BUFFER_SIZE, i32(asked))) << asked;
-        EXPECT_EQ(in_force, op(SIM_OP_GET_BUFFER_SIZE)) << asked;
-    }
-    EXPECT_EQ("ok\n", ctl({ "buffer-range", "1000", "2000" }));
-    EXPECT_EQ(2000, op(SIM_OP_GET_BUFFER_SIZE)) << "a new range clamps the size in force";
-    EXPECT_EQ(1000, op(SIM_OP_CHANGE_BUFFER_SIZE, i32(5)));
-    EXPECT_EQ("error: bad range (1 <= MIN <= MAX)\n", ctl({ "buffer-range", "3000", "2000" }));
-    EXPECT_EQ(0, op(SIM_OP_CHANGE_OUTPUT_PATH, { 0 })) << "an empty path";
-    EXPECT_EQ(-1, op(0x1234)) << "unknown operations fail";
-}
-
-TEST_F(DeviceTest, TrafficOnlyInMemoryModeAndCommitWritesTheStreamOrFails)
-{
-    std::string dir = tmp.path() + "/sdcard/logs";
-    ASSERT_EQ(1, op(SIM_OP_CHANGE_OUTPUT_PATH, Bytes(dir.begin(), dir.end())));
-    answer({ 0x7D, 0x05, 0, 0, 0x01, 0, 0, 0 }); // every SSID, level 0
-    dev.tick(1.0, NOW);
-    EXPECT_EQ(0u, dev.modem(false).produced()) << "mode 1 produces nothing";
-    ASSERT_EQ(1, op(SIM_OP_SWITCH_LOGGING, i32(2)));
-    EXPECT_TRUE(dev.busy());
-    ASSERT_EQ("ok\n", ctl({ "rate", "100" }));
-    dev.tick(0.5, NOW);
-    EXPECT_EQ(50u, dev.modem(false).produced());
-    ASSERT_EQ(1, op(SIM_OP_STOP));
-    EXPECT_FALSE(dev.busy());
-    dev.tick(1.0, NOW);
-    EXPECT_EQ(50u, dev.modem(false).produced()) << "stopped";
-    Bytes expected = dev.modem(false).traffic();
-
-    ASSERT_EQ(1, op(SIM_OP_COMMIT));
-    EXPECT_EQ(0u, dev.modem(false).traffic_bytes()) << "commit empties the buffer";
-    ASSERT_EQ(1, op(SIM_OP_COMMIT));
-    std::vector<std::string> files;
-    for (const auto& e : std::filesystem::directory_iterator(dir))
-        files.push_back(e.path().filename());
-    std::sort(files.begin(), files.end());
-    ASSERT_EQ(2u, files.size()) << "a second commit in the same second gets a name of its own";
-    EXPECT_TRUE(files[0].starts_with("diag_log_") && files[0].ends_with(".qmdl")) << files[0];
-    std::string first = read_file(dir + "/" + files[0]);
-    std::string second = read_file(dir + "/" + files[1]);
-    EXPECT_EQ(std::string(expected.begin(), expected.end()), first.size() > second.size() ? first : second);
-    EXPECT_EQ(0u, std::min(first.size(), second.size()));
-
-    ASSERT_TRUE(write_file(tmp.path() + "/plain", "x"));
-    std::string bad = tmp.path() + "/plain/logs";
-    ASSERT_EQ(1, op(SIM_OP_CHANGE_OUTPUT_PATH, Bytes(bad.begin(), bad.end())));
-    EXPECT_EQ(0, op(SIM_OP_COMMIT)) << "the directory cannot be made";
-}
-
-TEST_F(DeviceTest, QmiUnitsAndSaves)
-{
-    ASSERT_EQ("ok\n", ctl({ "qmi", "phantom", "100,200,50" }));
-    Bytes data;
-    EXPECT_EQ(200, op(SIM_OP_QMI_GET_DATA, i32(0, 1), &data));
-    EXPECT_EQ(1u, get_u32(data.data())) << "units after this one";
-    EXPECT_EQ(0, op(SIM_OP_QMI_GET_DATA, i32(0, 3)));
-    ASSERT_EQ("ok\n", ctl({ "qmi", "statistics", "none" }));
-    EXPECT_EQ(0, op(SIM_OP_QMI_GET_DATA, i32(1, 0)));
-
-    // A save in two pieces.
-    Bytes begin = i32(5);
-    for (const char* s : { "Statstics", "0101234567" })
-        begin.insert(begin.end(), s, s + strlen(s) + 1);
-    ASSERT_EQ(1, op(SIM_OP_QMI_SAVE_BEGIN, begin));
-    ASSERT_EQ(1, op(SIM_OP_QMI_SAVE_DATA, { 'a', 0, 'b' }));
-    ASSERT_EQ(1, op(SIM_OP_QMI_SAVE_DATA, { 0x7E, 'c' }));
-    ASSERT_EQ(1, op(SIM_OP_QMI_SAVE_END));
-    // One that does not add up is not stored.
-    ASSERT_EQ(1, op(SIM_OP_QMI_SAVE_BEGIN, begin));
-    ASSERT_EQ(1, op(SIM_OP_QMI_SAVE_DATA, { 'a' }));
-    EXPECT_EQ(0, op(SIM_OP_QMI_SAVE_END));
-    EXPECT_EQ(0, op(SIM_OP_QMI_SAVE_DATA, { 'a' })) << "no save under way";
-
-    json saves = dev.status()["qmi"]["saves"];
-    ASSERT_EQ(1u, saves.size());
-    EXPECT_EQ((json{ { "kind", "Statstics" }, { "number", "0101234567" }, { "size", 5 },
-                     { "file", "qmi/Statstics_0101234567_0001.bin" } }),
-              saves[0]);
-    EXPECT_EQ(std::string("a\0b\x7e" "c", 5), read_file(tmp.path() + "/sim/" + saves[0]["file"].get<std::string>()));
-}
-
-TEST_F(DeviceTest, ControlCommandsRefuseBadInputAndChangeNothing)
-{
-    const std::vector<std::vector<std::string>> bad = {
-        { "nonsense" }, { "status", "extra" }, { "remote-modem", "maybe" },
-        { "event-count", "local", "0" }, { "event-count", "local", "5000" }, { "event-count", "other", "10" },
-        { "log-items", "local", "1,2,x" }, { "log-items", "local", "1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17" },
-        { "ssid-ranges", "remote", "5-3" }, { "ssid-ranges", "remote", "7" }, { "rate", "-1" },
-        { "qmi", "weather", "10" }, { "qmi", "phantom", "10,0" }, { "log", "kernel", "I", "tag", "msg" },
-        { "log", "main", "Q", "tag", "msg" }, { "flood", "main", "0", "10" }, { "fault", "drop", "many" },
-        { "fault", "stall", "main", "sometimes" },
+    EXPECT_EQ(0x906E, hdlc_crc16(reinterpret_cast<const uint8_t*>("123456789"), 9)) << "CRC-16/X-25 check";
+    const std::vector<uint8_t> pkt = hex("4B 7E 7D 00");
+    std::vector<uint8_t> frame = { 0x7E, 0x7E }, out; // leading flags are fine
+    hdlc_frame_append(frame, pkt.data(), pkt.size());
+    EXPECT_EQ("7e 7e 4b 7d 5e 7d 5d 00", hex_text(std::vector<uint8_t>(frame.begin(), frame.end() - 3)));
+    ASSERT_EQ(HdlcResult::ok, hdlc_unframe(frame.data(), frame.size(), &out));
+    EXPECT_EQ(pkt, out);
+    const struct { std::vector<uint8_t> frame; HdlcResult r; } bad[] = {
+        { hdlc_frame(pkt.data(), pkt.size(), 0xFFFF), HdlcResult::bad_crc }, { hex("60 7D 7E"), HdlcResult::bad_escape },
+        { hex("60 7E"), HdlcResult::too_short },                              { hex("60 01 02"), HdlcResult::incomplete },
     };
-    const std::string before = dev.status().dump();
-    for (const auto& args : bad) {
-        std::string reply = ctl(args);
-        EXPECT_TRUE(reply.starts_with("error: ")) << args[0] << ": " << reply;
-        EXPECT_EQ('\n', reply.back());
+    for (const auto& b : bad)
+        EXPECT_EQ(b.r, hdlc_unframe(b.frame.data(), b.frame.size(), &out)) << hex_text(b.frame);
+}
+
+TEST(Modem, AnswersTheDaemonsRequests)
+{
+    ModemRanges r;
+    r.event_count = 20;
+    r.log_last_items = { 0, 0x20, 0, 0, 0x130 };
+    r.ssid_ranges = { { 0, 2 }, { 500, 501 } };
+    Modem m(r);
+    std::vector<uint8_t> dpl_set = hex("4B 2A 0400"), rec = dpl_iface_record(15);
+    dpl_set.insert(dpl_set.end(), rec.begin(), rec.end());
+    std::string id_ranges = "73 00 00 00 01 00 00 00 00 00 00 00";
+    for (uint32_t last : r.log_last_items)
+        id_ranges.append(" ").append(hex_text({ uint8_t(last), uint8_t(last >> 8), 0, 0 }));
+    // clang-format off
+    const struct { const char* what; std::vector<uint8_t> req; const char* answer; } table[] = {
+        { "id ranges", hex("73 000000 01000000"), id_ranges.c_str() },
+        { "SSID ranges", hex("7D 01"), "7d 01 01 00 02 00 00 00 00 00 02 00 f4 01 f5 01" },
+        { "event mask: ids 0 and 19", hex("82 00 0000 1400 010008"), "82 00 00 00 14 00 01 00 08" },
+        { "event mask wider than the modem", hex("82 00 0000 1500 000000"), "82 01 00 00 14 00 01 00 08" },
+        { "log mask of equipment 4, code 0x412F",
+          hex("73 000000 03000000 04000000 30010000" + std::string(37 * 2, '0') + "80"),
+          "73 00 00 00 03 00 00 00 00 00 00 00" },
+        { "equipment without items", hex("73 000000 03000000 02000000 08000000 FF"), "73 00 00 00 03 00 00 00 01 00 00 00" },
+        { "more bits than items", hex("73 000000 03000000 01000000 30000000 000000000000"), "73 00 00 00 03 00 00 00 02 00 00 00" },
+        { "message masks of a range", hex("7D 04 0000 0200 0000 04000000 00000000 18000000"),
+          "7d 04 00 00 02 00 01 00 04 00 00 00 00 00 00 00 18 00 00 00" },
+        { "DPL interfaces", hex("4B 2A 0200"), "4b 2a 02 00 05 01 02 0f 13 14" },
+        { "DPL description", hex("4B 2A 0300 0F"), "4b 2a 03 00 0f 00 0a 72 6d 6e 65 74 5f 69 70 61 30" },
+        { "DPL logging of 15", dpl_set, "4b 2a 04 00 0f 00" },
+        { "clear all log codes", hex("73 000000 00000000"), "73 00 00 00 00 00 00 00 00 00 00 00" },
+        { "wrong length", hex("60 01 02"), "15 60 01 02" },
+    };
+    // clang-format on
+    for (const auto& x : table)
+        EXPECT_EQ(x.answer, hex_text(m.handle(x.req))) << x.what;
+    EXPECT_EQ((std::vector<uint16_t>{ 0, 19 }), m.enabled_events());
+    EXPECT_TRUE(m.enabled_log_codes().empty() && m.dpl_ifaces()[2].logging);
+}
+
+// A log mask request for equipment q enabling codes, bits up to `bits`.
+static std::vector<uint8_t> log_mask(uint8_t q, uint16_t bits, const std::vector<uint16_t>& codes)
+{
+    std::vector<uint8_t> r = { 0x73, 0, 0, 0, 3, 0, 0, 0, q, 0, 0, 0, uint8_t(bits), uint8_t(bits >> 8), 0, 0 };
+    r.resize(16 + (bits + 7) / 8);
+    for (uint16_t c : codes)
+        if (c >> 12 == q)
+            r[16 + (c & 0xFFF) / 8] |= uint8_t(1 << (c & 7));
+    return r;
+}
+
+TEST(LogLayouts, EveryEmittedRecordDecodesWithItsRow)
+{
+    std::vector<uint16_t> codes = { 0xB16A }; // one without a public layout
+    for (const LogLayout& l : log_layouts())
+        codes.push_back(l.code);
+    Modem m;
+    std::vector<uint8_t> events = { 0x82, 0, 0, 0, 0x98, 0x08 }, dpl = { 0x4B, 0x2A, 4, 0 }, rec = dpl_iface_record(19);
+    events.resize(6 + 0x898 / 8 + 1);
+    for (const EventLayout& e : event_layouts())
+        events[6 + e.id / 8] |= uint8_t(1 << (e.id % 8));
+    dpl.insert(dpl.end(), rec.begin(), rec.end());
+    for (const auto& req : { log_mask(4, 0x130, codes), log_mask(0xB, 0xA00, codes), events, dpl,
+                             std::vector<uint8_t>{ 0x60, 1 } })
+        ASSERT_NE(0x15, m.handle(req).at(0));
+    m.produce(60, 2000, 2000000000000000000ull, 64 << 20);
+
+    std::vector<uint8_t> stream = m.take_traffic(), pkt;
+    std::set<unsigned> seen;
+    for (size_t pos = 0, used = 0; pos < stream.size(); pos += used) {
+        ASSERT_EQ(HdlcResult::ok, hdlc_unframe(stream.data() + pos, stream.size() - pos, &pkt, &used));
+        if (pkt[0] == 0x10) {
+            ASSERT_TRUE(pkt.size() >= 16 && get_u16(&pkt[2]) == pkt.size() - 4 && get_u16(&pkt[4]) == pkt.size() - 4);
+            const uint16_t code = get_u16(&pkt[6]);
+            std::vector<uint64_t> v;
+            size_t tail;
+            ASSERT_TRUE(log_body_decode(log_layout(code), &pkt[16], pkt.size() - 16, &v, &tail)) << std::hex << code;
+            // A DPL record's IPv4 header checksum holds.
+            EXPECT_TRUE(code != DPL_LOG_CODE || pkt[24] >> 4 != 4 || ip_checksum(&pkt[24], 20) == 0);
+            seen.insert(code);
+        } else if (pkt[0] == 0x60) {
+            const uint16_t id = get_u16(&pkt[3]) & 0xFFF, code = get_u16(&pkt[3]) >> 13 & 3;
+            const size_t payload = code < 3 ? code : pkt[13];
+            ASSERT_TRUE(event_layout(id) && get_u16(&pkt[1]) == pkt.size() - 3) << id;
+            ASSERT_EQ(pkt.size(), 13 + (code == 3) + payload) << id;
+            EXPECT_EQ(event_layout(id)->payload_len, payload) << id;
+            seen.insert(id);
+        }
     }
-    EXPECT_EQ(before, dev.status().dump());
-    EXPECT_NE(std::string::npos, ctl({ "help" }).find("fault drop N"));
+    for (const LogLayout& l : log_layouts())
+        EXPECT_TRUE(seen.count(l.code ? l.code : 0xB16A)) << l.name;
+    for (const EventLayout& e : event_layouts())
+        EXPECT_TRUE(seen.count(e.id)) << e.name;
 }
 
-TEST_F(DeviceTest, RangesSetAtRunTimeAreWhatTheModemAnswers)
+TEST(Device, ControlVerbs)
 {
-    ASSERT_EQ("ok\n", ctl({ "event-count", "local", "300" }));
-    ASSERT_EQ("ok\n", ctl({ "log-items", "local", "0x10,20" }));
-    ASSERT_EQ("ok\n", ctl({ "ssid-ranges", "local", "0-3,7000-7001" }));
-    Bytes ev = answer({ 0x81, 0, 0, 0 });
-    ASSERT_GE(ev.size(), 6u);
-    EXPECT_EQ(300, get_u16(&ev[4]));
-    EXPECT_EQ((Bytes{ 0x7D, 1, 1, 0, 2, 0, 0, 0, 0, 0, 3, 0, 0x58, 0x1B, 0x59, 0x1B }), answer({ 0x7D, 0x01 }));
-    Bytes items = answer({ 0x73, 0, 0, 0, 1, 0, 0, 0 });
-    ASSERT_EQ(12u + 64, items.size());
-    EXPECT_EQ((Bytes{ 0x10, 0, 0, 0, 20, 0, 0, 0, 0, 0, 0, 0 }), Bytes(items.begin() + 12, items.begin() + 24));
-    json st = dev.status();
-    EXPECT_EQ(300, st["modems"]["local"]["event_count"]);
-    EXPECT_EQ(default_modem_ranges().event_count, st["modems"]["remote"]["event_count"]) << "the remote modem keeps its own";
-}
+    TempDir root;
+    Device d(root.path(), root.path() + "/sim");
+    std::ofstream(root.path() + "/sim/tovakd.state") << "pid 0\nstarts 3\nlast_exit signal 9\n";
+    // clang-format off
+    const struct { std::vector<std::string> args; std::string reply_start; } table[] = {
+        { { "rate", "5000" },                         "ok" },
+        { { "fault", "silent", "on" },                "ok" },
+        { { "fault", "logger-absent", "maybe" },      "error: logger-absent takes on or off" },
+        { { "fault", "stall", "radio", "on" },        "ok" },
+        { { "prop", "get", "dev.bootcomplete" },      "\n" },
+        { { "daemon-kill" },                          "error: no daemon runs" },
+        { { "disk", "fill", "/" },                    "error: refusing to fill /:" },
+        { { "qmi", "phantom", "10,0" },               "error: bad unit size 0" },
+        { { "frobnicate" },                           "error: unknown command 'frobnicate'" },
+    };
+    // clang-format on
+    for (const auto& x : table)
+        EXPECT_EQ(x.reply_start, d.control(x.args).substr(0, x.reply_start.size())) << x.args[0];
+    nlohmann::json st = d.status();
+    EXPECT_EQ(5000, st["traffic_rate"]);
+    EXPECT_TRUE(st["faults"]["silent"] && st["logger"]["radio"]["stalled"]);
+    EXPECT_EQ(nlohmann::json({ { "pid", 0 }, { "starts", 3 }, { "last_exit", "signal 9" } }), st["daemon"]);
+    EXPECT_EQ(0, st["qmi"]["units"]["phantom"].size()) << "refused edit changed nothing";
 
-TEST_F(DeviceTest, StatusListsMasksAsIdsAndCodes)
-{
-    answer({ 0x82, 0, 0, 0, 16, 0, 0x05, 0x80, 0 }); // events 0, 2, 15
-    answer({ 0x60, 0x01 });
-    Bytes log = { 0x73, 0, 0, 0, 3, 0, 0, 0, 11, 0, 0, 0, 16, 0, 0, 0, 0x01, 0x80 };
-    answer(log); // 0xB000, 0xB00F
-    answer({ 0x7D, 0x04, 0x20, 0x00, 0x21, 0x00, 0, 0, 0x1F, 0, 0, 0, 0, 0, 0, 0 });
-    json local = dev.status()["modems"]["local"];
-    EXPECT_EQ((std::vector<int>{ 0, 2, 15 }), local["events"].get<std::vector<int>>());
-    EXPECT_EQ((std::vector<int>{ 0xB000, 0xB00F }), local["log_codes"].get<std::vector<int>>());
-    EXPECT_EQ(json::parse("[[32, 31]]"), local["msg_masks"]);
-    EXPECT_TRUE(local["event_reporting"]);
 }
-
-TEST_F(DeviceTest, LoggerEntriesGoToTheTextFileAndTheirQueue)
-{
-    ASSERT_EQ("ok\n", ctl({ "log", "radio", "W", "RILJ", "signal", "lost" }));
-    EXPECT_EQ(1u, dev.queue(LOG_ID_RADIO).entries());
-    EXPECT_EQ(0u, dev.queue(LOG_ID_MAIN).entries());
-    std::string text = read_file(dev.logcat_path());
-    EXPECT_NE(std::string::npos, text.find(" W RILJ    : signal lost\n")) << text;
-    // A stalled FIFO is the host-library test's: it needs a reader.
-    ASSERT_EQ("ok\n", ctl({ "flood", "events", "1000", "30" }));
-    EXPECT_TRUE(dev.busy());
-    dev.tick(0.010, NOW);
-    EXPECT_EQ(10u, dev.queue(LOG_ID_EVENTS).entries());
-    dev.tick(1.0, NOW);
-    EXPECT_EQ(30u, dev.queue(LOG_ID_EVENTS).entries()) << "a flood stops at its count";
-    EXPECT_FALSE(dev.busy());
-}
-
-} // namespace

@@ -1,116 +1,82 @@
-// The simulated logger's formats: logdw datagrams in, binary entries to the
-// FIFOs, threadtime text to the file; and its bounded queues.
+// Log entries on their way: as readers of /dev/log get them, through the
+// logger's queue (whole oldest dropped, a write the pipe cut resumed), into
+// a capture file that keeps the newest whole entries however writes split them.
 #include <gtest/gtest.h>
 
-#include <regex>
-#include <tuple>
+#include <fcntl.h>
+#include <unistd.h>
 
-#include "le.h"
+#include <algorithm>
+#include <random>
+
+#include "canned.h"
+#include "capture_ring.h"
+#include "hex_text.h"
 #include "logger.h"
-#include "sim_link.h"
+#include "sim_device.h"
 
-namespace {
-
-using Bytes = std::vector<uint8_t>;
-
-LogEntry entry(const std::string& tag, const std::string& msg)
+TEST(Logger, EntriesAndEventRecords)
 {
-    LogEntry e;
-    e.pid = 4321;
-    e.tid = 4322;
-    e.sec = 1700000000;
-    e.nsec = 123456789;
-    e.prio = 3;
-    e.tag = tag;
-    e.msg = msg;
-    return e;
+    LogEntry e{ 0x0102, 3, 0x11223344, 5, 4, "T", "hi", {} };
+    EXPECT_EQ("06 00 00 00 02 01 00 00 03 00 00 00 44 33 22 11 05 00 00 00 04 54 00 68 69 00",
+              hex_text(logger_entry_bytes(e)));
+    // Tag, float list: a priority-like first byte, the tag's NUL, no NUL after.
+    e.binary = android_event_payload(canned_events()[2], { 12.0f, 0.5f });
+    std::vector<uint8_t> b = logger_entry_bytes(e);
+    EXPECT_EQ("05 1d 01 00 03 02 04", hex_text(std::vector<uint8_t>(b.begin() + 20, b.begin() + 27)));
+    EXPECT_EQ(b.end(), std::find(b.begin() + 24, b.end(), 0));
 }
 
-TEST(LoggerEntry, BinaryLayout)
-{
-    Bytes b = logger_entry_bytes(entry("TOVAK", "hello"));
-    const size_t payload = 1 + 6 + 6;
-    ASSERT_EQ(LOGGER_ENTRY_HEADER + payload, b.size());
-    EXPECT_EQ(payload, get_u16(&b[0]));
-    EXPECT_EQ(0, get_u16(&b[2]));
-    EXPECT_EQ(4321u, get_u32(&b[4]));
-    EXPECT_EQ(4322u, get_u32(&b[8]));
-    EXPECT_EQ(1700000000u, get_u32(&b[12]));
-    EXPECT_EQ(123456789u, get_u32(&b[16]));
-    EXPECT_EQ(3, b[20]);
-    EXPECT_EQ(std::string("TOVAK\0hello\0", 12), std::string(b.begin() + 21, b.end()));
-}
-
-TEST(LoggerEntry, LongMessagesAreCutToOnePipeWrite)
-{
-    Bytes b = logger_entry_bytes(entry("T", std::string(10000, 'x')));
-    EXPECT_EQ(size_t(LOGGER_ENTRY_MAX_LEN), b.size());
-    EXPECT_EQ(b.size() - LOGGER_ENTRY_HEADER, get_u16(&b[0]));
-    EXPECT_EQ(0, b.back()) << "the message keeps its NUL";
-    Bytes long_tag = logger_entry_bytes(entry(std::string(5000, 't'), "m"));
-    EXPECT_LE(long_tag.size(), size_t(LOGGER_ENTRY_MAX_LEN));
-    EXPECT_EQ(0, long_tag.back());
-}
-
-TEST(LoggerText, ThreadtimeFormat)
-{
-    std::string line = threadtime_text(entry("TAMBOUR_TOVAK", "tovak daemon initialized = 0\n"));
-    EXPECT_TRUE(std::regex_match(line, std::regex(R"(\d\d-\d\d \d\d:\d\d:\d\d\.123  4321  4322 D TAMBOUR_TOVAK: tovak daemon initialized = 0\n)")))
-        << line;
-    // Every line of a message gets the prefix.
-    std::string multi = threadtime_text(entry("T", "one\ntwo"));
-    EXPECT_TRUE(std::regex_match(multi, std::regex(R"([^\n]+ D T       : one\n[^\n]+ D T       : two\n)"))) << multi;
-}
-
-TEST(LoggerDatagram, RoundTripAndMalformedInput)
-{
-    LogEntry e = entry("TOVAK", "msg with spaces");
-    e.tid &= 0xFFFF;
-    Bytes d = make_logdw(LOG_ID_RADIO, e);
-    ASSERT_EQ(size_t(SIM_LOGDW_HEADER) + 1 + 6 + 16, d.size());
-    LogEntry back;
-    int buffer = -1;
-    ASSERT_TRUE(parse_logdw(d.data(), d.size(), 77, &back, &buffer));
-    EXPECT_EQ(LOG_ID_RADIO, buffer);
-    e.pid = 77; // from the socket, not the datagram
-    EXPECT_EQ(std::tie(e.pid, e.tid, e.sec, e.nsec, e.prio, e.tag, e.msg),
-              std::tie(back.pid, back.tid, back.sec, back.nsec, back.prio, back.tag, back.msg));
-
-    Bytes no_msg_nul(d.begin(), d.end() - 1);
-    ASSERT_TRUE(parse_logdw(no_msg_nul.data(), no_msg_nul.size(), 1, &back, &buffer));
-    EXPECT_EQ(e.msg, back.msg);
-
-    Bytes bad_buffer = d;
-    bad_buffer[0] = 9;
-    Bytes bad_nsec = d;
-    bad_nsec[10] = 0xFF;
-    Bytes no_tag_end(d.begin(), d.begin() + SIM_LOGDW_HEADER + 3);
-    for (const Bytes& bad : { bad_buffer, bad_nsec, no_tag_end, Bytes(d.begin(), d.begin() + 5) })
-        EXPECT_FALSE(parse_logdw(bad.data(), bad.size(), 1, &back, &buffer));
-}
-
-TEST(LogQueue, KeepsTheNewestWithinItsBound)
+TEST(Logger, QueueDropsWholeOldestAndResumesPartialWrites)
 {
     LogQueue q(100);
-    for (int i = 0; i < 10; i++)
-        q.push(Bytes(30, uint8_t(i)));
-    EXPECT_EQ(3u, q.entries());
-    EXPECT_EQ(90u, q.bytes());
-    EXPECT_EQ(7u, q.dropped());
-    EXPECT_EQ(10u, q.received());
-    EXPECT_EQ(7, q.front()[0]);
-    q.pop();
-    EXPECT_EQ(1u, q.written());
-    EXPECT_EQ(60u, q.bytes());
-    EXPECT_EQ(8, q.front()[0]);
+    std::vector<uint8_t> a(40, 'a'), big(200000, 'x'), got, buf(1 << 16);
+    for (int i = 0; i < 3; i++)
+        q.push(a);
+    q.push(big); // over the limit: the others go, big stays however large
+    int p[2];
+    ASSERT_EQ(0, pipe2(p, O_NONBLOCK | O_CLOEXEC));
+    ASSERT_TRUE(q.flush(p[1]) && !q.empty()) << "the pipe took part of it";
+    q.push(a); // over the limit, but a begun entry is never dropped
+    for (int i = 0; i < 20; i++) {
+        for (ssize_t n; (n = read(p[0], buf.data(), buf.size())) > 0;)
+            got.insert(got.end(), buf.begin(), buf.begin() + n);
+        ASSERT_TRUE(q.flush(p[1]));
+    }
+    big.insert(big.end(), a.begin(), a.end());
+    EXPECT_TRUE(q.empty() && got == big) << got.size();
+    EXPECT_EQ(3u, q.dropped());
+    close(p[0]), close(p[1]);
 }
 
-TEST(LogBuffers, NamesAndIds)
+TEST(CaptureRing, KeepsTheNewestWholeEntriesAcrossSplitWrites)
 {
-    for (int id = 0; id < LOG_ID_COUNT; id++)
-        EXPECT_EQ(id, log_buffer_id(log_buffer_name(id)));
-    EXPECT_EQ(-1, log_buffer_id("kernel"));
-    EXPECT_EQ(LOG_ID_SYSTEM, log_buffer_id("system"));
+    TempDir dir;
+    const size_t capacity = 3000;
+    CaptureRing ring;
+    ASSERT_TRUE(ring.open(dir.path() + "/r.ring", capacity));
+    std::vector<uint8_t> stream, kept;
+    std::vector<size_t> starts; // of each entry in the stream, then its end
+    std::mt19937 rng(7);
+    for (int i = 0; i < 200; i++) {
+        starts.push_back(stream.size());
+        logger_entry_append(stream, LogEntry{ 1, 1, 0, 0, 4, "T", std::string(rng() % 120, 'a'), {} });
+    }
+    starts.push_back(stream.size());
+    // Pieces of any size, headers split too; the last entry left unfinished.
+    for (size_t pos = 0, n; pos < stream.size() - 5; pos += n) {
+        n = std::min<size_t>(1 + rng() % 300, stream.size() - 5 - pos);
+        ASSERT_TRUE(ring.append(stream.data() + pos, n));
+        ASSERT_TRUE(ring.contents(&kept));
+        // Kept: whole entries up to the last complete one, from the oldest
+        // that lies wholly in the last `capacity` bytes written.
+        const size_t end = pos + n, complete = *std::prev(std::upper_bound(starts.begin(), starts.end(), end));
+        auto first = std::find(starts.begin(), starts.end(), complete - kept.size());
+        ASSERT_NE(starts.end(), first) << "begins at a header";
+        EXPECT_GE(*first + capacity, end);
+        if (first != starts.begin() && !kept.empty()) {
+            EXPECT_LT(*std::prev(first) + capacity, end) << "no entry left out that fits";
+        }
+        ASSERT_TRUE(std::equal(kept.begin(), kept.end(), stream.begin() + ptrdiff_t(*first)));
+    }
 }
-
-} // namespace
