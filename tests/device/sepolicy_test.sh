@@ -136,6 +136,7 @@ accesses="
 /proc                                          dir        open,read,search                     no
 /proc/1                                        dir        search                               no
 /proc/1/exe                                    lnk_file   read                                 no
+/proc/1/stat                                   file       open,read                            no
 /system/bin/sh                                 file       open,read,execute,execute_no_trans   no
 "
 
