@@ -86,7 +86,9 @@ std::string SimDevice::socket_path() const
 
 std::string SimDevice::bin(const std::string& name)
 {
-    return std::string(TOVAK_BIN_DIR) + "/" + name;
+    // A cross build's tests run a native build's simulator and launcher.
+    const char* dir = getenv("TOVAK_SIM_BIN_DIR");
+    return std::string(dir != nullptr && *dir != '\0' ? dir : TOVAK_BIN_DIR) + "/" + name;
 }
 
 int wait_child(pid_t pid)
