@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -40,6 +41,7 @@ void usage(FILE* out)
 {
     fprintf(out,
             "usage: tovak-sim up ROOT [--no-bootcomplete] [--remote-modem] [--without-log NAME] [--etc DIR]\n"
+            "                         [--daemon PATH] [--daemon-wrapper \"CMD ARGS\"]\n"
             "       tovak-sim ctl ROOT COMMAND [ARGS...]\n"
             "\n"
             "  up ROOT   create the device root ROOT if needed and run tovakd on it in the\n"
@@ -50,11 +52,35 @@ void usage(FILE* out)
             "  --remote-modem     attach a second (remote) modem\n"
             "  --without-log NAME a phone without the log device /dev/log/NAME\n"
             "  --etc DIR          factory files for a new ROOT/system/etc (default: %s)\n"
+            "  --daemon PATH      run this tovakd (default: the one beside tovak-sim;\n"
+            "                     environment: TOVAK_SIM_DAEMON)\n"
+            "  --daemon-wrapper \"CMD ARGS\"  run the daemon as CMD ARGS PATH, e.g.\n"
+            "                     \"qemu-arm -L /usr/arm-linux-gnueabihf\" (environment:\n"
+            "                     TOVAK_SIM_DAEMON_WRAPPER)\n"
             "\n"
             "  ctl ROOT COMMAND   drive the simulated device of a running `up ROOT`:\n"
             "            `ctl ROOT status` prints its state as JSON, `ctl ROOT help` lists\n"
             "            the commands (faults, injected log entries, ranges, QMI data).\n",
             SIM_STDOUT_FILE, TOVAK_ETC_DIR);
+}
+
+[[noreturn]] void usage_error(const std::string& msg)
+{
+    fprintf(stderr, "tovak-sim: %s\n", msg.c_str());
+    usage(stderr);
+    exit(2);
+}
+
+std::vector<std::string> split_words(const std::string& text)
+{
+    std::vector<std::string> words;
+    size_t at = 0;
+    while ((at = text.find_first_not_of(" \t", at)) != std::string::npos) {
+        size_t end = text.find_first_of(" \t", at);
+        words.push_back(text.substr(at, end - at));
+        at = end;
+    }
+    return words;
 }
 
 std::string self_dir()
@@ -97,7 +123,8 @@ void copy_file(const std::string& from, const std::string& to)
         die("cannot write " + to);
 }
 
-bool on_path(const char* prog)
+// The program's full path on PATH, or "" when it is not there.
+std::string find_on_path(const std::string& prog)
 {
     const char* path = getenv("PATH");
     std::string dirs = path ? path : "/usr/bin:/bin";
@@ -108,10 +135,18 @@ bool on_path(const char* prog)
             end = dirs.size();
         std::string candidate = dirs.substr(start, end - start) + "/" + prog;
         if (access(candidate.c_str(), X_OK) == 0)
-            return true;
+            return candidate;
         start = end + 1;
     }
-    return false;
+    return "";
+}
+
+std::string real_path(const std::string& path)
+{
+    char resolved[PATH_MAX];
+    if (realpath(path.c_str(), resolved) == nullptr)
+        return "";
+    return resolved;
 }
 
 struct UpOptions {
@@ -120,6 +155,9 @@ struct UpOptions {
     bool bootcomplete = true;
     bool remote_modem = false;
     std::vector<std::string> without_logs;
+    // The daemon binary, and the command it runs under (qemu-arm -L ...).
+    std::string daemon;
+    std::vector<std::string> wrapper;
 };
 
 // Lays out ROOT like a phone's partitions. An existing system/etc is kept
@@ -146,6 +184,25 @@ void provision(const UpOptions& opt)
         die("cannot set dev.bootcomplete under " + props);
 }
 
+// Absolute paths for the daemon and its wrapper's program, checked before
+// anything is made.
+void resolve_daemon(UpOptions* opt)
+{
+    std::string given = opt->daemon.empty() ? self_dir() + "/tovakd" : opt->daemon;
+    opt->daemon = real_path(given);
+    if (opt->daemon.empty())
+        die("no daemon at " + given + ": " + strerror(errno));
+    if (opt->wrapper.empty() && access(opt->daemon.c_str(), X_OK) != 0)
+        die(opt->daemon + " is not executable");
+    if (opt->wrapper.empty())
+        return;
+    std::string& prog = opt->wrapper[0];
+    std::string found = prog.find('/') == std::string::npos ? find_on_path(prog) : real_path(prog);
+    if (found.empty() || access(found.c_str(), X_OK) != 0)
+        die("cannot run the daemon wrapper " + prog + ": not an executable program (not on PATH?)");
+    prog = found;
+}
+
 void add_system_dirs(std::vector<std::string>& args)
 {
     for (const char* dir : { "/usr", "/etc" }) {
@@ -163,6 +220,20 @@ void add_system_dirs(std::vector<std::string>& args)
             args.insert(args.end(), { "--ro-bind", dir, dir });
         }
     }
+}
+
+bool under(const std::string& path, const std::string& dir)
+{
+    return path.compare(0, dir.size() + 1, dir + "/") == 0;
+}
+
+// Files outside the read-only system dirs and the binary dir must be bound
+// for the daemon and its wrapper to see them.
+void bind_visible(std::vector<std::string>& args, const std::string& path, const std::string& bin)
+{
+    if (path.empty() || path[0] != '/' || under(path, bin) || under(path, "/usr") || under(path, "/etc"))
+        return;
+    args.insert(args.end(), { "--ro-bind", path, path });
 }
 
 std::vector<std::string> sandbox_command(const UpOptions& opt, const std::string& bin)
@@ -184,13 +255,16 @@ std::vector<std::string> sandbox_command(const UpOptions& opt, const std::string
                                 "--bind", r + "/dev/socket", "/dev/socket",
                                 "--bind", r + "/" SIM_DIR, "/" SIM_DIR,
                                 "--ro-bind", bin, bin,
-                                "--chdir", "/",
-                                "--setenv", "PATH", "/usr/sbin:/usr/bin:/sbin:/bin",
-                                "--",
-                                bin + "/tovak-sim",
-                                "inside",
-                                bin,
                             });
+    bind_visible(args, opt.daemon, bin);
+    for (const std::string& word : opt.wrapper)
+        if (access(word.c_str(), F_OK) == 0)
+            bind_visible(args, word, bin);
+    args.insert(args.end(), { "--chdir", "/", "--setenv", "PATH", "/usr/sbin:/usr/bin:/sbin:/bin", "--",
+                              bin + "/tovak-sim", "inside", bin, opt.daemon });
+    for (const std::string& word : opt.wrapper)
+        args.insert(args.end(), { "--wrap", word });
+    args.push_back("--");
     if (opt.remote_modem)
         args.push_back("--remote-modem");
     for (const std::string& name : opt.without_logs)
@@ -230,7 +304,7 @@ void write_all(int fd, const char* data, size_t len)
 
 int cmd_up(const UpOptions& opt)
 {
-    if (!on_path("bwrap"))
+    if (find_on_path("bwrap").empty())
         die("bubblewrap (bwrap) is not installed: install the Debian package bubblewrap");
     provision(opt);
 
@@ -322,11 +396,19 @@ bool wait_for_path(const std::string& path, pid_t owner, int timeout_ms)
 // then the daemon; the first of them to end ends the device.
 int cmd_inside(int argc, char** argv)
 {
-    if (argc < 3)
-        die("inside: missing binary directory");
+    // inside BIN DAEMON [--wrap WORD]... -- [devsim options]
+    if (argc < 4)
+        die("inside: missing binary directory or daemon");
     std::string bin = argv[2];
+    std::vector<std::string> daemon_cmd;
+    int i = 4;
+    for (; i + 1 < argc && strcmp(argv[i], "--wrap") == 0; i += 2)
+        daemon_cmd.push_back(argv[i + 1]);
+    daemon_cmd.push_back(argv[3]);
+    if (i < argc && strcmp(argv[i], "--") == 0)
+        i++;
     std::vector<std::string> devsim = { bin + "/tovak-devsim" };
-    for (int i = 3; i < argc; i++)
+    for (; i < argc; i++)
         devsim.push_back(argv[i]);
 
     pid_t sim = -1;
@@ -338,7 +420,7 @@ int cmd_inside(int argc, char** argv)
         if (!wait_for_path(SIM_DIAG_SOCKET, sim, 10000))
             die("the device simulator did not come up");
     }
-    pid_t daemon = spawn({ bin + "/tovakd" }, STDOUT_FILENO);
+    pid_t daemon = spawn(daemon_cmd, STDOUT_FILENO);
     int status = 0;
     for (;;) {
         pid_t done = wait(&status);
@@ -428,24 +510,51 @@ int main(int argc, char** argv)
         return 2;
     }
     UpOptions opt;
-    opt.root = argv[2];
-    for (int i = 3; i < argc; i++) {
+    bool have_daemon = false, have_wrapper = false;
+    for (int i = 2; i < argc; i++) {
         std::string a = argv[i];
-        if (a == "--no-bootcomplete")
+        // Options that take a value take the next word, whatever it looks like.
+        auto value = [&](std::string* v) {
+            if (i + 1 >= argc)
+                usage_error(a + " needs a value");
+            *v = argv[++i];
+        };
+        std::string v;
+        if (a == "--no-bootcomplete") {
             opt.bootcomplete = false;
-        else if (a == "--remote-modem")
+        } else if (a == "--remote-modem") {
             opt.remote_modem = true;
-        else if (a == "--without-log" && i + 1 < argc)
-            opt.without_logs.push_back(argv[++i]);
-        else if (a == "--etc" && i + 1 < argc)
-            opt.etc = argv[++i];
-        else {
-            usage(stderr);
-            return 2;
+        } else if (a == "--without-log") {
+            value(&v);
+            if (v != "main" && v != "radio" && v != "events" && v != "system")
+                usage_error("unknown log device '" + v + "': expected main, radio, events or system");
+            opt.without_logs.push_back(v);
+        } else if (a == "--etc") {
+            value(&opt.etc);
+        } else if (a == "--daemon") {
+            value(&opt.daemon);
+            have_daemon = true;
+        } else if (a == "--daemon-wrapper") {
+            value(&v);
+            opt.wrapper = split_words(v);
+            have_wrapper = true;
+        } else if (a.size() > 1 && a[0] == '-') {
+            usage_error("unknown option " + a);
+        } else if (!opt.root.empty()) {
+            usage_error("two roots given: " + opt.root + " and " + a);
+        } else {
+            opt.root = a;
         }
     }
     if (opt.root.empty())
-        die("ROOT is empty");
+        usage_error("no ROOT given");
+    const char* env = getenv("TOVAK_SIM_DAEMON");
+    if (!have_daemon && env && *env)
+        opt.daemon = env;
+    env = getenv("TOVAK_SIM_DAEMON_WRAPPER");
+    if (!have_wrapper && env)
+        opt.wrapper = split_words(env);
+    resolve_daemon(&opt);
     char resolved[4096];
     make_dirs(opt.root);
     if (realpath(opt.root.c_str(), resolved) == nullptr)
