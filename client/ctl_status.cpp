@@ -93,7 +93,7 @@ void logging_part(const CtlOptions& opt, TovakClient& client, bool logging, Stat
     if (client.get_buffer_size(&size).done() && client.get_range(&range).done()) {
         s->add("buffer size", std::to_string(size) + " bytes (modem range " + range_text(range) + ")", "buffer_size",
                std::to_string(size));
-        s->json.emplace_back("range", "[" + std::to_string(range.first) + "," + std::to_string(range.second) + "]");
+        s->json.emplace_back("range", tovak_json_array({ std::to_string(range.first), std::to_string(range.second) }));
         if (size < range.first || size > range.second)
             s->warnings.push_back("the buffer size " + std::to_string(size) + " is outside the modem's range " +
                                   range_text(range));
@@ -111,7 +111,7 @@ void logging_part(const CtlOptions& opt, TovakClient& client, bool logging, Stat
                                             { "messages", std::to_string(msgs.size()) } }));
     if (client.get_dpl_state(&dpl).done() && client.get_dpl_ifaces(&dpl_ids).done()) {
         for (uint16_t id : dpl_ids)
-            ids += (ids.empty() ? "" : ",") + std::to_string(id);
+            ids.append(ids.empty() ? "" : ",").append(std::to_string(id));
         s->add("dpl", std::string(dpl ? "on" : "off") + ", interfaces " + (ids.empty() ? "none" : ids), "dpl",
                tovak_json_object({ { "on", dpl ? "true" : "false" }, { "interfaces", "[" + ids + "]" } }));
     }

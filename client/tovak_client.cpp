@@ -22,7 +22,8 @@ std::string seconds(int ms)
 {
     std::string s = std::to_string(ms / 1000);
     if (ms % 1000) {
-        s += "." + std::to_string(ms % 1000 + 1000).substr(1);
+        s += '.';
+        s += std::to_string(ms % 1000 + 1000).substr(1);
         s.erase(s.find_last_not_of('0') + 1);
     }
     return s + " s";
@@ -219,4 +220,23 @@ TovakResult TovakClient::run(const TovakCommand& row, const TovakArgs& args, Tov
     TovakReport ignored;
     return call_with(row.id, args,
                      [&](const tovak_pkt& rsp) { return row.show(rsp, row.key, report ? report : &ignored); });
+}
+
+TovakResult TovakClient::get_capture_limits(uint32_t* min, uint32_t* max)
+{
+    TovakPair limits;
+    TovakResult res = get_capture_limits(&limits);
+    if (res.done()) {
+        *min = limits.first;
+        *max = limits.second;
+    }
+    return res;
+}
+
+TovakStatus TovakClient::system_command(const std::string& text, tovak_pkt* reply)
+{
+    tovak_pkt req;
+    if (!tovak_req_counted_text(&req, CMD_SYSTEM_COMMAND, text, TOVAK_PKT_DATA_SIZE - 3))
+        return fail(TovakStep::send, TovakStatus::error, "command text too long for a frame");
+    return exchange(req, reply);
 }

@@ -92,6 +92,9 @@ public:
     }
     TOVAK_COMMANDS(TOVAK_METHOD)
 #undef TOVAK_METHOD
+    TovakResult get_capture_limits(uint32_t* min, uint32_t* max);
+    // 0x13 with any text the frame holds, for callers that want the daemon's own refusal.
+    TovakStatus system_command(const std::string& text, tovak_pkt* reply);
 
 private:
     template <class R> TovakResult call(uint32_t id, const TovakArgs& args, typename R::Out* out)

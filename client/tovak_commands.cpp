@@ -313,7 +313,7 @@ void TovakReplyMsgs::report(const Out& msgs, const char* key, TovakReport* rep)
         std::string levels;
         for (uint32_t bit = 0; bit < 32; bit++)
             if (m.mask & (1u << bit))
-                levels += (levels.empty() ? "" : ",") + std::to_string(bit);
+                levels.append(levels.empty() ? "" : ",").append(std::to_string(bit));
         lines.push_back("ssid " + std::to_string(m.ssid) + " mask " + hex16(m.mask) + " levels " +
                         (levels.empty() ? "none" : levels));
         json.push_back(tovak_json_object({ { "ssid", std::to_string(m.ssid) },
@@ -641,6 +641,6 @@ std::string tovak_json_object(const std::vector<std::pair<std::string, std::stri
 {
     std::string out = "{";
     for (size_t i = 0; i < members.size(); i++)
-        out += (i ? "," : "") + tovak_json_string(members[i].first) + ":" + members[i].second;
+        out.append(i ? "," : "").append(tovak_json_string(members[i].first)).append(":").append(members[i].second);
     return out + "}";
 }

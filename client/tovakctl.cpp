@@ -98,7 +98,7 @@ std::string subcommand_help(const std::string& word)
 {
     std::string text = usage_of(word);
     for (const TovakCommand* row : rows_named(word)) {
-        text += "\n" + form(row->name, row->syntax) + "  (command " + hex_id(row->id) + ")\n  " + row->help + ".\n";
+        text.append("\n").append(form(row->name, row->syntax)) += "  (command " + hex_id(row->id) + ")\n  " + row->help + ".\n";
         if (row->gate != TovakGate::none)
             text += std::string("  Refused when tovakd's start-up of ") +
                     (row->gate == TovakGate::logging ? "modem logging" : "Android log capture") + " failed" +

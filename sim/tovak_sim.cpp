@@ -10,18 +10,17 @@
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <climits>
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <ctime>
-#include <deque>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
 #include <thread>
 #include <vector>
@@ -132,7 +131,8 @@ bool copy_file(const std::string& from, const std::string& to)
     size_t n;
     while (out && (n = fread(buf, 1, sizeof buf, in)) > 0)
         fwrite(buf, 1, n, out);
-    bool ok = !ferror(in) && out && fclose(out) == 0;
+    bool ok = out && !ferror(in) && !ferror(out);
+    ok = (out == nullptr || fclose(out) == 0) && ok;
     fclose(in);
     return ok;
 }
@@ -342,6 +342,7 @@ pid_t spawn(const std::vector<std::string>& args, int out_fd, int err_fd, rlim_t
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
+        signal(SIGPIPE, SIG_DFL);
         if (out_fd >= 0)
             dup2(out_fd, STDOUT_FILENO);
         if (err_fd >= 0)
@@ -360,6 +361,21 @@ pid_t spawn(const std::vector<std::string>& args, int out_fd, int err_fd, rlim_t
 void write_all(int fd, const std::string& text)
 {
     (void)sim_write_all(fd, text.data(), text.size());
+}
+
+// The signals, blocked, as a descriptor to poll; SIGPIPE ignored.
+int signal_fd(std::initializer_list<int> signals)
+{
+    sigset_t mask;
+    sigemptyset(&mask);
+    for (int sig : signals)
+        sigaddset(&mask, sig);
+    sigprocmask(SIG_BLOCK, &mask, nullptr);
+    int fd = signalfd(-1, &mask, SFD_CLOEXEC);
+    if (fd < 0)
+        die(std::string("signalfd: ") + strerror(errno));
+    signal(SIGPIPE, SIG_IGN);
+    return fd;
 }
 
 int64_t now_ms()
@@ -388,18 +404,8 @@ int cmd_up(UpOptions opt)
     if (copy_fd < 0)
         die("cannot write " + out_path + ": " + strerror(errno));
 
-    // Signals are taken through a descriptor so that stopping is one more
-    // event of the copy loop.
-    sigset_t mask;
-    sigemptyset(&mask);
-    sigaddset(&mask, SIGINT);
-    sigaddset(&mask, SIGTERM);
-    sigaddset(&mask, SIGHUP);
-    sigprocmask(SIG_BLOCK, &mask, nullptr);
-    int sig_fd = signalfd(-1, &mask, SFD_CLOEXEC);
-    if (sig_fd < 0)
-        die(std::string("signalfd: ") + strerror(errno));
-    signal(SIGPIPE, SIG_IGN);
+    // Stopping is one more event of the copy loop.
+    int sig_fd = signal_fd({ SIGINT, SIGTERM, SIGHUP });
 
     int pipe_fds[2];
     if (pipe2(pipe_fds, O_CLOEXEC) != 0)
@@ -494,6 +500,10 @@ public:
     {
         char buf[8192];
         ssize_t n = read(out_fd_, buf, sizeof buf);
+        if (n == 0) {
+            close(out_fd_); // its output ended; its exit comes as SIGCHLD
+            out_fd_ = -1;
+        }
         if (n <= 0)
             return n < 0 && errno == EINTR;
         write_all(STDOUT_FILENO, std::string(buf, size_t(n)));
@@ -510,10 +520,12 @@ public:
     {
         // What it wrote before it died; a child of its own may keep the
         // pipe open, so this reads only what is there.
-        fcntl(out_fd_, F_SETFL, O_NONBLOCK);
-        while (copy_output()) {
+        if (out_fd_ >= 0)
+            fcntl(out_fd_, F_SETFL, O_NONBLOCK);
+        while (out_fd_ >= 0 && copy_output()) {
         }
-        close(out_fd_);
+        if (out_fd_ >= 0)
+            close(out_fd_);
         out_fd_ = -1;
         last_exit_ = WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status))
                                          : "status " + std::to_string(WEXITSTATUS(status));
@@ -621,14 +633,7 @@ int cmd_inside(int argc, char** argv)
     for (i++; i < argc; i++)
         devsim.push_back(argv[i]);
 
-    sigset_t mask;
-    sigemptyset(&mask);
-    sigaddset(&mask, SIGCHLD);
-    sigprocmask(SIG_BLOCK, &mask, nullptr);
-    int sig_fd = signalfd(-1, &mask, SFD_CLOEXEC);
-    if (sig_fd < 0)
-        die(std::string("signalfd: ") + strerror(errno));
-    signal(SIGPIPE, SIG_IGN);
+    int sig_fd = signal_fd({ SIGCHLD });
 
     pid_t sim = -1;
     if (access(devsim[0].c_str(), X_OK) == 0) {
@@ -647,8 +652,8 @@ int cmd_inside(int argc, char** argv)
         int64_t wait = restart_at < 0 ? -1 : std::max<int64_t>(0, restart_at - now_ms());
         if (poll(fds, daemon.out_fd() >= 0 ? 2 : 1, int(wait)) < 0 && errno != EINTR)
             die(std::string("poll: ") + strerror(errno));
-        if (fds[1].revents & (POLLIN | POLLHUP) && !daemon.copy_output())
-            fds[1].fd = -1; // its output ended; its exit comes as SIGCHLD
+        if (fds[1].revents & (POLLIN | POLLHUP))
+            daemon.copy_output();
         if (restart_at >= 0 && now_ms() >= restart_at) {
             restart_at = -1;
             daemon.start();
