@@ -6,11 +6,10 @@
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
-#include <cstring>
 #include <iostream>
 #include <set>
-#include <utility>
 #include <sstream>
+#include <utility>
 
 namespace {
 
