@@ -192,7 +192,7 @@ TovakShown TovakReplyCommitted::decode(const tovak_pkt& rsp, Out*)
 TovakShown TovakReplyLogOn::decode(const tovak_pkt& rsp, Out*)
 {
     return fixed(rsp, 4, [&](Reader r) {
-        return u32_of(r) == 0 ? unknown("tovakd answers 4 zero bytes whether or not it worked") 
+        return u32_of(r) == 0 ? unknown("tovakd answers 4 zero bytes whether or not it worked")
                               : unexpected(rsp, "expected 4 zero bytes");
     });
 }
