@@ -11,7 +11,7 @@
 
 #include "bench.h"
 #include "protocol/tovak_cmd_ids.h"
-#include "tovak_cmd_codec.h"
+#include "tovak_client.h"
 
 double seconds_between(Clock::time_point from, Clock::time_point to)
 {

@@ -1,4 +1,5 @@
-// Client library for tovakd: one connection, fixed 5128-byte frames.
+// Client library for tovakd: one connection, fixed 5128-byte frames, and a
+// typed helper per row of the command table.
 #pragma once
 
 #include <cstdint>
@@ -6,15 +7,17 @@
 #include <string>
 #include <vector>
 
-#include "protocol/tovak_pkt.h"
-#include "tovak_cmd_codec.h"
+#include "tovak_commands.h"
 
 enum class TovakStatus {
     ok,
     closed,  // the daemon ended the session without a reply
-    timeout, // no whole reply within the time-out
-    error,   // connect, read or write failed
+    timeout, // a step ran out of time (step() says which)
+    error,   // connect, read or write failed, or the arguments do not fit
 };
+
+// The part of an exchange that failed.
+enum class TovakStep { none, connect, send, receive };
 
 // One typed call: whether the exchange happened, then what the reply showed.
 struct TovakResult {
@@ -25,23 +28,46 @@ struct TovakResult {
     bool done() const { return status == TovakStatus::ok && shown.verdict == TovakVerdict::done; }
 };
 
+// The C++ type of each field kind, for the typed helpers' parameters.
+#define TOVAK_FIELD_none(M, n)
+#define TOVAK_FIELD_u16(M, n) M(uint16_t, n)
+#define TOVAK_FIELD_hex16(M, n) M(uint16_t, n)
+#define TOVAK_FIELD_u32(M, n) M(uint32_t, n)
+#define TOVAK_FIELD_size(M, n) M(int64_t, n)
+#define TOVAK_FIELD_on_off(M, n) M(bool, n)
+#define TOVAK_FIELD_kind(M, n) M(uint32_t, n)
+#define TOVAK_FIELD_levels(M, n) M(uint32_t, n)
+#define TOVAK_FIELD_out_path(M, n) M(const std::string&, n)
+#define TOVAK_FIELD_text(M, n) M(const std::string&, n)
+#define TOVAK_FIELD_device_path(M, n) M(const std::string&, n)
+#define TOVAK_DECLARE(type, n) type n,
+#define TOVAK_PASS(type, n) TovakArg(n),
+
 class TovakClient {
 public:
+    // timeout_ms bounds each step: connect, and send with receive.
     explicit TovakClient(int timeout_ms = 10000);
     ~TovakClient();
     TovakClient(const TovakClient&) = delete;
     TovakClient& operator=(const TovakClient&) = delete;
 
     bool connect(const std::string& socket_path);
+    // Takes over a connected descriptor.
+    void adopt(int fd);
     void close();
     bool connected() const { return fd_ >= 0; }
     int fd() const { return fd_; }
-    // Why the last call failed, for people.
+    // Why the last call failed, for people: the step and its usual cause.
     const std::string& error() const { return error_; }
+    TovakStep step() const { return step_; }
+    // How the last failed step ended.
+    TovakStatus last_status() const { return status_; }
+    int timeout_ms() const { return timeout_ms_; }
+    // Called about every 100 ms while a reply is awaited.
+    void on_wait(std::function<void()> tick) { tick_ = std::move(tick); }
 
-    // Sends one request frame with one write and reads one whole reply.
+    // Sends one request frame and reads one whole reply.
     TovakStatus transact(uint32_t cmd, const void* payload, uint32_t len, tovak_pkt* reply);
-    // Sends a built request frame as it stands and reads the reply.
     TovakStatus exchange(const tovak_pkt& req, tovak_pkt* reply);
     // Sends a frame asking the daemon to end the session.
     TovakStatus disconnect();
@@ -52,71 +78,36 @@ public:
     // True when the daemon closed the connection within the time-out.
     bool wait_closed();
 
-    // 0x13: run a whitelisted shell diagnostic; the text travels with its
-    // zero byte. The reply never says whether it ran.
-    TovakStatus system_command(const std::string& text, tovak_pkt* reply);
+    // One exchange of a row's command; the reply is decoded into report.
+    TovakResult run(const TovakCommand& row, const TovakArgs& args, TovakReport* report = nullptr);
 
-    // Typed helpers, one per command. Outputs are set only when the reply
-    // holds them; a refusal shows in the result, not in an exception.
-    TovakResult log_on();
-    TovakResult log_off();
-    // taken: the size the platform reports after the change.
-    TovakResult set_log_size(int32_t bytes, int32_t* taken = nullptr);
-    TovakResult set_out_path(const std::string& path);
-    TovakResult commit_log();
-    TovakResult add_event(uint16_t id);
-    TovakResult rm_event(uint16_t id);
-    TovakResult get_events(std::vector<uint16_t>* ids);
-    TovakResult add_log(uint16_t code);
-    TovakResult rm_log(uint16_t code);
-    TovakResult get_logs(std::vector<uint16_t>* codes);
-    // Replaces the SSID's level mask (bit n = level n).
-    TovakResult add_msg(uint16_t ssid, uint32_t mask);
-    TovakResult rm_msg(uint16_t ssid);
-    TovakResult get_msgs(std::vector<TovakMsgEntry>* msgs);
-    TovakResult get_buffer_size(uint32_t* bytes);
-    TovakResult get_log_state(bool* on);
-    TovakResult set_config_file(const std::string& path);
-    TovakResult get_config_file(std::string* path);
-    TovakResult run_system(const std::string& text);
-    TovakResult get_range(uint32_t* first, uint32_t* second);
-
-    TovakResult capture_on();
-    TovakResult capture_off();
-    TovakResult capture_commit();
-    TovakResult get_capture_state(bool* on);
-    TovakResult add_category(uint32_t category);
-    TovakResult rm_category(uint32_t category);
-    TovakResult get_categories(std::vector<bool>* enabled);
-    // Stores the live category choice in the configuration.
-    TovakResult save_categories();
-    TovakResult get_category_names(std::vector<std::string>* names);
-    TovakResult set_capture_size(uint32_t category, uint32_t bytes);
-    TovakResult get_capture_size(uint32_t category, uint32_t* bytes);
-    TovakResult get_capture_limits(uint32_t* min, uint32_t* max);
-
-    TovakResult set_autosave(bool on);
-    TovakResult get_autosave(uint32_t* value);
-    // kind: TOVAK_MODEM_DATA_PHANTOM or TOVAK_MODEM_DATA_STATISTICS.
-    TovakResult save_modem_data(uint32_t kind);
-    TovakResult set_msisdn(const std::string& number);
-
-    TovakResult set_dpl_state(uint32_t state);
-    TovakResult get_dpl_state(bool* on);
-    TovakResult get_dpl_all_ifaces(std::vector<TovakDplIface>* ifaces);
-    TovakResult get_dpl_ifaces(std::vector<uint16_t>* ids);
-    TovakResult add_dpl_iface(uint16_t id);
-    TovakResult reset_dpl();
+    // Typed helpers, one per row: the request fields, then where the reply's
+    // value goes. Outputs are set only when the reply holds them; arguments
+    // the daemon is known to refuse are refused here (status error).
+#define TOVAK_METHOD(id, method, name, syntax, f1, f2, reply, ...)                                              \
+    TovakResult method(TOVAK_FIELD_##f1(TOVAK_DECLARE, a1) TOVAK_FIELD_##f2(TOVAK_DECLARE, a2)                   \
+                           TovakReply##reply::Out* out = nullptr)                                              \
+    {                                                                                                         \
+        return call<TovakReply##reply>(id, { TOVAK_FIELD_##f1(TOVAK_PASS, a1) TOVAK_FIELD_##f2(TOVAK_PASS, a2) }, out); \
+    }
+    TOVAK_COMMANDS(TOVAK_METHOD)
+#undef TOVAK_METHOD
 
 private:
-    bool wait_ready(short events);
-    // built: whether the request builder took the arguments.
-    TovakResult call(bool built, const tovak_pkt& req, const std::function<TovakShown(const tovak_pkt&)>& decode);
+    template <class R> TovakResult call(uint32_t id, const TovakArgs& args, typename R::Out* out)
+    {
+        typename R::Out ignored{};
+        return call_with(id, args, [&](const tovak_pkt& rsp) { return R::decode(rsp, out ? out : &ignored); });
+    }
+    TovakResult call_with(uint32_t id, const TovakArgs& args, const std::function<TovakShown(const tovak_pkt&)>& decode);
+    // Waits until fd_ is ready for events or the deadline passes.
+    bool wait_ready(short events, int64_t deadline_ms);
+    TovakStatus fail(TovakStep step, TovakStatus status, const std::string& why);
 
     int fd_ = -1;
     int timeout_ms_;
     std::string error_;
+    TovakStep step_ = TovakStep::none;
+    TovakStatus status_ = TovakStatus::ok;
+    std::function<void()> tick_;
 };
-
-// The request payload of 0x13: u16 length (zero byte counted), the text, 0.
-uint32_t tovak_build_system_command(const std::string& text, uint8_t* payload, uint32_t room);

@@ -1,12 +1,480 @@
-// tovakctl: one command to tovakd per run; see tovakctl --help.
+#include "tovakctl.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
 #include <iostream>
-#include <string>
-#include <vector>
+#include <set>
+#include <sstream>
+#include <utility>
 
-#include "tovakctl_cmds.h"
+namespace {
 
-int main(int argc, char** argv)
+// tovakctl's own subcommands, beside the table's.
+struct Extra {
+    const char* name;
+    const char* syntax;
+    const char* help;
+};
+const Extra extras[] = {
+    { "status", "", "read everything a person asks first and point at what looks wrong" },
+    { "raw", "ID [HEX]", "send any frame (payload in hex); prints the reply's length and payload" },
+    { "completion", "bash", "print a bash completion script: eval \"$(tovakctl completion bash)\"" },
+    { "help", "[SUBCOMMAND]", "all subcommands, or one in full" },
+};
+
+std::string hex_id(uint32_t id)
 {
-    std::vector<std::string> args(argv + 1, argv + argc);
-    return tovakctl_main(args, std::cout, std::cerr);
+    char buf[16];
+    snprintf(buf, sizeof buf, "0x%02" PRIx32, id);
+    return buf;
+}
+
+std::string first_word(const std::string& name)
+{
+    return name.substr(0, name.find(' '));
+}
+
+std::vector<const TovakCommand*> rows_named(const std::string& word)
+{
+    std::vector<const TovakCommand*> rows;
+    for (size_t i = 0; i < tovak_command_count; i++)
+        if (first_word(tovak_commands[i].name) == word)
+            rows.push_back(&tovak_commands[i]);
+    return rows;
+}
+
+const Extra* extra_named(const std::string& word)
+{
+    for (const Extra& e : extras)
+        if (word == e.name)
+            return &e;
+    return nullptr;
+}
+
+std::string form(const std::string& name, const std::string& syntax)
+{
+    return "tovakctl " + name + (syntax.empty() ? "" : " " + syntax);
+}
+
+std::string usage_of(const std::string& word)
+{
+    std::string text;
+    for (const TovakCommand* row : rows_named(word))
+        text += (text.empty() ? "usage: " : "       ") + form(row->name, row->syntax) + "\n";
+    if (const Extra* e = extra_named(word))
+        text += "usage: " + form(e->name, e->syntax) + "\n";
+    return text;
+}
+
+std::string overall_help()
+{
+    std::ostringstream s;
+    s << "usage: tovakctl [--socket PATH | --root ROOT] [--json] [--timeout SECONDS] SUBCOMMAND [ARGS]\n"
+         "       tovakctl SUBCOMMAND --help\n"
+         "\n"
+         "Talks to tovakd over " TOVAK_SOCKET_PATH "; --root ROOT talks to the simulated device at ROOT.\n"
+         "--json prints one JSON object; --timeout bounds connecting, sending and each reply (default 60 s).\n"
+         "Numbers are decimal or 0x-prefixed hex; log codes are always hex.\n"
+         "Exit status: 0 done (or the reply cannot tell), 1 refused or failed, 2 bad usage, 3 timed out.\n\n";
+    auto line = [&](const std::string& id, const std::string& use, const char* help) {
+        s << "  " << id << std::string(6 - id.size(), ' ') << use
+          << std::string(use.size() < 40 ? 40 - use.size() : 1, ' ') << help << "\n";
+    };
+    for (size_t i = 0; i < tovak_command_count; i++) {
+        const TovakCommand& row = tovak_commands[i];
+        line(hex_id(row.id), form(row.name, row.syntax).substr(9), row.help);
+    }
+    for (const Extra& e : extras)
+        line("", form(e.name, e.syntax).substr(9), e.help);
+    return s.str();
+}
+
+std::string subcommand_help(const std::string& word)
+{
+    std::string text = usage_of(word);
+    for (const TovakCommand* row : rows_named(word)) {
+        text.append("\n").append(form(row->name, row->syntax)) += "  (command " + hex_id(row->id) + ")\n  " + row->help + ".\n";
+        if (row->gate != TovakGate::none)
+            text += std::string("  Refused when tovakd's start-up of ") +
+                    (row->gate == TovakGate::logging ? "modem logging" : "Android log capture") + " failed" +
+                    (row->refusal ? std::string(", and for ") + row->refusal : "") + ".\n";
+        bool size = row->fields[0] == TovakField::size || row->fields[1] == TovakField::size;
+        if (row->limit && row->fields[0] != TovakField::u32)
+            text += "  At most " + std::to_string(row->limit) + (size ? " bytes.\n" : " characters.\n");
+        if (row->waits)
+            text += std::string("  It may wait for ") + row->waits + ".\n";
+    }
+    if (const Extra* e = extra_named(word))
+        text += std::string("\n  ") + e->help + ".\n";
+    return text;
+}
+
+// Subcommands, and the words each takes first.
+std::string completion_bash()
+{
+    std::string names, cases;
+    std::set<std::string> seen;
+    for (size_t i = 0; i < tovak_command_count; i++) {
+        std::string word = first_word(tovak_commands[i].name), choices;
+        if (!seen.insert(word).second)
+            continue;
+        names += word + " ";
+        for (const TovakCommand* row : rows_named(word)) {
+            choices += row->name == word ? "" : std::string(row->name).substr(word.size() + 1) + " ";
+            choices += row->fields[0] == TovakField::on_off ? "on off " : "";
+            choices += row->fields[0] == TovakField::kind ? "phantom statistics " : "";
+        }
+        cases += choices.empty() ? "" : "    " + word + ") words=\"" + choices + "\" ;;\n";
+    }
+    for (const Extra& e : extras)
+        names += std::string(e.name) + " ";
+    return "# eval \"$(tovakctl completion bash)\"\n"
+           "_tovakctl() {\n"
+           "    local cur=${COMP_WORDS[COMP_CWORD]} sub= n=0 i words=--help\n"
+           "    for ((i = 1; i < COMP_CWORD; i++)); do\n"
+           "        case ${COMP_WORDS[i]} in --socket | --root | --timeout) ((i++)) ;; -*) ;;\n"
+           "        *) if [ -z \"$sub\" ]; then sub=${COMP_WORDS[i]}; else ((n++)); fi ;; esac\n"
+           "    done\n"
+           "    case ${COMP_WORDS[COMP_CWORD-1]} in\n"
+           "    --root) COMPREPLY=($(compgen -d -- \"$cur\")); return ;;\n"
+           "    --socket) COMPREPLY=($(compgen -f -- \"$cur\")); return ;;\n"
+           "    --timeout) return ;; esac\n"
+           "    [ -z \"$sub\" ] && words=\"" + names + "--socket --root --json --timeout --help\"\n"
+           "    [ -n \"$sub\" ] && [ $n -eq 0 ] && case $sub in\n" + cases +
+           "    completion) words=bash ;; help) words=\"" + names + "\" ;; esac\n"
+           "    COMPREPLY=($(compgen -W \"$words\" -- \"$cur\"))\n"
+           "}\n"
+           "complete -F _tovakctl tovakctl\n";
+}
+
+struct Ctl {
+    CtlOptions opt;
+    std::ostream& out;
+    std::ostream& err;
+};
+
+int usage_error(Ctl& c, const std::string& word, const std::string& why)
+{
+    c.err << "tovakctl: " << word << ": " << why << "\n" << usage_of(word);
+    return CTL_EXIT_USAGE;
+}
+
+void print_json(Ctl& c, const std::string& name, uint32_t id, std::vector<std::pair<std::string, std::string>> members)
+{
+    members.insert(members.begin(), { { "command", tovak_json_string(name) }, { "id", std::to_string(id) } });
+    c.out << tovak_json_object(members) << "\n";
+}
+
+// Seconds with up to three decimals.
+bool parse_seconds(const std::string& text, int* ms)
+{
+    size_t dot = text.find('.');
+    uint64_t whole = 0, frac = 0;
+    std::string decimals = dot == std::string::npos ? "" : text.substr(dot + 1);
+    if (!tovak_parse_number(text.substr(0, dot), 86400, false, &whole) || decimals.size() > 3 ||
+        (!decimals.empty() && !tovak_parse_number(decimals, 999, false, &frac)))
+        return false;
+    for (size_t i = decimals.size(); i < 3; i++)
+        frac *= 10;
+    *ms = int(whole * 1000 + frac);
+    return *ms > 0;
+}
+
+// What the user is waiting for, on a terminal: after a second, a line on
+// stderr with the time, what the command waits for, and tovakd's latest
+// log line.
+class Progress {
+public:
+    Progress(const Ctl& c, const std::string& name, const char* waits)
+        : head_("tovakctl: " + name + ": "), waits_(waits ? waits : "tovakd's reply"),
+          active_(&c.err == &std::cerr && isatty(STDERR_FILENO))
+    {
+        if (active_)
+            log_.open(c.opt, true);
+    }
+    ~Progress() { clear(); }
+    void tick()
+    {
+        for (const std::string& msg : active_ ? log_.read() : std::vector<std::string>())
+            last_ = msg;
+        auto s = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start_).count();
+        if (!active_ || s < 1)
+            return;
+        std::string line = head_ + std::to_string(s) + " s, waiting for " + waits_ + (last_.empty() ? "" : "; tovakd: " + last_);
+        winsize ws = {};
+        size_t width = ioctl(STDERR_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 1 ? ws.ws_col - 1 : 79;
+        std::cerr << "\r\033[K" << line.substr(0, width) << std::flush;
+        shown_ = true;
+    }
+    void clear()
+    {
+        if (std::exchange(shown_, false))
+            std::cerr << "\r\033[K" << std::flush;
+    }
+
+private:
+    std::string head_, waits_, last_;
+    bool active_, shown_ = false;
+    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    CtlLog log_;
+};
+
+bool connect(Ctl& c, TovakClient& client)
+{
+    if (c.opt.fd < 0)
+        return client.connect(c.opt.socket);
+    client.adopt(c.opt.fd);
+    return true;
+}
+
+// A failed exchange; returns the exit status.
+int failure(Ctl& c, const TovakClient& client, const std::string& name, uint32_t id, TovakStatus status,
+            const TovakCommand* row)
+{
+    std::string what = client.error();
+    if (status == TovakStatus::closed && client.step() == TovakStep::receive)
+        what = row ? "tovakd closed the session without a reply to " + hex_id(id) +
+                         ", a command it knows: it may have ended while handling it (see its log)"
+                   : "tovakd closed the session without a reply: it has no command " + hex_id(id);
+    if (status == TovakStatus::timeout && client.step() == TovakStep::receive && row && row->confirm >= 0)
+        what += std::string("; logging may still go ") + (row->confirm ? "on" : "off") +
+                ": check with `tovakctl state`";
+    else if (status == TovakStatus::timeout && client.step() == TovakStep::receive && row && row->waits)
+        what += "; it may still finish: check with `tovakctl status`";
+    if (c.opt.json)
+        print_json(c, name, id, { { "refused", "\"unknown\"" }, { "error", tovak_json_string(what) } });
+    c.err << "tovakctl: " << name << ": " << what << "\n";
+    return status == TovakStatus::timeout ? CTL_EXIT_TIMEOUT : CTL_EXIT_FAILED;
+}
+
+// Why a command was refused, when its start-up flag is the likely cause:
+// another command behind the same flag, which asks for nothing, tells.
+std::string explain_refusal(TovakClient& client, const TovakCommand& row)
+{
+    bool logging = row.gate == TovakGate::logging;
+    TovakResult probe = logging ? client.get_capture_limits()
+                        : row.gate == TovakGate::capture ? client.get_capture_state()
+                                                         : TovakResult();
+    if (probe.status == TovakStatus::ok && probe.shown.verdict == TovakVerdict::refused)
+        return std::string("; it refuses every ") + (logging ? "logging" : "capture") + " command because its " +
+               (logging ? "start-up of modem logging failed (a usual cause: a negative <BufferSize> in "
+                          "/data/media/0/dm.cfg)"
+                        : "Android log capture did not start") +
+               "; `tovakctl status` shows more";
+    return row.refusal ? std::string("; it refuses ") + row.refusal : "";
+}
+
+int run_row(Ctl& c, const TovakCommand& row, const std::vector<std::string>& words)
+{
+    TovakArgs args;
+    std::string why;
+    tovak_pkt req;
+    if (!tovak_parse_words(row, words, &args, &why) || !tovak_encode(row, args, &req, &why))
+        return usage_error(c, first_word(row.name), why);
+    std::vector<std::pair<std::string, std::string>> json;
+    if (row.fields[0] == TovakField::device_path) {
+        std::string file = ctl_device_file(c.opt, args[0].text);
+        if (!file.empty() && access(file.c_str(), F_OK) != 0) {
+            std::string warning = args[0].text + " does not exist on the device: tovakd takes the name anyway, "
+                                                 "and saves every later change there";
+            c.err << "tovakctl: warning: " << warning << "\n";
+            json.emplace_back("warning", tovak_json_string(warning));
+        }
+    }
+    TovakClient client(c.opt.timeout_ms);
+    if (!connect(c, client))
+        return failure(c, client, row.name, row.id, client.last_status(), &row);
+    Progress progress(c, row.name, row.waits);
+    client.on_wait([&] { progress.tick(); });
+    TovakReport report;
+    TovakResult res = client.run(row, args, &report);
+    progress.clear();
+    if (res.status != TovakStatus::ok)
+        return failure(c, client, row.name, row.id, res.status, &row);
+    if (res.shown.verdict == TovakVerdict::refused)
+        res.shown.note += explain_refusal(client, row);
+    client.disconnect();
+
+    bool failed = res.shown.verdict == TovakVerdict::refused || res.shown.verdict == TovakVerdict::unexpected;
+    if (c.opt.json) {
+        json.insert(json.begin(), { { "reply_len", std::to_string(res.reply_len) },
+                                    { "refused", res.shown.verdict == TovakVerdict::unknown ? "\"unknown\""
+                                                 : res.shown.verdict == TovakVerdict::refused ? "true" : "false" } });
+        if (!res.shown.note.empty())
+            json.emplace_back(res.shown.verdict == TovakVerdict::unexpected ? "error" : "note",
+                              tovak_json_string(res.shown.note));
+        json.insert(json.end(), report.json.begin(), report.json.end());
+        print_json(c, row.name, row.id, json);
+    } else if (res.shown.verdict == TovakVerdict::done) {
+        c.out << (report.text.empty() ? "done\n" : report.text);
+    } else if (res.shown.verdict == TovakVerdict::unknown) {
+        c.out << report.text << "sent; " << res.shown.note << "\n";
+    } else {
+        c.err << "tovakctl: " << row.name << ": " << (res.shown.verdict == TovakVerdict::refused ? "refused: " : "")
+              << res.shown.note << "\n";
+    }
+    return failed ? CTL_EXIT_FAILED : CTL_EXIT_OK;
+}
+
+// Pairs of hex digits; blanks and colons are ignored.
+bool parse_hex(const std::string& text, std::vector<uint8_t>* out)
+{
+    std::string digits;
+    for (char ch : text)
+        digits += ch == ' ' || ch == ':' ? "" : std::string(1, ch);
+    uint64_t byte;
+    for (size_t i = 0; i < digits.size(); i += 2, out->push_back(uint8_t(byte)))
+        if (i + 1 == digits.size() || !tovak_parse_number(digits.substr(i, 2), 0xff, true, &byte))
+            return false;
+    return true;
+}
+
+int run_raw(Ctl& c, const std::vector<std::string>& words)
+{
+    uint64_t id = 0;
+    std::vector<uint8_t> payload;
+    tovak_pkt req, rsp;
+    if (words.empty() || words.size() > 2 || !tovak_parse_number(words[0], UINT32_MAX, false, &id))
+        return usage_error(c, "raw", "expected a command id from 0 to 4294967295 and at most one payload");
+    if (words.size() == 2 && !parse_hex(words[1], &payload))
+        return usage_error(c, "raw", "bad payload: expected pairs of hex digits, blanks or colons between bytes");
+    if (!tovak_req_raw(&req, uint32_t(id), payload))
+        return usage_error(c, "raw", "payload too long: at most " + std::to_string(TOVAK_PKT_DATA_SIZE) + " bytes");
+    TovakClient client(c.opt.timeout_ms);
+    if (!connect(c, client))
+        return failure(c, client, "raw", req.cmd, client.last_status(), nullptr);
+    TovakStatus st = client.exchange(req, &rsp);
+    if (st == TovakStatus::closed && req.cmd == CMD_DISCONNECT) {
+        if (c.opt.json)
+            print_json(c, "raw", req.cmd, { { "closed", "true" }, { "refused", "false" } });
+        else
+            c.out << "tovakd ended the session, as asked\n";
+        return CTL_EXIT_OK;
+    }
+    if (st != TovakStatus::ok)
+        return failure(c, client, "raw", req.cmd, st, tovak_command(req.cmd));
+    client.disconnect();
+    std::string hex;
+    for (uint32_t i = 0; i < rsp.len && i < TOVAK_PKT_DATA_SIZE; i++) {
+        char b[4];
+        snprintf(b, sizeof b, "%02x", rsp.data[i]);
+        hex += b;
+    }
+    if (c.opt.json)
+        print_json(c, "raw", req.cmd,
+                   { { "reply_len", std::to_string(rsp.len) }, { "refused", "\"unknown\"" }, { "payload", tovak_json_string(hex) } });
+    else
+        c.out << "len " << rsp.len << "\npayload " << hex << "\n";
+    return CTL_EXIT_OK;
+}
+
+// Options before the subcommand. Returns -1 to go on, else the exit status.
+int parse_options(const std::vector<std::string>& args, size_t* at, Ctl& c)
+{
+    bool socket = false, root = false;
+    for (; *at < args.size() && args[*at].size() > 1 && args[*at][0] == '-'; ++*at) {
+        const std::string& a = args[*at];
+        if (a == "--help" || a == "-h") {
+            c.out << overall_help();
+            return CTL_EXIT_OK;
+        }
+        if (a == "--json") {
+            c.opt.json = true;
+            continue;
+        }
+        if (a != "--socket" && a != "--root" && a != "--timeout") {
+            c.err << "tovakctl: unknown option " << a << " (tovakctl --help lists the options)\n";
+            return CTL_EXIT_USAGE;
+        }
+        if (++*at >= args.size()) {
+            c.err << "tovakctl: " << a << " needs a value\n";
+            return CTL_EXIT_USAGE;
+        }
+        const std::string& v = args[*at];
+        if (a == "--timeout" && !parse_seconds(v, &c.opt.timeout_ms)) {
+            c.err << "tovakctl: bad time-out '" << v << "': expected seconds from 0.001 to 86400\n";
+            return CTL_EXIT_USAGE;
+        }
+        if (a == "--socket") {
+            c.opt.socket = v;
+            c.opt.device_files = false;
+            socket = true;
+        } else if (a == "--root") {
+            // A simulated device shows the phone's paths under its root.
+            c.opt.socket = v + TOVAK_SOCKET_PATH;
+            c.opt.root = v;
+            root = true;
+        }
+    }
+    if (socket && root) {
+        c.err << "tovakctl: --socket and --root name the socket twice; give one\n";
+        return CTL_EXIT_USAGE;
+    }
+    if (*at == args.size()) {
+        c.err << "tovakctl: no subcommand given\n" << overall_help();
+        return CTL_EXIT_USAGE;
+    }
+    return -1;
+}
+
+} // namespace
+
+int tovakctl_main(const std::vector<std::string>& args, std::ostream& out, std::ostream& err, int fd)
+{
+    Ctl c = { CtlOptions(), out, err };
+    c.opt.fd = fd;
+    size_t at = 0;
+    int rc = parse_options(args, &at, c);
+    if (rc >= 0)
+        return rc;
+    const std::string& word = args[at];
+    std::vector<std::string> words(args.begin() + long(at) + 1, args.end());
+    std::vector<const TovakCommand*> rows = rows_named(word);
+    if (rows.empty() && !extra_named(word)) {
+        err << "tovakctl: unknown subcommand '" << word << "' (tovakctl --help lists them)\n";
+        return CTL_EXIT_USAGE;
+    }
+    for (const std::string& w : words) {
+        if (w == "--help" || w == "-h") {
+            out << subcommand_help(word);
+            return CTL_EXIT_OK;
+        }
+    }
+    if (word == "help" && words.size() <= 1) {
+        bool known = words.empty() || !rows_named(words[0]).empty() || extra_named(words[0]);
+        if (!known)
+            return usage_error(c, "help", "unknown subcommand '" + words[0] + "'");
+        out << (words.empty() ? overall_help() : subcommand_help(words[0]));
+        return CTL_EXIT_OK;
+    }
+    if (word == "completion" && words.size() == 1 && words[0] == "bash") {
+        out << completion_bash();
+        return CTL_EXIT_OK;
+    }
+    if (word == "raw")
+        return run_raw(c, words);
+    if (word == "status") {
+        if (!words.empty())
+            return usage_error(c, word, "status takes no arguments");
+        TovakClient client(c.opt.timeout_ms);
+        if (!connect(c, client))
+            return failure(c, client, word, CMD_GET_LOG_STATE, client.last_status(), nullptr);
+        return ctl_status(c.opt, client, out, err);
+    }
+    // Among rows of one name, the second word, or else the number of words, picks.
+    for (const TovakCommand* row : rows) {
+        std::string name = row->name;
+        if (name != word) {
+            if (!words.empty() && words[0] == name.substr(word.size() + 1))
+                return run_row(c, *row, std::vector<std::string>(words.begin() + 1, words.end()));
+        } else if (rows.size() == 1 || (int(words.size()) >= tovak_min_words(*row) &&
+                                        int(words.size()) <= tovak_max_words(*row))) {
+            return run_row(c, *row, words);
+        }
+    }
+    return usage_error(c, word, words.empty() ? "missing argument" : "unexpected arguments");
 }

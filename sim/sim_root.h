@@ -10,6 +10,8 @@
 #define SIM_SANDBOX_MARK "/" SIM_DIR
 #define SIM_STDOUT_FILE SIM_DIR "/tovakd.stdout"
 #define SIM_LOCK_FILE SIM_DIR "/lock"
+// The launcher's account of tovakd: "pid N", "starts K", "last_exit TEXT".
+#define SIM_DAEMON_STATE_FILE SIM_DIR "/tovakd.state"
 // The logger's text file, in logcat's threadtime format.
 #define SIM_LOGCAT_FILE SIM_DIR "/logcat.txt"
 // QMI saves: KIND_NUMBER_SEQ.bin, the bytes exactly as given.

@@ -140,6 +140,8 @@ bool SimDevice::start(const std::vector<std::string>& args)
     std::vector<std::string> argv = { bin("tovak-sim"), "up", root() };
     argv.insert(argv.end(), args.begin(), args.end());
     launcher_err_ = path("launcher.err");
+    // The launcher appends the daemon's output: this start's begins here.
+    stdout_from_ = read_file(path(SIM_STDOUT_FILE)).size();
     // Tests count entries: no background logging unless a test asks for it.
     setenv("TOVAK_DEVSIM_QUIET", "1", 0);
     // The launcher echoes the daemon's stdout; the copy under ROOT is what
@@ -224,7 +226,8 @@ std::unique_ptr<TovakClient> SimDevice::connect(int timeout_ms)
 
 std::string SimDevice::daemon_stdout() const
 {
-    return read_file(path(SIM_STDOUT_FILE));
+    std::string text = read_file(path(SIM_STDOUT_FILE));
+    return text.size() > stdout_from_ ? text.substr(stdout_from_) : "";
 }
 
 bool SimDevice::wait_stdout(const std::string& needle, std::chrono::milliseconds timeout) const

@@ -86,4 +86,5 @@ private:
     // The launcher's wait status when it ended on its own; -1 otherwise.
     int launcher_status_ = -1;
     std::string launcher_err_;
+    size_t stdout_from_ = 0;
 };
