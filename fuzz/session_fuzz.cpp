@@ -13,8 +13,9 @@
 #include <string_view>
 #include <thread>
 
+#include "adblog/adblog_cmds.h"
 #include "daemon/tovak.h"
-#include "handlers/tovak_handler.h"
+#include "logging/tovak_logging.h"
 #include "linked_devsim.h"
 #include "protocol/tovak_pkt.h"
 
