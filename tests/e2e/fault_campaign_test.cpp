@@ -507,7 +507,7 @@ TEST(FaultCampaign, FaultsSurvivedAndNothingLost)
 {
     const char* env = getenv("TOVAK_CAMPAIGN_SEED");
     const uint32_t seed = env != nullptr && *env ? uint32_t(strtoul(env, nullptr, 10)) : std::random_device()();
-    printf("fault campaign: seed %u (TOVAK_CAMPAIGN_SEED=%u repeats this run)\n", seed, seed);
+    printf("fault campaign: seed %u (TOVAK_CAMPAIGN_SEED=%u makes the same choices again)\n", seed, seed);
     std::mt19937 rng(seed);
     Tally tally;
     const bool root = geteuid() == 0;
