@@ -15,6 +15,7 @@
 #include <optional>
 #include <random>
 #include <set>
+#include <string_view>
 #include <thread>
 
 #include "config/tovak_config.h"
