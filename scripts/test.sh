@@ -50,7 +50,8 @@ asan() {
 tsan() {
     begin "ThreadSanitizer build, concurrent tests"
     configure "$top/build-tsan" -DTOVAK_TSAN=ON
-    cmake --build "$top/build-tsan" --target tovak_unit_tests tovak_e2e_tests tovakd tovak-sim tovak-devsim
+    cmake --build "$top/build-tsan" --target tovak_unit_tests tovak_e2e_tests tovak_fault_campaign_tests tovakd tovak-sim \
+        tovak-devsim
     # The daemon runs as its own process; the tests fail on any report in
     # its output, so a race never passes silently.
     TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1} \

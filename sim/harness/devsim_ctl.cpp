@@ -1,17 +1,43 @@
 #include "devsim_ctl.h"
 
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "protocol/unix_socket.h"
 #include "sim_device.h"
 #include "sim_link.h"
+#include "sim_root.h"
 
 int devsim_ctl(const std::string& root, const std::vector<std::string>& args, std::string* out, std::string* err)
 {
     std::vector<std::string> argv = { SimDevice::bin("tovak-sim"), "ctl", root };
     argv.insert(argv.end(), args.begin(), args.end());
     return SimDevice::run(argv, out, err);
+}
+
+int devsim_request(const std::string& root, const std::vector<std::string>& args, std::string* out)
+{
+    int fd = unix_socket_connect((root + "/" SIM_CTL_SOCKET).c_str(), 10000);
+    if (fd < 0)
+        return 1;
+    // Words with their zero bytes, then the end of the request: as ctl sends it.
+    std::string request, reply;
+    for (const std::string& a : args)
+        request.append(a).push_back('\0');
+    timeval limit = { 10, 0 };
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    bool sent = send(fd, request.data(), request.size(), MSG_NOSIGNAL) == ssize_t(request.size()) &&
+                shutdown(fd, SHUT_WR) == 0;
+    char buf[4096];
+    for (ssize_t n; sent && (n = read(fd, buf, sizeof buf)) > 0;)
+        reply.append(buf, size_t(n));
+    close(fd);
+    if (out)
+        *out = reply;
+    return sent && !reply.empty() && reply.compare(0, 7, "error: ") != 0 ? 0 : 1;
 }
 
 nlohmann::json devsim_status(const std::string& root)

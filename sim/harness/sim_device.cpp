@@ -1,7 +1,9 @@
 #include "sim_device.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -76,6 +78,9 @@ SimDevice::~SimDevice()
 
 std::string SimDevice::path(const std::string& rel) const
 {
+    // The small /sdcard is mounted only where the launcher runs.
+    if (sdcard_mib_ > 0 && running())
+        return "/proc/" + std::to_string(launcher_) + "/root" + root() + "/" + rel;
     return root() + "/" + rel;
 }
 
@@ -99,7 +104,10 @@ int wait_child(pid_t pid)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-static pid_t spawn(const std::vector<std::string>& argv, int out_fd, int err_fd)
+// With tmpfs_at, the child runs in a mount namespace of its own where a
+// tmpfs (tmpfs_opts) is mounted there.
+static pid_t spawn(const std::vector<std::string>& argv, int out_fd, int err_fd, const char* tmpfs_at = nullptr,
+                   const char* tmpfs_opts = nullptr)
 {
     std::vector<char*> args;
     for (const std::string& a : argv)
@@ -111,6 +119,13 @@ static pid_t spawn(const std::vector<std::string>& argv, int out_fd, int err_fd)
             dup2(out_fd, STDOUT_FILENO);
         if (err_fd >= 0)
             dup2(err_fd, STDERR_FILENO);
+        if (tmpfs_at != nullptr && (unshare(CLONE_NEWNS) != 0 ||
+                                    mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                                    mount("tmpfs", tmpfs_at, "tmpfs", MS_NOSUID | MS_NODEV, tmpfs_opts) != 0)) {
+            static const char why[] = "cannot mount a small /sdcard: needs root and mount namespaces\n";
+            (void)!write(STDERR_FILENO, why, sizeof why - 1);
+            _exit(126);
+        }
         execv(args[0], args.data());
         _exit(127);
     }
@@ -148,7 +163,10 @@ bool SimDevice::start(const std::vector<std::string>& args)
     // tests read, so the echo goes nowhere.
     int null_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
     int err_fd = open(launcher_err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    launcher_ = spawn(argv, null_fd, err_fd);
+    const std::string sdcard = root() + "/data/media/0", opts = "size=" + std::to_string(sdcard_mib_) + "m,mode=0777";
+    if (sdcard_mib_ > 0)
+        std::filesystem::create_directories(sdcard);
+    launcher_ = spawn(argv, null_fd, err_fd, sdcard_mib_ > 0 ? sdcard.c_str() : nullptr, opts.c_str());
     launcher_status_ = -1;
     close(null_fd);
     close(err_fd);

@@ -44,8 +44,12 @@ public:
     SimDevice& operator=(const SimDevice&) = delete;
 
     const std::string& root() const { return root_.path(); }
-    // ROOT/rel.
+    // ROOT/rel as the device sees it.
     std::string path(const std::string& rel) const;
+    // Before start: /sdcard (ROOT/data/media/0) becomes a tmpfs of mib MiB,
+    // mounted in a mount namespace of the launcher's own, so that it can be
+    // filled. Needs root; path() then reaches it through the launcher.
+    void small_sdcard(int mib) { sdcard_mib_ = mib; }
     std::string socket_path() const;
 
     // Runs `tovak-sim up ROOT args...` and waits until the daemon accepts
@@ -87,4 +91,5 @@ private:
     int launcher_status_ = -1;
     std::string launcher_err_;
     size_t stdout_from_ = 0;
+    int sdcard_mib_ = 0;
 };
