@@ -16,6 +16,7 @@
 #include "adblog/adblog_cmds.h"
 #include "daemon/tovak.h"
 #include "logging/tovak_logging.h"
+#include "platform/properties.h"
 #include "linked_devsim.h"
 #include "protocol/tovak_pkt.h"
 
@@ -27,9 +28,11 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
         abort();
     }
     signal(SIGPIPE, SIG_IGN);
-    write_file("/data/property/dev.bootcomplete", "1");
     static LinkedDevsim sim;
     if (!sim.start())
+        abort();
+    // A booted phone: log on must not wait for boot on every input.
+    if (property_set("dev.bootcomplete", "1") != 0)
         abort();
     // A lost answer costs little time.
     sim_host_set_timeout_ms(200);
