@@ -24,9 +24,19 @@ for entry in /*; do
        else host+=(--ro-bind "$entry" "$entry"); fi ;;
     esac
 done
+# A checkout, build or working directory under the host's /tmp stays
+# visible, read-only, above the scratch /tmp.
+keep=()
+top=$(realpath "$(dirname "$0")/../..")
+cmd=$(command -v "$1" || true)
+for path in "$top" "$(pwd -P)" ${cmd:+"$(dirname "$(realpath "$cmd")")"}; do
+    case $path in
+    /tmp/*) keep+=(--ro-bind "$path" "$path") ;;
+    esac
+done
 exec bwrap "${host[@]}" --dev /dev --proc /proc \
     --tmpfs /tmp --tmpfs /data --tmpfs /system --tmpfs /dev/log \
     --dir /data/media/0 --dir /data/local --dir /data/property --dir /system/etc \
     --symlink /data/media/0 /sdcard \
-    "${rw[@]}" --setenv TMPDIR /tmp --setenv TOVAK_SCRATCH_ROOT 1 \
+    "${keep[@]}" "${rw[@]}" --setenv TMPDIR /tmp --setenv TOVAK_SCRATCH_ROOT 1 \
     --die-with-parent --unshare-pid -- "$@"
