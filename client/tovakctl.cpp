@@ -4,152 +4,11 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cinttypes>
 #include <cstdio>
 #include <iostream>
-#include <set>
-#include <sstream>
 #include <utility>
 
 namespace {
-
-// tovakctl's own subcommands, beside the table's.
-struct Extra {
-    const char* name;
-    const char* syntax;
-    const char* help;
-};
-const Extra extras[] = {
-    { "status", "", "read everything a person asks first and point at what looks wrong" },
-    { "raw", "ID [HEX]", "send any frame (payload in hex); prints the reply's length and payload" },
-    { "completion", "bash", "print a bash completion script: eval \"$(tovakctl completion bash)\"" },
-    { "help", "[SUBCOMMAND]", "all subcommands, or one in full" },
-};
-
-std::string hex_id(uint32_t id)
-{
-    char buf[16];
-    snprintf(buf, sizeof buf, "0x%02" PRIx32, id);
-    return buf;
-}
-
-std::string first_word(const std::string& name)
-{
-    return name.substr(0, name.find(' '));
-}
-
-std::vector<const TovakCommand*> rows_named(const std::string& word)
-{
-    std::vector<const TovakCommand*> rows;
-    for (size_t i = 0; i < tovak_command_count; i++)
-        if (first_word(tovak_commands[i].name) == word)
-            rows.push_back(&tovak_commands[i]);
-    return rows;
-}
-
-const Extra* extra_named(const std::string& word)
-{
-    for (const Extra& e : extras)
-        if (word == e.name)
-            return &e;
-    return nullptr;
-}
-
-std::string form(const std::string& name, const std::string& syntax)
-{
-    return "tovakctl " + name + (syntax.empty() ? "" : " " + syntax);
-}
-
-std::string usage_of(const std::string& word)
-{
-    std::string text;
-    for (const TovakCommand* row : rows_named(word))
-        text += (text.empty() ? "usage: " : "       ") + form(row->name, row->syntax) + "\n";
-    if (const Extra* e = extra_named(word))
-        text += "usage: " + form(e->name, e->syntax) + "\n";
-    return text;
-}
-
-std::string overall_help()
-{
-    std::ostringstream s;
-    s << "usage: tovakctl [--socket PATH | --root ROOT] [--json] [--timeout SECONDS] SUBCOMMAND [ARGS]\n"
-         "       tovakctl SUBCOMMAND --help\n"
-         "\n"
-         "Talks to tovakd over " TOVAK_SOCKET_PATH "; --root ROOT talks to the simulated device at ROOT.\n"
-         "--json prints one JSON object; --timeout bounds connecting, sending and each reply (default 60 s).\n"
-         "Numbers are decimal or 0x-prefixed hex; log codes are always hex.\n"
-         "Exit status: 0 done (or the reply cannot tell), 1 refused or failed, 2 bad usage, 3 timed out.\n\n";
-    auto line = [&](const std::string& id, const std::string& use, const char* help) {
-        s << "  " << id << std::string(6 - id.size(), ' ') << use
-          << std::string(use.size() < 40 ? 40 - use.size() : 1, ' ') << help << "\n";
-    };
-    for (size_t i = 0; i < tovak_command_count; i++) {
-        const TovakCommand& row = tovak_commands[i];
-        line(hex_id(row.id), form(row.name, row.syntax).substr(9), row.help);
-    }
-    for (const Extra& e : extras)
-        line("", form(e.name, e.syntax).substr(9), e.help);
-    return s.str();
-}
-
-std::string subcommand_help(const std::string& word)
-{
-    std::string text = usage_of(word);
-    for (const TovakCommand* row : rows_named(word)) {
-        text.append("\n").append(form(row->name, row->syntax)) += "  (command " + hex_id(row->id) + ")\n  " + row->help + ".\n";
-        if (row->gate != TovakGate::none)
-            text += std::string("  Refused when tovakd's start-up of ") +
-                    (row->gate == TovakGate::logging ? "modem logging" : "Android log capture") + " failed" +
-                    (row->refusal ? std::string(", and for ") + row->refusal : "") + ".\n";
-        bool size = row->fields[0] == TovakField::size || row->fields[1] == TovakField::size;
-        if (row->limit && row->fields[0] != TovakField::u32)
-            text += "  At most " + std::to_string(row->limit) + (size ? " bytes.\n" : " characters.\n");
-        if (row->waits)
-            text += std::string("  It may wait for ") + row->waits + ".\n";
-    }
-    if (const Extra* e = extra_named(word))
-        text += std::string("\n  ") + e->help + ".\n";
-    return text;
-}
-
-// Subcommands, and the words each takes first.
-std::string completion_bash()
-{
-    std::string names, cases;
-    std::set<std::string> seen;
-    for (size_t i = 0; i < tovak_command_count; i++) {
-        std::string word = first_word(tovak_commands[i].name), choices;
-        if (!seen.insert(word).second)
-            continue;
-        names += word + " ";
-        for (const TovakCommand* row : rows_named(word)) {
-            choices += row->name == word ? "" : std::string(row->name).substr(word.size() + 1) + " ";
-            choices += row->fields[0] == TovakField::on_off ? "on off " : "";
-            choices += row->fields[0] == TovakField::kind ? "phantom statistics " : "";
-        }
-        cases += choices.empty() ? "" : "    " + word + ") words=\"" + choices + "\" ;;\n";
-    }
-    for (const Extra& e : extras)
-        names += std::string(e.name) + " ";
-    return "# eval \"$(tovakctl completion bash)\"\n"
-           "_tovakctl() {\n"
-           "    local cur=${COMP_WORDS[COMP_CWORD]} sub= n=0 i words=--help\n"
-           "    for ((i = 1; i < COMP_CWORD; i++)); do\n"
-           "        case ${COMP_WORDS[i]} in --socket | --root | --timeout) ((i++)) ;; -*) ;;\n"
-           "        *) if [ -z \"$sub\" ]; then sub=${COMP_WORDS[i]}; else ((n++)); fi ;; esac\n"
-           "    done\n"
-           "    case ${COMP_WORDS[COMP_CWORD-1]} in\n"
-           "    --root) COMPREPLY=($(compgen -d -- \"$cur\")); return ;;\n"
-           "    --socket) COMPREPLY=($(compgen -f -- \"$cur\")); return ;;\n"
-           "    --timeout) return ;; esac\n"
-           "    [ -z \"$sub\" ] && words=\"" + names + "--socket --root --json --timeout --help\"\n"
-           "    [ -n \"$sub\" ] && [ $n -eq 0 ] && case $sub in\n" + cases +
-           "    completion) words=bash ;; help) words=\"" + names + "\" ;; esac\n"
-           "    COMPREPLY=($(compgen -W \"$words\" -- \"$cur\"))\n"
-           "}\n"
-           "complete -F _tovakctl tovakctl\n";
-}
 
 struct Ctl {
     CtlOptions opt;
@@ -159,7 +18,7 @@ struct Ctl {
 
 int usage_error(Ctl& c, const std::string& word, const std::string& why)
 {
-    c.err << "tovakctl: " << word << ": " << why << "\n" << usage_of(word);
+    c.err << "tovakctl: " << word << ": " << why << "\n" << ctl_usage_of(word);
     return CTL_EXIT_USAGE;
 }
 
@@ -237,9 +96,9 @@ int failure(Ctl& c, const TovakClient& client, const std::string& name, uint32_t
 {
     std::string what = client.error();
     if (status == TovakStatus::closed && client.step() == TovakStep::receive)
-        what = row ? "tovakd closed the session without a reply to " + hex_id(id) +
+        what = row ? "tovakd closed the session without a reply to " + ctl_hex_id(id) +
                          ", a command it knows: it may have ended while handling it (see its log)"
-                   : "tovakd closed the session without a reply: it has no command " + hex_id(id);
+                   : "tovakd closed the session without a reply: it has no command " + ctl_hex_id(id);
     if (status == TovakStatus::timeout && client.step() == TovakStep::receive && row && row->confirm >= 0)
         what += std::string("; logging may still go ") + (row->confirm ? "on" : "off") +
                 ": check with `tovakctl state`";
@@ -274,7 +133,7 @@ int run_row(Ctl& c, const TovakCommand& row, const std::vector<std::string>& wor
     std::string why;
     tovak_pkt req;
     if (!tovak_parse_words(row, words, &args, &why) || !tovak_encode(row, args, &req, &why))
-        return usage_error(c, first_word(row.name), why);
+        return usage_error(c, ctl_first_word(row.name), why);
     std::vector<std::pair<std::string, std::string>> json;
     if (row.fields[0] == TovakField::device_path) {
         std::string file = ctl_device_file(c.opt, args[0].text);
@@ -379,7 +238,7 @@ int parse_options(const std::vector<std::string>& args, size_t* at, Ctl& c)
     for (; *at < args.size() && args[*at].size() > 1 && args[*at][0] == '-'; ++*at) {
         const std::string& a = args[*at];
         if (a == "--help" || a == "-h") {
-            c.out << overall_help();
+            c.out << ctl_overall_help();
             return CTL_EXIT_OK;
         }
         if (a == "--json") {
@@ -415,7 +274,7 @@ int parse_options(const std::vector<std::string>& args, size_t* at, Ctl& c)
         return CTL_EXIT_USAGE;
     }
     if (*at == args.size()) {
-        c.err << "tovakctl: no subcommand given\n" << overall_help();
+        c.err << "tovakctl: no subcommand given\n" << ctl_overall_help();
         return CTL_EXIT_USAGE;
     }
     return -1;
@@ -433,26 +292,26 @@ int tovakctl_main(const std::vector<std::string>& args, std::ostream& out, std::
         return rc;
     const std::string& word = args[at];
     std::vector<std::string> words(args.begin() + long(at) + 1, args.end());
-    std::vector<const TovakCommand*> rows = rows_named(word);
-    if (rows.empty() && !extra_named(word)) {
+    std::vector<const TovakCommand*> rows = ctl_rows_named(word);
+    if (rows.empty() && !ctl_is_extra(word)) {
         err << "tovakctl: unknown subcommand '" << word << "' (tovakctl --help lists them)\n";
         return CTL_EXIT_USAGE;
     }
     for (const std::string& w : words) {
         if (w == "--help" || w == "-h") {
-            out << subcommand_help(word);
+            out << ctl_subcommand_help(word);
             return CTL_EXIT_OK;
         }
     }
     if (word == "help" && words.size() <= 1) {
-        bool known = words.empty() || !rows_named(words[0]).empty() || extra_named(words[0]);
+        bool known = words.empty() || !ctl_rows_named(words[0]).empty() || ctl_is_extra(words[0]);
         if (!known)
             return usage_error(c, "help", "unknown subcommand '" + words[0] + "'");
-        out << (words.empty() ? overall_help() : subcommand_help(words[0]));
+        out << (words.empty() ? ctl_overall_help() : ctl_subcommand_help(words[0]));
         return CTL_EXIT_OK;
     }
     if (word == "completion" && words.size() == 1 && words[0] == "bash") {
-        out << completion_bash();
+        out << ctl_completion_bash();
         return CTL_EXIT_OK;
     }
     if (word == "raw")

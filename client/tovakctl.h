@@ -54,5 +54,17 @@ private:
     bool cut_ = false;
 };
 
+// Help and completion, made from the command table and tovakctl's own
+// subcommands (status, raw, completion, help).
+std::string ctl_hex_id(uint32_t id);
+std::string ctl_first_word(const std::string& name);
+// The table's rows whose subcommand begins with word.
+std::vector<const TovakCommand*> ctl_rows_named(const std::string& word);
+bool ctl_is_extra(const std::string& word);
+std::string ctl_usage_of(const std::string& word);
+std::string ctl_overall_help();
+std::string ctl_subcommand_help(const std::string& word);
+std::string ctl_completion_bash();
+
 // The status overview over one session; returns the exit status.
 int ctl_status(const CtlOptions& opt, TovakClient& client, std::ostream& out, std::ostream& err);

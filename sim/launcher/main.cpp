@@ -1,0 +1,198 @@
+// tovak-sim: runs tovakd on a simulated device. A device root directory on
+// the host becomes /data, /sdcard, /system, /dev/log, /dev/ps_socket and
+// /dev/socket inside a bubblewrap sandbox with its own /proc and PID
+// namespace (up.cpp), where the launcher restarts tovakd as Android's init
+// would (inside.cpp); `ctl` drives the device simulator of a running device.
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "launcher.h"
+#include "protocol/unix_socket.h"
+#include "sim_root.h"
+
+using namespace launcher;
+
+namespace {
+
+void usage(FILE* out)
+{
+    fprintf(out,
+            "usage: tovak-sim up ROOT [OPTIONS]   (options before or after ROOT)\n"
+            "       tovak-sim ctl ROOT COMMAND [ARGS...]\n"
+            "\n"
+            "  up ROOT   create the device root ROOT if needed and run tovakd on it in the\n"
+            "            foreground until Ctrl-C or SIGTERM, restarting it as init would.\n"
+            "            Clients reach the daemon at ROOT/dev/ps_socket/tovak; its output is\n"
+            "            appended to ROOT/%s.\n"
+            "\n"
+            "  --no-bootcomplete     leave the property dev.bootcomplete unset\n"
+            "  --remote-modem        attach a second (remote) modem\n"
+            "  --without-log NAME    no log device /dev/log/NAME (main, radio, events, system)\n"
+            "  --etc DIR             factory files for a new ROOT/system/etc (default: %s)\n"
+            "  --sdcard-readonly     show /sdcard and /data/media/0 read-only\n"
+            "  --daemon PATH         run this tovakd (default: the one beside tovak-sim;\n"
+            "                        environment: TOVAK_SIM_DAEMON)\n"
+            "  --daemon-wrapper \"CMD ARGS\"  run the daemon as CMD ARGS PATH, e.g.\n"
+            "                        \"qemu-arm -L /usr/arm-linux-gnueabihf\" (environment:\n"
+            "                        TOVAK_SIM_DAEMON_WRAPPER)\n"
+            "  --daemon-nofile N     the daemon's limit of open descriptors\n"
+            "  --restart-delay MS    restart tovakd no sooner than MS after its last start\n"
+            "                        (default %d, as init)\n"
+            "\n"
+            "  ctl ROOT COMMAND   drive the simulated device of a running `up ROOT`:\n"
+            "            `ctl ROOT status` prints its state as JSON, `ctl ROOT help` lists\n"
+            "            the commands (faults, injected log entries, ranges, QMI data).\n",
+            SIM_STDOUT_FILE, TOVAK_ETC_DIR, RESTART_DELAY_MS);
+}
+
+[[noreturn]] void usage_error(const std::string& msg)
+{
+    fprintf(stderr, "tovak-sim: %s\n", msg.c_str());
+    usage(stderr);
+    exit(2);
+}
+
+std::vector<std::string> split_words(const std::string& text)
+{
+    std::vector<std::string> words;
+    size_t at = 0;
+    while ((at = text.find_first_not_of(" \t", at)) != std::string::npos) {
+        size_t end = text.find_first_of(" \t", at);
+        words.push_back(text.substr(at, end - at));
+        at = end;
+    }
+    return words;
+}
+
+// Sends the command to the device simulator under ROOT and prints its
+// answer; errors go to stderr with status 1.
+int cmd_ctl(const std::string& root, int argc, char** argv)
+{
+    std::string path = root + "/" SIM_CTL_SOCKET;
+    int fd = unix_socket_connect(path.c_str(), 10000);
+    if (fd < 0)
+        die("no device simulator at " + root + " (is `tovak-sim up " + root + "` running?)");
+    std::string request;
+    for (int i = 0; i < argc; i++) {
+        request += argv[i];
+        request += '\0';
+    }
+    signal(SIGPIPE, SIG_IGN);
+    write_all(fd, request);
+    shutdown(fd, SHUT_WR);
+    std::string reply;
+    for (;;) {
+        pollfd p = { fd, POLLIN, 0 };
+        int r = poll(&p, 1, 10000);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r == 0)
+            die("the device simulator did not answer");
+        char buf[8192];
+        ssize_t n = read(fd, buf, sizeof buf);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        reply.append(buf, size_t(n));
+    }
+    close(fd);
+    if (reply.empty())
+        die("the device simulator closed without an answer");
+    bool failed = reply.compare(0, 7, "error: ") == 0;
+    write_all(failed ? STDERR_FILENO : STDOUT_FILENO, reply);
+    return failed ? 1 : 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc < 2 || strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0) {
+        usage(argc < 2 ? stderr : stdout);
+        return argc < 2 ? 2 : 0;
+    }
+    std::string cmd = argv[1];
+    if (cmd == "inside")
+        return inside(argc, argv);
+    if (cmd == "ctl") {
+        if (argc < 4) {
+            usage(stderr);
+            return 2;
+        }
+        return cmd_ctl(argv[2], argc - 3, argv + 3);
+    }
+    if (cmd != "up") {
+        usage(stderr);
+        return 2;
+    }
+    if (argc < 3) {
+        usage(stderr);
+        return 2;
+    }
+    UpOptions opt;
+    bool have_daemon = false, have_wrapper = false;
+    for (int i = 2; i < argc; i++) {
+        std::string a = argv[i];
+        // Options that take a value take the next word, whatever it looks like.
+        auto value = [&](std::string* v) {
+            if (i + 1 >= argc)
+                usage_error(a + " needs a value");
+            *v = argv[++i];
+        };
+        std::string v;
+        if (a == "--no-bootcomplete") {
+            opt.bootcomplete = false;
+        } else if (a == "--remote-modem") {
+            opt.remote_modem = true;
+        } else if (a == "--without-log") {
+            value(&v);
+            if (v != "main" && v != "radio" && v != "events" && v != "system")
+                usage_error("unknown log device '" + v + "': expected main, radio, events or system");
+            opt.without_logs.push_back(v);
+        } else if (a == "--etc") {
+            value(&opt.etc);
+        } else if (a == "--sdcard-readonly") {
+            opt.sdcard_readonly = true;
+        } else if (a == "--daemon-nofile" || a == "--restart-delay") {
+            value(&v);
+            uint64_t n = strtoull(v.c_str(), nullptr, 10);
+            if (v.empty() || v.find_first_not_of("0123456789") != std::string::npos || n > 1000000000 ||
+                (a == "--daemon-nofile" && n < 3))
+                usage_error("bad " + a + " '" + v + "': expected a whole number" +
+                            (a == "--daemon-nofile" ? " from 3" : ""));
+            (a == "--daemon-nofile" ? opt.nofile : opt.restart_delay) = v;
+        } else if (a == "--daemon") {
+            value(&opt.daemon);
+            have_daemon = true;
+        } else if (a == "--daemon-wrapper") {
+            value(&v);
+            opt.wrapper = split_words(v);
+            have_wrapper = true;
+        } else if (a.size() > 1 && a[0] == '-') {
+            usage_error("unknown option " + a);
+        } else if (!opt.root.empty()) {
+            usage_error("two roots given: " + opt.root + " and " + a);
+        } else {
+            opt.root = a;
+        }
+    }
+    if (opt.root.empty())
+        usage_error("no ROOT given");
+    const char* env = getenv("TOVAK_SIM_DAEMON");
+    if (!have_daemon && env && *env)
+        opt.daemon = env;
+    env = getenv("TOVAK_SIM_DAEMON_WRAPPER");
+    if (!have_wrapper && env)
+        opt.wrapper = split_words(env);
+    return up(opt);
+}
