@@ -20,6 +20,7 @@
 
 #include "config/tovak_config.h"
 #include "device_test.h"
+#include "hex_text.h"
 
 namespace {
 
@@ -307,7 +308,11 @@ public:
             Entries e = read_capture(data, f.find("adbevents") != 0);
             EXPECT_FALSE(e.bad) << f << " holds a malformed entry at byte " << e.at << " of " << data.size() << ": "
                                 << testing::PrintToString(data.substr(e.at, 64));
-            EXPECT_TRUE(!e.cut || e.lead > 0 || may_be_cut_.count(f)) << f << " is torn after its last whole entry";
+            EXPECT_TRUE(!e.cut || e.lead > 0 || may_be_cut_.count(f))
+                << f << " is torn after its last whole entry: " << e.messages.size() << " entries, then "
+                << data.size() - e.at << " bytes at " << e.at << " of " << data.size() << ": "
+                << hex_text(std::vector<uint8_t>(data.begin() + long(e.at), data.begin() + long(std::min(data.size(), e.at + 48))))
+                << "; it begins " << hex_text(std::vector<uint8_t>(data.begin(), data.begin() + long(std::min<size_t>(data.size(), 24))));
             tally_.begun_inside += e.lead > 0;
             tally_.capture_entries += int(e.messages.size());
             tally_.capture_files++;

@@ -17,9 +17,13 @@ static uint32_t set_capture(uint32_t* rsp_len, uint8_t* rsp, int state, const ch
     if (!tovak_gate_a(rsp))
         return 0;
     TLOG("%s", entry_line);
-    adblog_core_set_state(state);
     *rsp_len = 0;
-    tovak_config_edit_and_save([&] { tovak_config_set_adblog_state(uint32_t(state)); });
+    // Both under one hold of the configuration lock, so that two clients
+    // switching at once leave the capture and the saved state agreeing.
+    tovak_config_edit_and_save([&] {
+        adblog_core_set_state(state);
+        tovak_config_set_adblog_state(uint32_t(state));
+    });
     return 1;
 }
 

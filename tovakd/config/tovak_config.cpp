@@ -175,11 +175,11 @@ static std::vector<std::string> kept_lines(const std::string& text)
     return lines;
 }
 
-int tovak_config_load_file(const char* path)
+// Under the save lock.
+static int load_file(const char* path)
 {
     // Read before the configuration lock is taken: a slow disk must not stall
     // every reader of the record.
-    std::lock_guard<std::mutex> hold(save_mutex());
     std::string text;
     const bool opened = path != nullptr && read_regular_file(path, &text) == 0;
     std::vector<std::string> lines = kept_lines(text);
@@ -189,6 +189,12 @@ int tovak_config_load_file(const char* path)
         return -1;
     parse_lines(*c, lines);
     return 0;
+}
+
+int tovak_config_load_file(const char* path)
+{
+    std::lock_guard<std::mutex> hold(save_mutex());
+    return load_file(path);
 }
 
 int tovak_config_load_text(const char* text)
@@ -332,16 +338,20 @@ int tovak_config_set_file(const char* name)
         return -1;
     }
     std::lock_guard<std::mutex> hold(file_choice_mutex());
-    {
-        tovak_config_locked c;
-        snprintf(c.file_name(), TOVAK_CONFIG_FILE_NAME_SIZE, "%s", name);
-    }
     int result = 0;
     if (property_set(TOVAK_CONFIG_FILE_PROPERTY, name) != 0) {
         TLOG("Critical Error: fail to save config file into property system\n");
         result = -1;
     }
-    if (tovak_config_load_file(name) != 0) {
+    // The new name and its load under one hold of the save lock: another
+    // client's save between them would write the old settings into the new
+    // file before it is read.
+    std::lock_guard<std::mutex> save(save_mutex());
+    {
+        tovak_config_locked c;
+        snprintf(c.file_name(), TOVAK_CONFIG_FILE_NAME_SIZE, "%s", name);
+    }
+    if (load_file(name) != 0) {
         TLOG("Critical Error: Missing Config File\n");
         return -1;
     }

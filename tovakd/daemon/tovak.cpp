@@ -49,10 +49,13 @@ uint32_t handler_dummy(uint32_t, uint8_t*, uint32_t*, uint8_t*)
 
 int tovak_copy_default_file(const char* user, const char* source)
 {
+    // Only a file that is not there is made: one that merely can't be opened
+    // now is still the user's, and is never replaced.
     int fd = open(user, O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) {
+    if (fd >= 0 || errno != ENOENT) {
         TLOG("User file already exists %s\n", user);
-        close(fd);
+        if (fd >= 0)
+            close(fd);
         return 0;
     }
     int src = open(source, O_RDONLY | O_CLOEXEC);

@@ -29,7 +29,7 @@ static std::mutex& dpl_mutex()
     return *mutex;
 }
 
-void tovak_dpl_start_iface(uint16_t id)
+static void start_iface(uint16_t id)
 {
     // The modem takes one byte per interface.
     const uint8_t ifid = uint8_t(id);
@@ -45,6 +45,15 @@ void tovak_dpl_start_iface(uint16_t id)
     }
     uint8_t answer[DPL_ANSWER_SIZE] = {};
     diag_dpl_set_iface_logging(record, answer, DPL_ANSWER_SIZE, ifid);
+}
+
+void tovak_dpl_add_iface(uint16_t id)
+{
+    // Under the DPL lock, so that a reset between the two leaves neither a
+    // listed interface the modem no longer logs nor the reverse.
+    std::lock_guard<std::mutex> hold(dpl_mutex());
+    start_iface(id);
+    tovak_config_edit_and_save([&] { tovak_config_add_dpl_if(id); });
 }
 
 static void start_configured_ifaces()

@@ -3,8 +3,9 @@
 
 #include <cstdint>
 
-// Starts logging of one interface in the modem at once, whatever the state.
-void tovak_dpl_start_iface(uint16_t id);
+// Starts logging of one interface in the modem at once, whatever the state,
+// and adds it to the configured interfaces.
+void tovak_dpl_add_iface(uint16_t id);
 
 // When the configured DPL state is on, starts every configured interface in
 // ascending order.

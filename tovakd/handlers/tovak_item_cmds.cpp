@@ -27,7 +27,8 @@ struct item_kind {
     bool counted;
     int (*add)(uint32_t key, uint32_t mask);
     int (*rm)(uint32_t key);
-    // Programs the modem before the set changes; or null.
+    // For a kind the modem takes at once (add is then null): adds the key to
+    // the modem and the configuration together; or null.
     void (*program)(uint16_t key);
     // Appends the set in reply layout; the number of entries, or -1 when no
     // copy could be made.
@@ -100,7 +101,7 @@ static const item_kind MESSAGES = {
 static const item_kind DPL_IFS = {
     "handler_dpl_set_if, if id = %d\n", nullptr,
     "handler_dpl_get_if_list output length = %d\n", nullptr, false, true,
-    [](uint32_t id, uint32_t) { return tovak_config_add_dpl_if(id); }, nullptr, tovak_dpl_start_iface,
+    nullptr, nullptr, tovak_dpl_add_iface,
     [](std::vector<uint8_t>* out) { return id_listing(tovak_config_get_dpl_ifs, out); },
 };
 // clang-format on
@@ -119,7 +120,8 @@ static uint32_t edit_item(const item_kind& kind, bool add, uint32_t req_len, uin
     TLOG(add ? kind.add_line : kind.rm_line, unsigned(key), unsigned(mask));
     if (add && kind.program != nullptr)
         kind.program(key);
-    tovak_config_edit_and_save([&] { add ? kind.add(key, mask) : kind.rm(key); });
+    else
+        tovak_config_edit_and_save([&] { add ? kind.add(key, mask) : kind.rm(key); });
     return 1;
 }
 
