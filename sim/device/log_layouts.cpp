@@ -57,8 +57,10 @@ void fill_rach_attempt(const RecordContext& c, uint64_t* v, std::vector<uint8_t>
     const Cell cell = cell_at(c);
     const uint64_t vals[] = { 1, 1, 0, 6, 2, 32, 1, 0, 1, 7, c.seq % 64, 0xFF, uint64_t(uint16_t(-104)), 0, 0,
                               cell.rnti, 10 + c.seq % 20, 0x00C8E00Bu, 0x0B, 0,
-                              // Msg3: an RRC connection request in a MAC PDU, zero padded.
-                              0x1F2B3C4D5E0F2000ull, 0 };
+                              // Msg3 as a MAC PDU, zero padded: a CCCH subheader, then an
+                              // RRCConnectionRequest with S-TMSI 0x12/0x3C4D5E6F, cause
+                              // mo-Signalling (bytes 41 23 c4 d5 e6 f6 read low first).
+                              0x00F6E6D5C4234100ull, 0 };
     memcpy(v, vals, sizeof vals);
 }
 
