@@ -104,6 +104,7 @@ struct Tally {
 // log the payload is a priority, a tag and a message, each text with its zero.
 struct Entries {
     std::vector<std::string> messages;
+    size_t whole = 0;
     bool cut = false; // bytes of an entry that does not end follow the last whole one
     bool bad = false;
     size_t at = 0;   // where reading stopped
@@ -121,6 +122,7 @@ Entries read_entries(std::string_view d, bool text)
         e.cut = d.size() - e.at < 4 || d.size() - e.at < hdr + len;
         e.bad = !e.cut && (hdr > 32 || len > 4096 ||
                            (text && (len < 3 || uint8_t(p[0]) > 8 || tag_end == npos || p.back() != '\0')));
+        e.whole += !e.cut && !e.bad;
         if (!e.cut && !e.bad && text)
             e.messages.emplace_back(p.substr(tag_end + 1, len - tag_end - 2));
         e.at += e.cut || e.bad ? 0 : hdr + len;
@@ -132,17 +134,25 @@ Entries read_entries(std::string_view d, bool text)
 // reader took only part of (a phone's hands out whole entries): a capture
 // object begun after that starts inside an entry, and its ring then keeps
 // plain bytes, to the end of the stream. So a file may begin with up to one
-// entry's bytes, after which it must hold whole entries to its end.
+// entry's bytes (then its end may be cut too); one that begins with a whole
+// entry must hold whole entries to its end.
 Entries read_capture(const std::string& d, bool text)
 {
     Entries first = read_entries(d, text);
-    for (size_t lead = 1; first.bad && lead < std::min<size_t>(d.size(), 4116); lead++) {
+    // Not even one whole entry from the first byte: the file begins inside
+    // one, whose rest may read as the start of a longer one.
+    if (!first.bad && first.whole > 0)
+        return first;
+    for (size_t lead = 1; lead < std::min<size_t>(d.size(), 4116); lead++) {
         Entries e = read_entries(std::string_view(d).substr(lead), text);
-        if (!e.bad && !e.messages.empty()) {
+        if (!e.bad && e.whole > 0) {
             e.lead = lead;
             return e;
         }
     }
+    // The rest of one entry and the start of another, or less.
+    if (!first.bad && d.size() < 2 * 4116)
+        first.lead = d.size();
     return first;
 }
 
