@@ -182,7 +182,8 @@ extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, .
     uint8_t dgram[SIM_LOGDW_HEADER + 1 + LOG_TAG_MAX + 1 + LOG_MSG_MAX];
     timespec ts;
     clock_gettime(CLOCK_REALTIME, &ts);
-    const uint16_t tid = uint16_t(syscall(SYS_gettid));
+    // Asked once per thread: a system call on every line adds up.
+    static thread_local const uint16_t tid = uint16_t(syscall(SYS_gettid));
     dgram[0] = LOG_ID_MAIN;
     dgram[1] = uint8_t(tid);
     dgram[2] = uint8_t(tid >> 8);

@@ -28,12 +28,17 @@ bool tovak_file_replace(const char* path, const std::function<bool(int fd)>& fil
 {
     std::string target = path;
     struct stat st;
+    bool exists = lstat(path, &st) == 0;
     // A link is written through, as opening it for writing would.
-    if (lstat(path, &st) == 0 && S_ISLNK(st.st_mode)) {
+    if (exists && S_ISLNK(st.st_mode)) {
         char resolved[PATH_MAX];
         if (realpath(path, resolved) != nullptr)
             target = resolved;
+        exists = stat(target.c_str(), &st) == 0;
     }
+    // The new file keeps the old one's owner and mode; a new one is 0666.
+    const bool keep = exists && S_ISREG(st.st_mode);
+    const mode_t mode = keep ? st.st_mode & 07777 : 0666;
     const size_t slash = target.rfind('/');
     const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : target.substr(0, slash);
     const std::string head = slash == std::string::npos ? "" : target.substr(0, slash + 1);
@@ -42,14 +47,18 @@ bool tovak_file_replace(const char* path, const std::function<bool(int fd)>& fil
         return false;
     const std::string tmp = head + "." + base + ".tmp";
 
-    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
+    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, mode);
     if (fd < 0)
         return false;
-    if (stat(target.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
-        (void)!fchown(fd, st.st_uid, st.st_gid);
-        (void)!fchmod(fd, st.st_mode & 07777);
-    } else {
-        (void)!fchmod(fd, 0666);
+    // Only what creating it did not already set, as each is one more change
+    // of the inode for the sync to carry. A file left from an earlier attempt
+    // keeps its own mode through O_TRUNC, so the mode is always set on that.
+    struct stat made;
+    if (fstat(fd, &made) == 0) {
+        if (keep && (made.st_uid != st.st_uid || made.st_gid != st.st_gid))
+            (void)!fchown(fd, st.st_uid, st.st_gid);
+        if ((made.st_mode & 07777) != mode)
+            (void)!fchmod(fd, mode);
     }
     bool ok = fill(fd) && fsync(fd) == 0;
     ok = close(fd) == 0 && ok;
