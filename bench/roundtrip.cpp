@@ -117,17 +117,22 @@ void bench_round_trips(const Options& opt, Report& report)
     if (!up)
         report.error("echo: " + why);
 
-    // The three take turns at each client count, so that a neighbour's
-    // burst on this machine falls on one figure, not on one target.
+    // The three take turns at each client count, three times, and each keeps
+    // its fastest run: on two shared cores a neighbour's burst, or one of the
+    // other devices' own processes, falls on one run, not on one target.
     const int per_client[] = { opt.count(5000), opt.count(1000), opt.count(300) };
     for (int i = 0; i < 3; i++) {
-        for (Target* t : { &tovakd, &raw, &logged }) {
-            if (!t->dev.running())
-                continue;
-            t->at[i] = round_trips(t->dev.socket_path(), CLIENTS[i], per_client[i], t->echo);
-            if (t->at[i].errors > 0)
-                report.error(std::string(t->what) + ": " + std::to_string(t->at[i].errors) + " requests failed at " +
-                             std::to_string(CLIENTS[i]) + " clients");
+        for (int turn = 0; turn < 3; turn++) {
+            for (Target* t : { &tovakd, &raw, &logged }) {
+                if (!t->dev.running())
+                    continue;
+                RoundTrips run = round_trips(t->dev.socket_path(), CLIENTS[i], per_client[i], t->echo);
+                if (run.errors > 0)
+                    report.error(std::string(t->what) + ": " + std::to_string(run.errors) + " requests failed at " +
+                                 std::to_string(CLIENTS[i]) + " clients");
+                if (turn == 0 || run.rate() > t->at[i].rate())
+                    t->at[i] = run;
+            }
         }
     }
 
