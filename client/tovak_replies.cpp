@@ -1,5 +1,6 @@
 // How each kind of reply is read and shown: what the daemon left in the
-// reply frame decides the verdict, since replies carry no status word.
+// reply frame decides the verdict, since replies carry no status word. A
+// little over the usual length: one short decoder per kind of reply.
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>

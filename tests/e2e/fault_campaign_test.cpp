@@ -4,6 +4,8 @@
 // followed where it makes sense by a restart as init does. After each: the
 // daemon serves, dm.cfg is the old or the new file and whole, no committed
 // file is torn, and a restarted daemon comes back with what was last saved.
+// One file, longer than the others: the rounds share one model of what the
+// device must hold and one tally of what was injected.
 #include <gtest/gtest.h>
 #include <unistd.h>
 

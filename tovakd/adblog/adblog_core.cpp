@@ -1,3 +1,7 @@
+// The log capture core: device discovery, one capture thread per log
+// device, categories, sizes and commits. One file a little over the usual
+// length: the threads and the operations that drive them share the
+// per-category records and their locks, which read best side by side.
 #include "adblog/adblog_core.h"
 
 #include <dirent.h>
