@@ -73,8 +73,10 @@ void CaptureRing::follow_entries(const uint8_t* p, size_t len)
             i += size_t(std::min<uint64_t>(next_start_ - at, len - i));
             continue;
         }
-        if (header_len_ == 0)
+        if (header_len_ == 0) {
+            entry_start_ = at;
             starts_.push_back(at);
+        }
         while (header_len_ < sizeof header_ && i < len)
             header_[header_len_++] = p[i++];
         if (header_len_ < sizeof header_)
@@ -87,7 +89,7 @@ void CaptureRing::follow_entries(const uint8_t* p, size_t len)
             return;
         }
         // 0 is the first logger's padding: its header is 20 bytes.
-        next_start_ = starts_.back() + (hdr ? hdr : 20) + payload;
+        next_start_ = entry_start_ + (hdr ? hdr : 20) + payload;
         header_len_ = 0;
     }
 }
@@ -108,8 +110,14 @@ bool CaptureRing::append(const void* data, size_t len)
     while (len > 0) {
         size_t pos = size_t(total_ % capacity_);
         size_t n = std::min(len, capacity_ - pos);
-        if (!pwrite_all(fd_, p, n, off_t(pos)))
+        if (!pwrite_all(fd_, p, n, off_t(pos))) {
+            // The bytes not written are lost to the ring: it counts them as
+            // passed and forgets every entry begun before their end, so that
+            // no commit hands out an entry with a hole in it.
+            total_ += len;
+            starts_.clear();
             return false;
+        }
         total_ += n;
         p += n;
         len -= n;

@@ -41,6 +41,7 @@ private:
 
     void follow_entries(const uint8_t* p, size_t len);
     std::deque<uint64_t> starts_; // stream offsets of entry headers still in the ring
+    uint64_t entry_start_ = 0;    // where the current entry's header began
     uint64_t next_start_ = 0;     // where the next header begins
     uint8_t header_[4];           // the part of the current header seen so far
     size_t header_len_ = 0;
