@@ -1,12 +1,15 @@
 // Log entries on their way: as readers of /dev/log get them, through the
 // logger's queue (whole oldest dropped, a write the pipe cut resumed), into
-// a capture file that keeps the newest whole entries however writes split them.
+// a capture file that keeps the newest whole entries however writes split them
+// and whatever its own file refuses.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <random>
 
 #include "canned.h"
@@ -79,4 +82,49 @@ TEST(CaptureRing, KeepsTheNewestWholeEntriesAcrossSplitWrites)
         }
         ASSERT_TRUE(std::equal(kept.begin(), kept.end(), stream.begin() + ptrdiff_t(*first)));
     }
+}
+
+// A ring whose file takes no more (a full disk; here a file size limit of
+// half the ring) loses what it could not write, never hands out an entry
+// with a hole, and keeps entries again once writes go through.
+TEST(CaptureRing, AWriteItsFileRefusesLeavesNoEntryWithAHole)
+{
+    TempDir dir;
+    CaptureRing ring;
+    ASSERT_TRUE(ring.open(dir.path() + "/r.ring", 3000));
+    std::vector<uint8_t> stream;
+    std::vector<size_t> starts;
+    std::mt19937 rng(11);
+    for (int i = 0; i < 200; i++) {
+        starts.push_back(stream.size());
+        logger_entry_append(stream, LogEntry{ 1, 1, 0, 0, 4, "T", std::string(rng() % 120, 'b' + i % 20), {} });
+    }
+    starts.push_back(stream.size());
+    rlimit was;
+    ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &was));
+    rlimit half = { 1500, was.rlim_max };
+    auto old_handler = signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &half));
+    int refused = 0, kept_after = 0;
+    std::vector<uint8_t> kept;
+    for (size_t pos = 0, n; pos < stream.size(); pos += n) {
+        n = std::min<size_t>(1 + rng() % 300, stream.size() - pos);
+        const bool ok = ring.append(stream.data() + pos, n);
+        refused += !ok;
+        ASSERT_TRUE(ring.contents(&kept));
+        kept_after += refused > 0 && !kept.empty();
+        if (kept.empty())
+            continue;
+        // Whole entries, exactly as the stream had them.
+        bool found = false;
+        for (size_t i = 0; i < starts.size() && !found; i++)
+            found = std::binary_search(starts.begin(), starts.end(), starts[i] + kept.size()) &&
+                    starts[i] + kept.size() <= stream.size() &&
+                    std::equal(kept.begin(), kept.end(), stream.begin() + ptrdiff_t(starts[i]));
+        ASSERT_TRUE(found) << "kept " << kept.size() << " bytes that are no run of whole entries";
+    }
+    setrlimit(RLIMIT_FSIZE, &was);
+    signal(SIGXFSZ, old_handler);
+    EXPECT_GT(refused, 0);
+    EXPECT_GT(kept_after, 0);
 }
