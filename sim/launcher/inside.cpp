@@ -133,10 +133,10 @@ public:
             crash_window_ms_ = now;
             crashes_ = 1;
         }
-        int64_t wait = started_ms_ + restart_delay_ms_ - now;
-        if (wait > 0)
-            write_all(STDERR_FILENO, "tovak-sim: restarting tovakd in " + std::to_string(wait) + " ms\n");
-        return wait > 0 ? wait : 0;
+        // Said every time, 0 ms included: a restart is never silent.
+        const int64_t wait = std::max<int64_t>(0, started_ms_ + restart_delay_ms_ - now);
+        write_all(STDERR_FILENO, "tovak-sim: restarting tovakd in " + std::to_string(wait) + " ms\n");
+        return wait;
     }
 
 private:
