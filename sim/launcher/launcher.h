@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-namespace launcher {
-
 // Android init restarts a service no sooner than 5 s after its last start.
 #define RESTART_DELAY_MS 5000
+
+namespace launcher {
 
 struct UpOptions {
     std::string root;

@@ -100,10 +100,18 @@ TEST(CaptureRing, AWriteItsFileRefusesLeavesNoEntryWithAHole)
         logger_entry_append(stream, LogEntry{ 1, 1, 0, 0, 4, "T", std::string(rng() % 120, 'b' + i % 20), {} });
     }
     starts.push_back(stream.size());
-    rlimit was;
-    ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &was));
-    rlimit half = { 1500, was.rlim_max };
-    auto old_handler = signal(SIGXFSZ, SIG_IGN);
+    // The limit goes with the test, however it ends: later tests write files.
+    struct FileSizeLimit {
+        rlimit was{};
+        void (*handler)(int) = signal(SIGXFSZ, SIG_IGN);
+        FileSizeLimit() { getrlimit(RLIMIT_FSIZE, &was); }
+        ~FileSizeLimit()
+        {
+            setrlimit(RLIMIT_FSIZE, &was);
+            signal(SIGXFSZ, handler);
+        }
+    } limit;
+    rlimit half = { 1500, limit.was.rlim_max };
     ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &half));
     int refused = 0, kept_after = 0;
     std::vector<uint8_t> kept;
@@ -123,8 +131,6 @@ TEST(CaptureRing, AWriteItsFileRefusesLeavesNoEntryWithAHole)
                     std::equal(kept.begin(), kept.end(), stream.begin() + ptrdiff_t(starts[i]));
         ASSERT_TRUE(found) << "kept " << kept.size() << " bytes that are no run of whole entries";
     }
-    setrlimit(RLIMIT_FSIZE, &was);
-    signal(SIGXFSZ, old_handler);
     EXPECT_GT(refused, 0);
     EXPECT_GT(kept_after, 0);
 }

@@ -50,9 +50,9 @@ bool tovak_file_replace(const char* path, const std::function<bool(int fd)>& fil
     int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, mode);
     if (fd < 0)
         return false;
-    // Only what creating it did not already set, as each is one more change
-    // of the inode for the sync to carry. A file left from an earlier attempt
-    // keeps its own mode through O_TRUNC, so the mode is always set on that.
+    // Only what creating it did not set already (the umask, a temporary file
+    // left by an earlier attempt, which keeps its mode through O_TRUNC): each
+    // change is one more for the sync to carry.
     struct stat made;
     if (fstat(fd, &made) == 0) {
         if (keep && (made.st_uid != st.st_uid || made.st_gid != st.st_gid))
