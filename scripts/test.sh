@@ -41,6 +41,8 @@ plain() {
 asan() {
     begin "AddressSanitizer + UndefinedBehaviorSanitizer build"
     "$top/scripts/build.sh" "$top/build-asan" -DTOVAK_SANITIZE=ON
+    # Sanitized code runs several times slower: the tests' deadlines stretch.
+    TOVAK_TEST_TIME_SCALE=${TOVAK_TEST_TIME_SCALE:-2} \
     ASAN_OPTIONS=${ASAN_OPTIONS:-abort_on_error=0:detect_leaks=1} \
     UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1} \
         ctest --test-dir "$top/build-asan" -j "$jobs" --output-on-failure --timeout 900
@@ -54,6 +56,7 @@ tsan() {
         tovak-devsim
     # The daemon runs as its own process; the tests fail on any report in
     # its output, so a race never passes silently.
+    TOVAK_TEST_TIME_SCALE=${TOVAK_TEST_TIME_SCALE:-4} \
     TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1} \
         ctest --test-dir "$top/build-tsan" -L concurrent -j "$jobs" --output-on-failure --timeout 900
     end tsan

@@ -18,9 +18,19 @@
 
 #include "sim_root.h"
 
+int test_time_scale()
+{
+    static const int scale = [] {
+        const char* text = getenv("TOVAK_TEST_TIME_SCALE");
+        int n = text ? atoi(text) : 1;
+        return n >= 1 && n <= 100 ? n : 1;
+    }();
+    return scale;
+}
+
 bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds timeout)
 {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
+    auto deadline = std::chrono::steady_clock::now() + timeout * test_time_scale();
     for (;;) {
         if (cond())
             return true;
@@ -236,7 +246,7 @@ int SimDevice::daemon_starts() const
 
 std::unique_ptr<TovakClient> SimDevice::connect(int timeout_ms)
 {
-    auto client = std::make_unique<TovakClient>(timeout_ms);
+    auto client = std::make_unique<TovakClient>(timeout_ms * test_time_scale());
     if (!client->connect(socket_path()))
         return nullptr;
     return client;

@@ -13,7 +13,12 @@
 
 #include "tovak_client.h"
 
-// Waits for cond to hold, checking often, until the deadline.
+// How many times longer every deadline below is: TOVAK_TEST_TIME_SCALE, a
+// whole number (default 1), for builds that run several times slower
+// (sanitizers) on a loaded machine.
+int test_time_scale();
+
+// Waits for cond to hold, checking often, until the deadline (scaled).
 bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
 std::string read_file(const std::string& path);
@@ -71,6 +76,7 @@ public:
     // when the launcher keeps no such file.
     int daemon_starts() const;
 
+    // A client whose time-outs are timeout_ms, scaled.
     std::unique_ptr<TovakClient> connect(int timeout_ms = 20000);
 
     // The daemon's stdout as the launcher copied it.
