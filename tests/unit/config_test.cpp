@@ -125,15 +125,16 @@ TEST_F(Config, AnyBytesLoadAndTheirSavedFormIsStable)
             text += rng() % 3 == 0 ? std::string(1, char(rng())) : pieces[rng() % std::size(pieces)];
         texts.push_back(text);
     }
-    // Shapes that a quadratic or unbounded reader would choke on.
+    // Shapes that a quadratic reader would choke on, as large as a file
+    // that is read may be.
     std::string digits, junk;
     for (int i = 0; i < 400000; i++)
         digits += std::to_string(i % 70000) + ",";
-    for (int i = 0; i < (4 << 20); i++)
+    for (int i = 0; i < TOVAK_CONFIG_MAX_SIZE; i++)
         junk.push_back(char(rng()));
-    texts.push_back("<EventIDs>" + digits);
+    texts.push_back("<EventIDs>" + digits.substr(0, TOVAK_CONFIG_MAX_SIZE - 10));
     texts.push_back(junk);
-    texts.push_back(std::string(1 << 20, '\n') + std::string(1 << 20, '#') + "<EventIDs>1</EventIDs>");
+    texts.push_back(std::string(1 << 19, '\n') + std::string((1 << 19) - 32, '#') + "<EventIDs>1</EventIDs>");
     texts.push_back(std::string(300000, '<') + "/EventIDs>" + std::string(300000, '>'));
     for (const std::string& text : texts) {
         std::string written = round_trip(text);
@@ -208,6 +209,29 @@ TEST_F(Config, ItemSetsKeepOneOfEachInOrderAndNeedAParsedFile)
     EXPECT_EQ(-1, tovak_config_set_adblog_size(2, 7));
     EXPECT_EQ(0, tovak_config_set_adblog_size(1, 7));
     EXPECT_NE(std::string::npos, tovak_config_text().find("\n1,7\n"));
+}
+
+// A file over the limit is not read at all: the load fails as for a file
+// that can't be opened, whatever its size claims.
+TEST_F(Config, FilesOverTheLimitAreNotRead)
+{
+    const std::string on = "<LogState>on</LogState>\n#";
+    for (size_t size : { size_t(TOVAK_CONFIG_MAX_SIZE), size_t(TOVAK_CONFIG_MAX_SIZE) + 1 }) {
+        SCOPED_TRACE(size);
+        *tovak_config_locked() = tovak_config{};
+        ASSERT_TRUE(write_file(in, on + std::string(size - on.size(), '#')));
+        const bool fits = size <= TOVAK_CONFIG_MAX_SIZE;
+        EXPECT_EQ(fits ? 0 : -1, tovak_config_load_file(in.c_str()));
+        EXPECT_EQ(fits ? 1u : 0u, tovak_config_get_log_state());
+        EXPECT_EQ(in, tovak_config_locked()->path);
+    }
+    // A regular file whose size says 0 and that reads on for megabytes.
+    const char* big = "/proc/kallsyms";
+    if (read_file(big).size() <= TOVAK_CONFIG_MAX_SIZE)
+        GTEST_SKIP() << big << " is not over the limit here";
+    tovak_config_load_text("<LogState>on</LogState>");
+    EXPECT_EQ(-1, tovak_config_load_file(big));
+    EXPECT_EQ(1u, tovak_config_get_log_state());
 }
 
 // A save interrupted at any moment leaves the old file or the new one.

@@ -130,6 +130,8 @@ static void parse_lines(tovak_config& c, const std::vector<std::string>& lines)
 }
 
 // Opens a regular file only: a FIFO or a device would block or never end.
+// One larger than any dm.cfg can be is not read either: any path can be
+// named, and reading it whole would take as much memory.
 static int read_regular_file(const char* path, std::string* text)
 {
     int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
@@ -140,16 +142,26 @@ static int read_regular_file(const char* path, std::string* text)
         close(fd);
         return -1;
     }
+    // The size is checked, and the read bounded too: the file may grow
+    // meanwhile, and some report a size of 0.
+    bool too_large = st.st_size > TOVAK_CONFIG_MAX_SIZE;
     char chunk[8192];
-    for (;;) {
+    while (!too_large) {
         ssize_t n = read(fd, chunk, sizeof chunk);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
             break;
-        text->append(chunk, size_t(n));
+        too_large = text->size() + size_t(n) > TOVAK_CONFIG_MAX_SIZE;
+        if (!too_large)
+            text->append(chunk, size_t(n));
     }
     close(fd);
+    if (too_large) {
+        TLOG("Config file %s is larger than %d bytes, not read\n", path, TOVAK_CONFIG_MAX_SIZE);
+        text->clear();
+        return -1;
+    }
     return 0;
 }
 

@@ -21,6 +21,8 @@
 #define TOVAK_CONFIG_FILE_PROPERTY "persist.dmlogging.config_file"
 // The platform's property value limit, and so the longest path plus its zero.
 #define TOVAK_CONFIG_FILE_NAME_SIZE 92
+// The largest file a load reads; the factory dm.cfg is well under 1 KiB.
+#define TOVAK_CONFIG_MAX_SIZE (1024 * 1024)
 
 extern const char DEFAULT_CONFIG_TEXT[];
 
@@ -62,7 +64,8 @@ private:
     tovak_config* config_;
 };
 
-// File.
+// -1, the record unchanged but for its path, when path can't be opened, is
+// not a regular file or holds more than TOVAK_CONFIG_MAX_SIZE bytes.
 int tovak_config_load_file(const char* path);
 // 0 always.
 int tovak_config_load_text(const char* text);

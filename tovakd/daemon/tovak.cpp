@@ -66,7 +66,8 @@ int tovak_copy_default_file(const char* user, const char* source)
     }
     // Through a temporary file: a kill or a full disk mid-copy must leave no
     // user file rather than a torn one that the next start-up would load.
-    bool copied = tovak_file_replace(user, [src](int dst) {
+    // Created, never replacing: a node or link put there meanwhile stays.
+    bool copied = tovak_file_create(user, [src](int dst) {
         char chunk[TOVAK_COPY_CHUNK];
         for (;;) {
             ssize_t n = read(src, chunk, sizeof chunk);

@@ -1,0 +1,212 @@
+// Saves through a temporary file: what they refuse to replace, what planted
+// names can't do to them, and what a killed save leaves for the next.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <set>
+
+#include "common/tovak_file.h"
+#include "sim_device.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+bool put(int fd, const std::string& text)
+{
+    return tovak_write_all(fd, text.data(), text.size());
+}
+
+std::set<std::string> names_in(const std::string& dir)
+{
+    std::set<std::string> names;
+    for (const auto& e : fs::directory_iterator(dir))
+        names.insert(e.path().filename().string());
+    return names;
+}
+
+// The type bits of what is at path, not following a link.
+mode_t kind(const std::string& path)
+{
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0 ? st.st_mode & S_IFMT : 0;
+}
+
+mode_t mode_of(const std::string& path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
+
+void make_socket(const std::string& path)
+{
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_GE(fd, 0);
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    ASSERT_LT(path.size(), sizeof addr.sun_path);
+    memcpy(addr.sun_path, path.c_str(), path.size());
+    ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+    close(fd);
+}
+
+class File : public ::testing::Test {
+protected:
+    TempDir dir;
+    std::string target = dir.path() + "/dm.cfg";
+    std::string victim = dir.path() + "/victim";
+};
+
+// Nothing but a regular file is ever replaced, by either kind of save; a
+// link is not followed. The node, and a link's target, stay as they were and
+// no temporary file is left.
+TEST_F(File, OnlyARegularFileIsReplaced)
+{
+    struct Case {
+        const char* what;
+        mode_t kind;
+        std::function<void(const std::string&)> make;
+    };
+    const Case cases[] = {
+        { "socket", S_IFSOCK, make_socket },
+        { "fifo", S_IFIFO, [](const std::string& p) { ASSERT_EQ(0, mkfifo(p.c_str(), 0666)); } },
+        { "directory", S_IFDIR, [](const std::string& p) { fs::create_directory(p); } },
+        { "link to a file", S_IFLNK, [this](const std::string& p) { fs::create_symlink(victim, p); } },
+        { "link to nothing", S_IFLNK, [this](const std::string& p) { fs::create_symlink(victim + ".new", p); } },
+    };
+    ASSERT_TRUE(write_file(victim, "victim's"));
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        c.make(target);
+        const std::set<std::string> before = names_in(dir.path());
+        int fills = 0;
+        auto fill = [&](int fd) { return ++fills, put(fd, "new"); };
+        EXPECT_FALSE(tovak_file_replace(target.c_str(), fill));
+        EXPECT_FALSE(tovak_file_create(target.c_str(), fill));
+        EXPECT_EQ(0, fills) << "refused before writing anything";
+        EXPECT_EQ(c.kind, kind(target));
+        EXPECT_EQ("victim's", read_file(victim));
+        EXPECT_FALSE(file_exists(victim + ".new"));
+        EXPECT_EQ(before, names_in(dir.path()));
+        fs::remove(target);
+    }
+}
+
+// A file of that name replaced or made, exactly; a new one is 0666 whatever
+// the umask, an old one keeps its mode; a file that is there already is
+// never replaced by a create.
+TEST_F(File, RegularFilesAreReplacedAndCreatedWhole)
+{
+    const mode_t umask_was = umask(022);
+    EXPECT_TRUE(tovak_file_create(target.c_str(), [](int fd) { return put(fd, "one"); }));
+    EXPECT_EQ("one", read_file(target));
+    EXPECT_EQ(0666u, mode_of(target));
+    EXPECT_FALSE(tovak_file_create(target.c_str(), [](int fd) { return put(fd, "two"); }));
+    EXPECT_EQ("one", read_file(target));
+
+    ASSERT_EQ(0, chmod(target.c_str(), 0640));
+    EXPECT_TRUE(tovak_file_replace(target.c_str(), [](int fd) { return put(fd, "three\n"); }));
+    EXPECT_EQ("three\n", read_file(target));
+    EXPECT_EQ(0640u, mode_of(target));
+    umask(umask_was);
+
+    // A relative path saves in the working directory.
+    const fs::path cwd = fs::current_path();
+    fs::current_path(dir.path());
+    EXPECT_TRUE(tovak_file_replace("dm.cfg", [](int fd) { return put(fd, "four"); }));
+    fs::current_path(cwd);
+    EXPECT_EQ("four", read_file(target));
+
+    for (const char* bad : { "", "/", ".", "..", (const char*)nullptr })
+        EXPECT_FALSE(tovak_file_replace(bad, [](int fd) { return put(fd, "x"); })) << (bad ? bad : "null");
+
+    // A fill that fails leaves the old file and nothing beside it.
+    const std::set<std::string> before = names_in(dir.path());
+    EXPECT_FALSE(tovak_file_replace(target.c_str(), [](int fd) { return put(fd, "half") && false; }));
+    EXPECT_EQ("four", read_file(target));
+    EXPECT_EQ(before, names_in(dir.path()));
+}
+
+// Names a hostile client plants beside the file: the old fixed temporary
+// name and names of the temporary form, as a hard link, a link and a
+// directory. None redirects a write or stops a save; of them, only regular
+// files of the temporary form are cleared, and unlinking a hard link leaves
+// its other name whole.
+TEST_F(File, PlantedNamesNeitherRedirectNorStopSaves)
+{
+    ASSERT_TRUE(write_file(victim, "victim's"));
+    ASSERT_TRUE(write_file(target, "old"));
+    const std::string fixed = dir.path() + "/.dm.cfg.tmp";
+    const std::string form_link = dir.path() + "/.dm.cfg.tmp.AAAAAAAA";
+    const std::string form_hard = dir.path() + "/.dm.cfg.tmp.BBBBBBBB";
+    const std::string form_dir = dir.path() + "/.dm.cfg.tmp.CCCCCCCC";
+    const std::string near_miss = dir.path() + "/.dm.cfg.tmp.DDDDDDD";
+    fs::create_hard_link(victim, fixed);
+    fs::create_symlink(victim, form_link);
+    fs::create_hard_link(victim, form_hard);
+    fs::create_directory(form_dir);
+    ASSERT_TRUE(write_file(form_dir + "/inside", "kept"));
+    ASSERT_TRUE(write_file(near_miss, "not ours"));
+
+    for (const char* text : { "first", "second" }) {
+        EXPECT_TRUE(tovak_file_replace(target.c_str(), [&](int fd) { return put(fd, text); }));
+        EXPECT_EQ(text, read_file(target));
+    }
+    EXPECT_EQ("victim's", read_file(victim));
+    EXPECT_EQ(S_IFREG, kind(fixed));
+    EXPECT_EQ(S_IFLNK, kind(form_link));
+    EXPECT_EQ(0, kind(form_hard));
+    EXPECT_EQ("kept", read_file(form_dir + "/inside"));
+    EXPECT_EQ("not ours", read_file(near_miss));
+    EXPECT_EQ(2u, fs::hard_link_count(victim));
+    EXPECT_EQ((std::set<std::string>{ "dm.cfg", "victim", ".dm.cfg.tmp", ".dm.cfg.tmp.AAAAAAAA", ".dm.cfg.tmp.CCCCCCCC",
+                                      ".dm.cfg.tmp.DDDDDDD" }),
+              names_in(dir.path()));
+}
+
+// A save killed while writing leaves its temporary file and the old file;
+// the next save clears the left-over.
+TEST_F(File, KilledSaveLeavesTheOldFileAndTheNextClearsItsTemporary)
+{
+    ASSERT_TRUE(write_file(target, "old"));
+    int ready[2];
+    ASSERT_EQ(0, pipe(ready));
+    fflush(nullptr);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        tovak_file_replace(target.c_str(), [&](int fd) {
+            if (!put(fd, "ne") || write(ready[1], "w", 1) != 1)
+                _exit(1);
+            pause();
+            return true;
+        });
+        _exit(1);
+    }
+    close(ready[1]);
+    char c;
+    ASSERT_EQ(1, read(ready[0], &c, 1));
+    close(ready[0]);
+    kill(pid, SIGKILL);
+    ASSERT_EQ(pid, waitpid(pid, nullptr, 0));
+    EXPECT_EQ("old", read_file(target));
+    std::set<std::string> names = names_in(dir.path());
+    ASSERT_EQ(2u, names.size());
+    const std::string left = *names.rbegin() == "dm.cfg" ? *names.begin() : *names.rbegin();
+    EXPECT_EQ(0u, left.find(".dm.cfg.tmp.")) << left;
+    EXPECT_EQ(20u, left.size()) << left;
+
+    EXPECT_TRUE(tovak_file_replace(target.c_str(), [](int fd) { return put(fd, "new"); }));
+    EXPECT_EQ("new", read_file(target));
+    EXPECT_EQ(std::set<std::string>{ "dm.cfg" }, names_in(dir.path()));
+}
+
+} // namespace
