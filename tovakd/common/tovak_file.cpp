@@ -13,9 +13,10 @@
 #include <ctime>
 #include <string>
 
-// Temporary names are "." + the file's name + this + TMP_SUFFIX_LEN letters
-// or digits; only names of exactly that form are ever cleared.
-static const char TMP_MARK[] = ".tmp.";
+// A temporary name is "." + the file's name + ".tmp", the name the phone's
+// policy labels; where that is taken, the same + "." + TMP_SUFFIX_LEN letters
+// or digits. Only names of exactly those forms are ever cleared.
+static const char TMP_MARK[] = ".tmp";
 static const size_t TMP_SUFFIX_LEN = 8;
 // Names tried before giving up: each one taken already costs one try.
 static const int TMP_TRIES = 32;
@@ -62,7 +63,7 @@ struct Place {
     Place(const Place&) = delete;
     Place& operator=(const Place&) = delete;
 
-    std::string tmp_prefix() const { return "." + name + TMP_MARK; }
+    std::string tmp_name() const { return "." + name + TMP_MARK; }
 };
 
 // A client chooses where the daemon saves, so the letters must be ones no
@@ -89,11 +90,15 @@ std::string random_suffix()
     return s;
 }
 
-bool is_tmp_name(const char* entry, const std::string& prefix)
+bool is_tmp_name(const char* entry, const std::string& fixed)
 {
-    if (strncmp(entry, prefix.c_str(), prefix.size()) != 0)
+    if (strncmp(entry, fixed.c_str(), fixed.size()) != 0)
         return false;
-    const char* rest = entry + prefix.size();
+    const char* rest = entry + fixed.size();
+    if (*rest == '\0')
+        return true;
+    if (*rest++ != '.')
+        return false;
     size_t n = 0;
     for (; rest[n] != '\0'; n++) {
         const char c = rest[n];
@@ -116,10 +121,10 @@ void clear_leftovers(const Place& at)
         close(fd);
         return;
     }
-    const std::string prefix = at.tmp_prefix();
+    const std::string fixed = at.tmp_name();
     while (dirent* e = readdir(d)) {
         struct stat st;
-        if (is_tmp_name(e->d_name, prefix) && fstatat(at.dir, e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+        if (is_tmp_name(e->d_name, fixed) && fstatat(at.dir, e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
             S_ISREG(st.st_mode))
             unlinkat(at.dir, e->d_name, 0);
     }
@@ -154,7 +159,7 @@ bool save(const char* path, const std::function<bool(int fd)>& fill, bool create
     // Exclusive and never through a link: whatever sits at a name, planted
     // or left over, only costs one more try.
     for (int i = 0; i < TMP_TRIES && fd < 0; i++) {
-        tmp = at.tmp_prefix() + random_suffix();
+        tmp = i == 0 ? at.tmp_name() : at.tmp_name() + "." + random_suffix();
         fd = openat(at.dir, tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
         if (fd < 0 && errno != EEXIST)
             return false;

@@ -10,8 +10,9 @@
 bool tovak_write_all(int fd, const void* data, size_t n);
 
 // Replaces path with what fill writes to the descriptor it is given: a
-// temporary file of a fresh name beside it, created exclusively, synced and
-// renamed into place, then the directory synced. An existing file keeps its
+// temporary file beside it, created exclusively (under a random name where
+// the usual one is taken), synced and renamed into place, then the directory
+// synced. An existing file keeps its
 // owner and mode; a new one gets mode 0666. Only a regular file is replaced:
 // a link (never followed), a socket, a FIFO, a device or a directory at path
 // fails the call. False, with path untouched, when any step fails. Saves to
