@@ -77,7 +77,7 @@ std::string random_suffix()
         static std::atomic<unsigned> counter{ 0 };
         timespec now = {};
         clock_gettime(CLOCK_MONOTONIC, &now);
-        uint64_t mix = uint64_t(now.tv_nsec) * 2654435761u ^ uint64_t(getpid()) << 32 ^ counter++;
+        uint64_t mix = (uint64_t(now.tv_nsec) * 2654435761u) ^ (uint64_t(getpid()) << 32) ^ counter++;
         for (unsigned char& b : bytes) {
             b = uint8_t(mix);
             mix = mix >> 8 | mix << 56;
