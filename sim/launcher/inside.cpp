@@ -31,19 +31,12 @@ namespace {
 #define CRASH_LIMIT 4
 // Lines of the daemon's last output shown when it exits.
 #define LAST_LINES 5
-// The phone's init gives tovakd this many descriptors (its rlimit): running
-// it out of them then takes far more clients than an app may have processes.
-#define DAEMON_NOFILE 65536
-
-// DAEMON_NOFILE, or, where this launcher may not raise its own hard limit
-// that far, the most it may give, said on stderr.
+// DAEMON_NOFILE, or where `up` could not raise the hard limit that far (it
+// needs root's CAP_SYS_RESOURCE), the most there is, said on stderr.
 rlim_t daemon_nofile()
 {
     rlimit own = {};
     if (getrlimit(RLIMIT_NOFILE, &own) != 0 || own.rlim_max == RLIM_INFINITY || own.rlim_max >= DAEMON_NOFILE)
-        return DAEMON_NOFILE;
-    rlimit want = { DAEMON_NOFILE, DAEMON_NOFILE };
-    if (setrlimit(RLIMIT_NOFILE, &want) == 0)
         return DAEMON_NOFILE;
     write_all(STDERR_FILENO, "tovak-sim: tovakd may open " + std::to_string(own.rlim_max) + " descriptors, not " +
                                  std::to_string(DAEMON_NOFILE) + ": the most this launcher may give\n");

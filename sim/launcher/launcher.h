@@ -13,6 +13,9 @@
 
 // Android init restarts a service no sooner than 5 s after its last start.
 #define RESTART_DELAY_MS 5000
+// The phone's init gives tovakd this many descriptors (its rlimit): running
+// it out of them then takes far more clients than an app may open.
+#define DAEMON_NOFILE 65536
 
 namespace launcher {
 

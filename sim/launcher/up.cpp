@@ -231,6 +231,15 @@ int up(UpOptions opt)
     // Stopping is one more event of the copy loop.
     int sig_fd = signal_fd({ SIGINT, SIGTERM, SIGHUP });
 
+    // The sandbox keeps no privilege to raise the hard descriptor limit for
+    // the daemon; root raises it here, for it to inherit. The soft one
+    // stays: nothing outside the daemon needs more.
+    rlimit nofile = {};
+    if (getrlimit(RLIMIT_NOFILE, &nofile) == 0 && nofile.rlim_max != RLIM_INFINITY && nofile.rlim_max < DAEMON_NOFILE) {
+        nofile.rlim_max = DAEMON_NOFILE;
+        (void)setrlimit(RLIMIT_NOFILE, &nofile);
+    }
+
     int pipe_fds[2];
     if (pipe2(pipe_fds, O_CLOEXEC) != 0)
         die(std::string("pipe: ") + strerror(errno));

@@ -157,6 +157,22 @@ TEST_F(Hostile, AnOversizedConfigurationIsNotRead)
     EXPECT_EQ(before, events());
 }
 
+// A FIFO where provisioning would put the user's dm.cfg, the default save
+// path too: start-up goes on with the built-in settings, and no save
+// replaces the FIFO.
+using HostileStartUp = DeviceTest;
+
+TEST_F(HostileStartUp, AFifoAtTheUserFileHoldsNothingUpAndStays)
+{
+    fs::create_directories(dev.path("data/media/0"));
+    ASSERT_EQ(0, mkfifo(user_config().c_str(), 0666));
+    start();
+    EXPECT_TRUE(dev.wait_stdout("User file already exists /data/media/0/dm.cfg"));
+    EXPECT_TRUE(dev.wait_stdout("Configuration File Loading Fail so load default config."));
+    EXPECT_EQ(0u, send(CMD_ADD_EVENT, u16(1234)).len);
+    EXPECT_EQ(S_IFIFO, kind(user_config()));
+}
+
 // Clients that hold connections idle, and many more that connect briefly to
 // send frames whose length lies, ids past the table, half a frame or
 // nothing, while a well-formed client edits: every edit is answered and

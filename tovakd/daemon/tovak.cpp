@@ -50,8 +50,9 @@ uint32_t handler_dummy(uint32_t, uint8_t*, uint32_t*, uint8_t*)
 int tovak_copy_default_file(const char* user, const char* source)
 {
     // Only a file that is not there is made: one that merely can't be opened
-    // now is still the user's, and is never replaced.
-    int fd = open(user, O_RDONLY | O_CLOEXEC);
+    // now is still the user's, and is never replaced. Not blocking: a FIFO
+    // put there would hold start-up for ever.
+    int fd = open(user, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd >= 0 || errno != ENOENT) {
         TLOG("User file already exists %s\n", user);
         if (fd >= 0)
