@@ -38,6 +38,20 @@ bool parse_entries(const std::string& bytes, std::vector<Entry>* out)
     return true;
 }
 
+// The capture names of the files in dir, sorted.
+std::vector<std::string> captures_in(const std::string& dir)
+{
+    std::vector<std::string> names;
+    DIR* d = opendir(dir.c_str());
+    while (dirent* e = d ? readdir(d) : nullptr)
+        if (e->d_name[0] != '.')
+            names.push_back(std::string(e->d_name).substr(0, std::string(e->d_name).find('_')));
+    if (d)
+        closedir(d);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
 class Capture : public DeviceTest {
 protected:
     void log(const std::string& buffer, const std::string& msg) { ctl({ "log", buffer, "I", "Tag", msg }); }
@@ -173,6 +187,36 @@ TEST_F(Capture, ARestartRestoresStateCategoriesAndSizes)
     EXPECT_EQ(1u, reply_u32(send(CMD_ADBLOG_GET_CATEGORIES), 8));
     EXPECT_EQ(20000000u, reply_u32(send(CMD_ADBLOG_GET_SIZE, u32(0))));
     EXPECT_EQ(cfg, read_file(user_config())) << "start-up does not save";
+}
+
+// The output path's directory takes the next successful commit only; a
+// refused one keeps it. Disabled categories are left out of a commit even
+// while their file is open, and a size set while off is the next file's.
+TEST_F(Capture, CommitsGoOnceWhereTheOutPathSaysAndOnlyEnabledOnesGo)
+{
+    start();
+    const std::string once = dev.path("data/media/0/once");
+    EXPECT_EQ(0u, reply_u32(send(CMD_OUT_PATH, Bytes{ '/', 's', 'd', 'c', 'a', 'r', 'd', '/', 'o', 'n', 'c', 'e', '/', 'd', 0 })));
+    EXPECT_EQ(0u, send(CMD_ADBLOG_COMMIT).len);
+    send(CMD_ADBLOG_SET_SIZE, le({ { 1, 4 }, { 600000, 4 } }));
+    send(CMD_ADBLOG_ADD_CATEGORY, u32(2));
+    send(CMD_ADBLOG_ON);
+    for (const char* buffer : { "radio", "events" })
+        log(buffer, "ready");
+    // A file is made when its first data arrives, and written under the same
+    // lock that a commit takes.
+    ASSERT_TRUE(dev.wait_stdout("syslog create: cat = 1, size = 600000, tmp_path = adbradio")) << dev.daemon_stdout();
+    ASSERT_TRUE(dev.wait_stdout("syslog create: cat = 2, size = 5000000, tmp_path = adbevents"));
+    send(CMD_ADBLOG_RM_CATEGORY, u32(2));
+    EXPECT_EQ(0u, send(CMD_ADBLOG_COMMIT).len);
+    const std::vector<std::string> names = captures_in(once);
+    EXPECT_TRUE(std::binary_search(names.begin(), names.end(), "adbradio")) << once;
+    EXPECT_FALSE(std::binary_search(names.begin(), names.end(), "adbevents")) << "disabled before the commit";
+    EXPECT_TRUE(std::adjacent_find(names.begin(), names.end()) == names.end()) << "one commit, one file each";
+
+    log("radio", "after");
+    ASSERT_TRUE(commit_until("adbradio", [](const std::vector<Entry>& e) { return e.back().msg == "after"; }));
+    EXPECT_EQ(names, captures_in(once)) << "later commits go back to syslog";
 }
 
 } // namespace
