@@ -183,6 +183,16 @@ TEST_F(Capture, ARestartRestoresStateCategoriesAndSizes)
     EXPECT_EQ(cfg, read_file(user_config())) << "start-up does not save";
 }
 
+// The sizes kept are one per configured category: none for an empty list,
+// though the core took the size given.
+TEST_F(Capture, AnEmptyCategoryListLeavesNoSizesToSave)
+{
+    start({}, "<Category></Category><AdbSizeInfo>600000</AdbSizeInfo>");
+    EXPECT_EQ(600000u, reply_u32(send(CMD_ADBLOG_GET_SIZE, u32(0))));
+    send(CMD_ADD_EVENT, u16(1));
+    EXPECT_EQ(std::string::npos, read_file(user_config()).find("AdbSizeInfo")) << read_file(user_config());
+}
+
 // The output path's directory takes the next successful commit only; a
 // refused one keeps it. Disabled categories are left out of a commit even
 // while their file is open, and a size set while off is the next file's.
