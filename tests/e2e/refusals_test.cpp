@@ -219,6 +219,14 @@ TEST_F(Limits, EachFieldAtItsEdgeAndOnePast)
     EXPECT_EQ("0101234567", saved_number(counted("0101234567")));
     EXPECT_EQ("0101234567", saved_number(counted("", 0xffff))) << "a negative count copies nothing";
 
+    // 0x08, 0x0e: a list emptied is an empty reply, not a refused one.
+    for (auto [get, rm, width] : { std::tuple{ CMD_GET_EVENTS, CMD_RM_EVENT, 2u }, { CMD_GET_MSG, CMD_RM_MSG, 8u } }) {
+        tovak_pkt listed = send(get);
+        for (uint32_t at = 0; at < listed.len; at += width)
+            send(rm, Bytes(listed.data + at, listed.data + at + 2));
+        EXPECT_EQ(0u, send(get).len) << get;
+    }
+
     // 0x47: kinds 0 and 1 save, 2 saves nothing.
     const size_t saves = status()["qmi"]["saves"].size();
     send(CMD_SAVE_MODEM_DATA, u32(0));
