@@ -205,6 +205,10 @@ TEST_F(Limits, EachFieldAtItsEdgeAndOnePast)
     EXPECT_TRUE(dev.wait_stdout("System command = 199, cat /dev/null"));
     send(CMD_SYSTEM_COMMAND, counted(cmd199 + " ", 200));
     EXPECT_EQ(std::string::npos, dev.daemon_stdout().find("System command = 200"));
+    // A kill by a name no process has runs nothing and says -1.
+    send(CMD_SYSTEM_COMMAND, counted("@@#+=killall no-such-exe-tovak"));
+    EXPECT_TRUE(dev.wait_stdout("pid = 0\n"));
+    EXPECT_TRUE(dev.wait_stdout("Result of system command = -1\n"));
 
     // 0x48: a number of 19 bytes with its zero is kept, 20 is refused; a
     // shorter one then ends at its own zero byte.
