@@ -107,7 +107,10 @@ TEST_F(Packets, AFailedRangeQueryOnTheModemFallsBackAndIsAskedAgain)
     ASSERT_TRUE(sim.start());
     ASSERT_EQ(0, devsim_ctl(sim.root(), { "fault", "corrupt", "1" }));
     tovak_config_load_text(DEFAULT_CONFIG_TEXT);
+    testing::internal::CaptureStdout();
     std::vector<std::string> packets = built_packets();
+    // The damaged answer is the transport's failure, not a short answer.
+    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find("Error in send diag packet Case 1\n"));
     EXPECT_EQ(0u, tovak_config_locked()->ranges_known);
     ASSERT_EQ(1u + 3 + 23, packets.size());
     EXPECT_EQ(0u, packets[0].rfind("82 00 00 00 76 08", 0)) << "2166 built-in events";
