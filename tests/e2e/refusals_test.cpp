@@ -147,6 +147,14 @@ TEST_F(Refusals, EachAnswersInItsShapeAndChangesNothing)
             EXPECT_EQ(before, seen()) << s.name << ": " << r.what;
         }
     }
+    // A refused switch is logged as an error twice: by the switch, then by
+    // the command.
+    send(CMD_LOG_OFF);
+    EXPECT_TRUE(wait_until([&] {
+        const std::string out = dev.daemon_stdout();
+        const size_t at = out.rfind("not LOG_STATE_START so do nothing\n");
+        return at != std::string::npos && count(out.substr(at), "tovak_handler ERR >> ") == 2;
+    }));
 }
 
 // Frames whose length field claims more than the frame holds: every reader
