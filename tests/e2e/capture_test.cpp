@@ -38,6 +38,20 @@ bool parse_entries(const std::string& bytes, std::vector<Entry>* out)
     return true;
 }
 
+// The capture names of the files in dir, sorted.
+std::vector<std::string> captures_in(const std::string& dir)
+{
+    std::vector<std::string> names;
+    DIR* d = opendir(dir.c_str());
+    while (dirent* e = d ? readdir(d) : nullptr)
+        if (e->d_name[0] != '.')
+            names.push_back(std::string(e->d_name).substr(0, std::string(e->d_name).find('_')));
+    if (d)
+        closedir(d);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
 class Capture : public DeviceTest {
 protected:
     void log(const std::string& buffer, const std::string& msg) { ctl({ "log", buffer, "I", "Tag", msg }); }
@@ -105,18 +119,12 @@ TEST_F(Capture, EnabledCategoriesCaptureWhatTheLoggerWroteAndNothingElse)
     }());
 }
 
-TEST_F(Capture, SizesAreRefusedWhileCapturingAndClampedWhenUsed)
+TEST_F(Capture, TheSmallestSizeKeepsOnlyTheNewestOfAFlood)
 {
     start();
-    EXPECT_EQ(5120u, send(CMD_ADBLOG_SET_SIZE, le({ { 1, 4 }, { 0, 4 } })).len);
-    EXPECT_EQ(5120u, send(CMD_ADBLOG_SET_SIZE, u32(1)).len);
     send(CMD_ADBLOG_SET_SIZE, le({ { 3, 4 }, { 100, 4 } }));
     EXPECT_EQ(500000u, reply_u32(send(CMD_ADBLOG_GET_SIZE, u32(3))));
-    EXPECT_EQ(0u, reply_u32(send(CMD_ADBLOG_GET_SIZE, u32(7))));
-    EXPECT_EQ(10000000u, reply_u32(send(CMD_ADBLOG_GET_SIZE, u32(1))));
     send(CMD_ADBLOG_ON);
-    send(CMD_ADBLOG_SET_SIZE, le({ { 1, 4 }, { 600000, 4 } }));
-    EXPECT_EQ(10000000u, reply_u32(send(CMD_ADBLOG_GET_SIZE, u32(1))));
 
     // A capture of 500000 bytes keeps only the newest of a larger flood.
     ctl({ "flood", "system", "50000", "30000" });
@@ -173,6 +181,49 @@ TEST_F(Capture, ARestartRestoresStateCategoriesAndSizes)
     EXPECT_EQ(1u, reply_u32(send(CMD_ADBLOG_GET_CATEGORIES), 8));
     EXPECT_EQ(20000000u, reply_u32(send(CMD_ADBLOG_GET_SIZE, u32(0))));
     EXPECT_EQ(cfg, read_file(user_config())) << "start-up does not save";
+}
+
+// The sizes kept are one per configured category: none for an empty list,
+// though the core took the size given.
+TEST_F(Capture, AnEmptyCategoryListLeavesNoSizesToSave)
+{
+    start({}, "<Category></Category><AdbSizeInfo>600000</AdbSizeInfo>");
+    EXPECT_EQ(600000u, reply_u32(send(CMD_ADBLOG_GET_SIZE, u32(0))));
+    send(CMD_ADD_EVENT, u16(1));
+    EXPECT_EQ(std::string::npos, read_file(user_config()).find("AdbSizeInfo")) << read_file(user_config());
+}
+
+// The output path's directory takes the next successful commit only; a
+// refused one keeps it. Disabled categories are left out of a commit even
+// while their file is open, and a size set while off is the next file's.
+TEST_F(Capture, CommitsGoOnceWhereTheOutPathSaysAndOnlyEnabledOnesGo)
+{
+    start();
+    // The start-up listing names every category by its number.
+    for (const char* line : { ": 0: log/main\n", ": 1: log/radio\n", ": 2: log/events\n", ": 3: log/system\n" })
+        EXPECT_NE(std::string::npos, dev.daemon_stdout().find(line)) << line;
+    const std::string once = dev.path("data/media/0/once");
+    EXPECT_EQ(0u, reply_u32(send(CMD_OUT_PATH, Bytes{ '/', 's', 'd', 'c', 'a', 'r', 'd', '/', 'o', 'n', 'c', 'e', '/', 'd', 0 })));
+    EXPECT_EQ(0u, send(CMD_ADBLOG_COMMIT).len);
+    send(CMD_ADBLOG_SET_SIZE, le({ { 1, 4 }, { 600000, 4 } }));
+    send(CMD_ADBLOG_ADD_CATEGORY, u32(2));
+    send(CMD_ADBLOG_ON);
+    for (const char* buffer : { "radio", "events" })
+        log(buffer, "ready");
+    // A file is made when its first data arrives, and written under the same
+    // lock that a commit takes.
+    ASSERT_TRUE(dev.wait_stdout("syslog create: cat = 1, size = 600000, tmp_path = adbradio")) << dev.daemon_stdout();
+    ASSERT_TRUE(dev.wait_stdout("syslog create: cat = 2, size = 5000000, tmp_path = adbevents"));
+    send(CMD_ADBLOG_RM_CATEGORY, u32(2));
+    EXPECT_EQ(0u, send(CMD_ADBLOG_COMMIT).len);
+    const std::vector<std::string> names = captures_in(once);
+    EXPECT_TRUE(std::binary_search(names.begin(), names.end(), "adbradio")) << once;
+    EXPECT_FALSE(std::binary_search(names.begin(), names.end(), "adbevents")) << "disabled before the commit";
+    EXPECT_TRUE(std::adjacent_find(names.begin(), names.end()) == names.end()) << "one commit, one file each";
+
+    log("radio", "after");
+    ASSERT_TRUE(commit_until("adbradio", [](const std::vector<Entry>& e) { return e.back().msg == "after"; }));
+    EXPECT_EQ(names, captures_in(once)) << "later commits go back to syslog";
 }
 
 } // namespace

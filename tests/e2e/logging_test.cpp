@@ -168,6 +168,19 @@ TEST_F(Logging, ARestartWithLogStateOnResumesWithoutAClient)
     EXPECT_EQ(1u, reply_u32(reply));
 }
 
+// Log on reads the configuration file again once a save or a query has
+// named it; before that, what start-up loaded stands.
+TEST_F(Logging, LogOnReadsTheConfigurationFileAfreshOnceNamed)
+{
+    start();
+    for (const json& events : { json(EVENTS), json({ 7 }) }) {
+        ASSERT_TRUE(write_file(user_config(), "<EventIDs>7</EventIDs>"));
+        switch_logging(CMD_LOG_ON);
+        EXPECT_EQ(events, status()["modems"]["local"]["events"]);
+        switch_logging(CMD_LOG_OFF);
+    }
+}
+
 TEST_F(Logging, AFailedStartUpLeavesGatedCommandsRefusingAndTheModemUntouched)
 {
     start({}, "<LogState>on</LogState><BufferSize>-1</BufferSize><EventIDs>1</EventIDs>");

@@ -54,6 +54,8 @@ TEST(ByteBuffer, RecordsNeverInitialisedOrGivenBadArgumentsAreRefused)
     uint8_t area[8] = {};
     byte_buffer bb;
     memset(&bb, 0xa5, sizeof bb);
+    // Each refusal prints one error line, on stdout only.
+    testing::internal::CaptureStdout();
     EXPECT_EQ(0u, byte_buffer_init(&bb, nullptr, 8));
     EXPECT_EQ(0u, byte_buffer_init(&bb, area, 0));
     EXPECT_EQ(0u, byte_buffer_init(nullptr, area, 8));
@@ -68,6 +70,11 @@ TEST(ByteBuffer, RecordsNeverInitialisedOrGivenBadArgumentsAreRefused)
     EXPECT_EQ(0u, byte_buffer_write_bytes(&bb, area, 1));
     EXPECT_EQ(0u, byte_buffer_length(&bb));
     EXPECT_EQ(0u, byte_buffer_length(nullptr));
+    const std::string printed = testing::internal::GetCapturedStdout();
+    size_t lines = 0;
+    for (size_t at = printed.find("byte_buffer ERR >> "); at != std::string::npos; at = printed.find("byte_buffer ERR >> ", at + 1))
+        lines++;
+    EXPECT_EQ(12u, lines) << printed;
 
     ASSERT_EQ(1u, byte_buffer_init(&bb, area, 8));
     EXPECT_EQ(0u, byte_buffer_read_u32(&bb, nullptr));

@@ -110,6 +110,21 @@ TEST_F(Config, ElementsAndListGrammars)
         EXPECT_NE(std::string::npos, round_trip(c.file).find(c.written)) << c.file << "\n" << read_file(out);
 }
 
+// A file is read in chunks: its last byte counts wherever the chunks end, and
+// "on" reads as 1 exactly.
+TEST_F(Config, FilesEndingAtEveryChunkEdgeReadWhole)
+{
+    const std::string tail = "<DplState>on</DplState>";
+    for (size_t size : { tail.size(), size_t(8191), size_t(8192), size_t(8193), size_t(16385) }) {
+        const std::string text = size > tail.size() ? "#" + std::string(size - tail.size() - 2, 'x') + "\n" : "";
+        round_trip(text + tail);
+        EXPECT_EQ(1u, tovak_config_get_dpl_state()) << size;
+    }
+    round_trip("<LogState>on</LogState><AdbLogState>on</AdbLogState>");
+    EXPECT_EQ(1u, tovak_config_get_log_state());
+    EXPECT_EQ(1u, tovak_config_get_adblog_state());
+}
+
 // Any bytes load, and what is written from them reads back to itself.
 TEST_F(Config, AnyBytesLoadAndTheirSavedFormIsStable)
 {

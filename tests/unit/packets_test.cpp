@@ -107,7 +107,10 @@ TEST_F(Packets, AFailedRangeQueryOnTheModemFallsBackAndIsAskedAgain)
     ASSERT_TRUE(sim.start());
     ASSERT_EQ(0, devsim_ctl(sim.root(), { "fault", "corrupt", "1" }));
     tovak_config_load_text(DEFAULT_CONFIG_TEXT);
+    testing::internal::CaptureStdout();
     std::vector<std::string> packets = built_packets();
+    // The damaged answer is the transport's failure, not a short answer.
+    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find("Error in send diag packet Case 1\n"));
     EXPECT_EQ(0u, tovak_config_locked()->ranges_known);
     ASSERT_EQ(1u + 3 + 23, packets.size());
     EXPECT_EQ(0u, packets[0].rfind("82 00 00 00 76 08", 0)) << "2166 built-in events";
@@ -121,6 +124,66 @@ TEST_F(Packets, AFailedRangeQueryOnTheModemFallsBackAndIsAskedAgain)
     EXPECT_EQ(1, getVariousInfoOnEventLogMessage());
     EXPECT_EQ(requests, sim.status()["request_count"].get<size_t>()) << "known ranges are not asked again";
     EXPECT_EQ(0, sim.stop());
+}
+
+// The modem's range answers at their size edges: what is taken, and what a
+// refused answer leaves (nothing).
+TEST_F(Packets, RangeAnswersAtTheirSizeEdges)
+{
+    // The log ranges answer: 12 bytes of header with the status at 8, then
+    // u32 last items; 10 of them at least.
+    auto log_answer = [](size_t items, uint8_t status) {
+        std::vector<uint8_t> a(12 + 4 * items, 0);
+        a[0] = 0x73;
+        a[8] = status;
+        for (size_t i = 0; i < items; i++)
+            a[12 + 4 * i] = uint8_t(i + 1);
+        return a;
+    };
+    // The SSID ranges answer: 7d 01, status, reserved, u32 count, ranges.
+    auto ssid_answer = [](size_t bytes, uint8_t status, uint32_t count) {
+        std::vector<uint8_t> a(bytes, 0x11);
+        a[0] = 0x7d;
+        a[1] = 1;
+        a[2] = status;
+        for (int i = 0; i < 4 && 4 + i < int(bytes); i++)
+            a[4 + i] = uint8_t(count >> (8 * i));
+        return a;
+    };
+    struct Case {
+        const char* name;
+        int (*take)(const std::vector<uint8_t>&, tovak_config&);
+        std::vector<uint8_t> answer;
+        int result;
+        size_t taken;
+    };
+    // clang-format off
+    const Case cases[] = {
+        { "log: 10 items",              tovak_data_take_log_ranges,  log_answer(10, 0),         1, 10 },
+        { "log: 9 items",               tovak_data_take_log_ranges,  log_answer(9, 0),          0, 0 },
+        { "log: status 1",              tovak_data_take_log_ranges,  log_answer(16, 1),         0, 0 },
+        { "log: 15 bytes",              tovak_data_take_log_ranges,  std::vector<uint8_t>(15),  0, 0 },
+        { "ssid: 10 bytes, no range",   tovak_data_take_ssid_ranges, ssid_answer(10, 1, 1),     1, 0 },
+        { "ssid: 9 bytes",              tovak_data_take_ssid_ranges, ssid_answer(9, 1, 1),      0, 0 },
+        { "ssid: status 0",             tovak_data_take_ssid_ranges, ssid_answer(16, 0, 2),     0, 0 },
+        { "ssid: count past the end",   tovak_data_take_ssid_ranges, ssid_answer(16, 1, 5),     1, 2 },
+        { "ssid: count below the end",  tovak_data_take_ssid_ranges, ssid_answer(16, 1, 1),     1, 1 },
+        { "event: 6 bytes",             tovak_data_take_event_count, { 0x81, 0, 0, 0, 0x98, 0x08 }, 1, 2200 },
+        { "event: 5 bytes",             tovak_data_take_event_count, { 0x81, 0, 0, 0, 0x98 },   0, 0 },
+    };
+    // clang-format on
+    for (const Case& c : cases) {
+        tovak_config config;
+        EXPECT_EQ(c.result, c.take(c.answer, config)) << c.name;
+        if (c.take == tovak_data_take_event_count) {
+            EXPECT_EQ(c.taken, config.event_id_count) << c.name;
+            continue;
+        }
+        const bool log = c.take == tovak_data_take_log_ranges;
+        const std::vector<uint32_t>& got = log ? config.log_last_items : config.msg_ssid_ranges;
+        ASSERT_EQ(c.taken, got.size()) << c.name;
+        EXPECT_TRUE(got.empty() || got.back() == (log ? 10u : 0x11111111u)) << c.name;
+    }
 }
 
 } // namespace
