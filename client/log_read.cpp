@@ -316,15 +316,22 @@ std::string lr_format_message(const char* fmt, size_t fmt_len, const uint32_t* a
                 out += buf;
                 break;
             }
-            const std::string f = "%" + flags + "*.*" + (conv == 'c' ? "" : "ll") + conv;
+            // Precision only when given: it would cancel the 0 flag.
+            const std::string f =
+                "%" + flags + "*" + (prec >= 0 ? ".*" : "") + (conv == 'c' ? "" : "ll") + conv;
             const bool is_signed = conv == 'd' || conv == 'i';
             const long long sv = longs >= 2 ? (long long)(int64_t(value)) : (long long)(int32_t(uint32_t(value)));
+            const unsigned long long uv = value;
             if (conv == 'c')
-                snprintf(buf, sizeof buf, f.c_str(), width, prec < 0 ? 0 : prec, int(uint8_t(value)));
+                snprintf(buf, sizeof buf, "%*c", width, int(uint8_t(value)));
+            else if (prec < 0 && is_signed)
+                snprintf(buf, sizeof buf, f.c_str(), width, sv);
+            else if (prec < 0)
+                snprintf(buf, sizeof buf, f.c_str(), width, uv);
             else if (is_signed)
-                snprintf(buf, sizeof buf, f.c_str(), width, prec < 0 ? 1 : prec, sv);
+                snprintf(buf, sizeof buf, f.c_str(), width, prec, sv);
             else
-                snprintf(buf, sizeof buf, f.c_str(), width, prec < 0 ? 1 : prec, (unsigned long long)value);
+                snprintf(buf, sizeof buf, f.c_str(), width, prec, uv);
             out += buf;
             break;
         }

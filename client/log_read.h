@@ -128,7 +128,7 @@ public:
     bool failed() const { return failed_; }
 
 private:
-    void packet(double t, const uint8_t* a, size_t alen, const uint8_t* b, size_t blen);
+    void packet(uint64_t stamp, const uint8_t* a, size_t alen, const uint8_t* b, size_t blen);
     FILE* out_ = nullptr;
     uint64_t written_ = 0;
     bool failed_ = false;

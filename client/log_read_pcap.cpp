@@ -1,7 +1,6 @@
 // pcap export. One link type, raw IP, carries both: DPL's own IP packets
 // as they are, and radio messages in GSMTAP over UDP to port 4729, which
 // Wireshark decodes with its own dissectors.
-#include <cmath>
 #include <cstring>
 
 #include "log_read.h"
@@ -116,12 +115,13 @@ bool LrPcapWriter::open(FILE* out)
     return !failed_;
 }
 
-void LrPcapWriter::packet(double t, const uint8_t* a, size_t alen, const uint8_t* b, size_t blen)
+void LrPcapWriter::packet(uint64_t stamp, const uint8_t* a, size_t alen, const uint8_t* b, size_t blen)
 {
-    double sec = floor(t);
+    // In whole microseconds: a double would turn .5 into .499999.
+    const uint64_t us = 315964800ull * 1000000 + (stamp >> 16) * 1250;
     buf_.clear();
-    le32(buf_, uint32_t(sec));
-    le32(buf_, uint32_t((t - sec) * 1e6));
+    le32(buf_, uint32_t(us / 1000000));
+    le32(buf_, uint32_t(us % 1000000));
     le32(buf_, uint32_t(alen + blen));
     le32(buf_, uint32_t(alen + blen));
     buf_.insert(buf_.end(), a, a + alen);
@@ -135,7 +135,7 @@ bool LrPcapWriter::add(const LrRecord& r)
 {
     if (r.kind != LrKind::log)
         return false;
-    const double t = lr_stamp_unix(r.stamp);
+    const uint64_t t = r.stamp;
     if (r.code == LR_DPL_CODE) {
         if (r.body_len <= LR_DPL_HEAD)
             return false;
