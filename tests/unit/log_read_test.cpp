@@ -307,10 +307,11 @@ TEST(LogReadConfig, MissingAndUnconfiguredItems)
     put(ev, 1606, 2);
     put(ev, stamp(), 8);
     LrSummary s;
-    for (const LrRecord& r : read_all(framed({ log_packet(0xB0C0, { 1 }), log_packet(0xB061, { 1 }), ev,
-                                              message(5, 1u << 3 | 1u << 9, {}, "x"), log_packet(0x11EB, dpl),
-                                              log_packet(0x11EB, dpl_other) })))
-        s.add(r);
+    const Bytes data = framed({ log_packet(0xB0C0, { 1 }), log_packet(0xB061, { 1 }), ev,
+                                message(5, 1u << 3 | 1u << 9, {}, "x"), log_packet(0x11EB, dpl),
+                                log_packet(0x11EB, dpl_other) });
+    LrDiagReader reader([&](const LrRecord& r) { s.add(r); });
+    reader.feed(data.data(), data.size());
     std::vector<std::string> missing, extra;
     const LrCheck c = lr_check(s, cfg);
     for (const LrItem& i : c.missing)
