@@ -57,10 +57,11 @@ int lr_kind_by_name(const std::string& word)
     return -1;
 }
 
-double lr_stamp_unix(uint64_t stamp)
+int64_t lr_stamp_us(uint64_t stamp)
 {
-    // GPS time without leap seconds, as the modem keeps it.
-    return 315964800.0 + double(stamp >> 16) * 0.00125;
+    // GPS time without leap seconds, as the modem keeps it; whole
+    // microseconds, so that times print as they were taken.
+    return 315964800ll * 1000000 + int64_t((stamp >> 16) * 1250);
 }
 
 void LrDiagReader::feed(const uint8_t* data, size_t len)

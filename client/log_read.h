@@ -40,8 +40,8 @@ struct LrRecord {
     std::string problem; // bad frames, and what was wrong with a message
 };
 
-// Seconds since 1970 of a modem stamp.
-double lr_stamp_unix(uint64_t stamp);
+// Microseconds since 1970 of a modem stamp.
+int64_t lr_stamp_us(uint64_t stamp);
 
 // A streaming reader of HDLC frames: feed it the file in any pieces and
 // it calls back once per record, bad frames included.
@@ -173,5 +173,8 @@ private:
 };
 // The values of a binary event payload as text: "[1,2.5,text]".
 std::string lr_event_values(const uint8_t* p, size_t len, size_t* used);
+// The event tag names of an event-log-tags file ("NUMBER NAME (fields)"
+// lines, # comments).
+std::map<uint32_t, std::string> lr_event_tags(const std::string& text);
 // "MM-DD HH:MM:SS.mmm  PID  TID P TAG     : message" lines, local time.
 std::string lr_threadtime(const LrLogEntry& e);

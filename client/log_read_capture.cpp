@@ -3,6 +3,7 @@
 // seconds, nanoseconds, and in larger headers more) and its payload.
 #include <ctime>
 #include <cstring>
+#include <sstream>
 
 #include "log_read.h"
 
@@ -197,6 +198,23 @@ void LrCaptureReader::entry(const uint8_t* p, size_t len, size_t hdr)
         e.msg.assign(msg, strnlen(msg, n - 2 - tag_len));
     }
     sink_(e);
+}
+
+std::map<uint32_t, std::string> lr_event_tags(const std::string& text)
+{
+    std::map<uint32_t, std::string> tags;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream words(line);
+        std::string number, name;
+        if (!(words >> number >> name) || number[0] < '0' || number[0] > '9')
+            continue;
+        char* end = nullptr;
+        const unsigned long n = strtoul(number.c_str(), &end, 10);
+        if (*end == '\0' && n <= 0xFFFFFFFFul)
+            tags[uint32_t(n)] = name;
+    }
+    return tags;
 }
 
 std::string lr_threadtime(const LrLogEntry& e)

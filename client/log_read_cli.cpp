@@ -18,13 +18,15 @@ namespace {
 
 // The device's configuration as the daemon reads it at start-up.
 #define DEVICE_DM_CFG "/data/media/0/dm.cfg"
+// Where logcat finds the names of binary event tags.
+#define DEVICE_EVENT_TAGS "/system/etc/event-log-tags"
 #define READ_CHUNK (1 << 20)
 
 struct Filters {
     std::set<uint16_t> codes, events, ssids;
     std::set<int> kinds;
     bool since_set = false, until_set = false;
-    double since = 0, until = 0;
+    int64_t since = 0, until = 0; // microseconds since 1970
 };
 
 struct Run {
@@ -32,6 +34,7 @@ struct Run {
     bool json = false, summary = false;
     std::string config, pcap;
     std::vector<std::string> files;
+    std::map<uint32_t, std::string> tags; // event tag names, when the device has them
 };
 
 std::string json_text(const std::string& s)
@@ -65,25 +68,37 @@ std::string hex_bytes(const uint8_t* p, size_t n, size_t max = 64)
     return out;
 }
 
-std::string utc_text(double t)
+std::string utc_text(int64_t us)
 {
-    const time_t sec = time_t(floor(t));
+    const int64_t sec = us >= 0 ? us / 1000000 : (us - 999999) / 1000000;
+    const time_t t = time_t(sec);
     struct tm tm;
-    char buf[40] = "-";
-    if (gmtime_r(&sec, &tm)) {
+    char buf[48] = "-";
+    if (gmtime_r(&t, &tm)) {
         size_t n = strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
-        snprintf(buf + n, sizeof buf - n, ".%03d", int((t - floor(t)) * 1000) % 1000);
+        snprintf(buf + n, sizeof buf - n, ".%03d", int((us - sec * 1000000) / 1000));
     }
     return buf;
 }
 
-// Seconds since 1970, or UTC "YYYY-MM-DD HH:MM:SS[.fff]" (or with a T).
-bool parse_time(const std::string& s, double* t)
+std::string unix_text(int64_t us)
+{
+    char buf[32];
+    snprintf(buf, sizeof buf, "%s%lld.%06lld", us < 0 ? "-" : "", (long long)(llabs(us) / 1000000),
+             (long long)(llabs(us) % 1000000));
+    return buf;
+}
+
+// Seconds since 1970, or UTC "YYYY-MM-DD HH:MM:SS[.fff]" (or with a T);
+// in microseconds.
+bool parse_time(const std::string& s, int64_t* t)
 {
     char* end = nullptr;
     double v = strtod(s.c_str(), &end);
     if (!s.empty() && *end == '\0' && s.find('-') == std::string::npos) {
-        *t = v;
+        if (!(v >= 0 && v < 1e11))
+            return false;
+        *t = llround(v * 1e6);
         return true;
     }
     struct tm tm = {};
@@ -101,7 +116,7 @@ bool parse_time(const std::string& s, double* t)
     }
     tm.tm_year -= 1900;
     tm.tm_mon -= 1;
-    *t = double(timegm(&tm)) + frac;
+    *t = int64_t(timegm(&tm)) * 1000000 + llround(frac * 1e6);
     return true;
 }
 
@@ -140,21 +155,19 @@ bool passes(const Filters& f, const LrRecord& r)
         return false;
     if ((f.since_set || f.until_set) && !r.has_time)
         return false;
-    const double t = lr_stamp_unix(r.stamp);
+    const int64_t t = lr_stamp_us(r.stamp);
     return !(f.since_set && t < f.since) && !(f.until_set && t > f.until);
 }
 
 void print_record(std::ostream& out, const std::string& file, const LrRecord& r, bool json)
 {
-    const double t = lr_stamp_unix(r.stamp);
+    const int64_t t = lr_stamp_us(r.stamp);
     char buf[96];
     if (json) {
         out << "{\"file\":" << json_text(file) << ",\"offset\":" << r.offset << ",\"kind\":\"" << lr_kind_name(r.kind)
             << "\"";
-        if (r.has_time) {
-            snprintf(buf, sizeof buf, "%.4f", t);
-            out << ",\"time\":\"" << utc_text(t) << "\",\"unix\":" << buf;
-        }
+        if (r.has_time)
+            out << ",\"time\":\"" << utc_text(t) << "\",\"unix\":" << unix_text(t);
         switch (r.kind) {
         case LrKind::log: {
             const char* name = lr_code_name(r.code);
@@ -172,7 +185,7 @@ void print_record(std::ostream& out, const std::string& file, const LrRecord& r,
             break;
         }
         case LrKind::message:
-            out << ",\"ssid\":" << r.ssid << ",\"level_mask\":" << r.level_mask << ",\"file\":" << json_text(r.file)
+            out << ",\"ssid\":" << r.ssid << ",\"level_mask\":" << r.level_mask << ",\"source\":" << json_text(r.file)
                 << ",\"line\":" << r.line << ",\"text\":" << json_text(r.text);
             break;
         case LrKind::other:
@@ -225,14 +238,27 @@ void print_record(std::ostream& out, const std::string& file, const LrRecord& r,
     out << "\n";
 }
 
-void print_entry(std::ostream& out, const std::string& file, const LrLogEntry& e, bool json)
+int64_t entry_us(const LrLogEntry& e)
 {
+    return int64_t(e.sec) * 1000000 + e.nsec % 1000000000u / 1000;
+}
+
+void print_entry(std::ostream& out, const std::string& file, const LrLogEntry& entry, bool json,
+                 const std::map<uint32_t, std::string>& tags)
+{
+    LrLogEntry named;
+    const LrLogEntry& e = entry.binary && !tags.empty() ? named : entry;
+    if (&e == &named) {
+        named = entry;
+        auto it = tags.find(uint32_t(strtoul(entry.tag.c_str(), nullptr, 10)));
+        if (it != tags.end() && !entry.tag.empty())
+            named.tag = it->second;
+    }
     if (json) {
-        char buf[64];
-        snprintf(buf, sizeof buf, "%u.%09u", e.sec, e.nsec % 1000000000u);
+        const int64_t t = entry_us(e);
         out << "{\"file\":" << json_text(file) << ",\"offset\":" << e.offset;
         if (e.problem.empty() || !e.tag.empty() || e.sec) {
-            out << ",\"time\":\"" << utc_text(double(e.sec) + e.nsec / 1e9) << "\",\"unix\":" << buf
+            out << ",\"time\":\"" << utc_text(t) << "\",\"unix\":" << unix_text(t)
                 << ",\"pid\":" << e.pid << ",\"tid\":" << e.tid;
             if (e.binary)
                 out << ",\"event\":" << json_text(e.tag) << ",\"values\":" << json_text(e.msg);
@@ -277,10 +303,10 @@ void read_file(const Run& run, const std::string& path, std::ostream& out, std::
                 tot.entries++;
                 if (!e.problem.empty())
                     tot.bad_entries++;
-                const double t = double(e.sec) + e.nsec / 1e9;
+                const int64_t t = entry_us(e);
                 if (!e.problem.empty() || !((run.f.since_set && t < run.f.since) || (run.f.until_set && t > run.f.until)))
                     if (!run.summary)
-                        print_entry(out, path, e, run.json);
+                        print_entry(out, path, e, run.json, run.tags);
             },
             base.find("events") != std::string::npos);
         for (; n > 0; n = fread(buf.data(), 1, buf.size(), in))
@@ -322,9 +348,9 @@ template <typename M> void counts(std::ostream& out, const char* title, const M&
     out << title << ":\n";
     char buf[32];
     for (const auto& [id, n] : m) {
-        snprintf(buf, sizeof buf, hex ? "  0x%04X" : "  %-6u", unsigned(id));
+        snprintf(buf, sizeof buf, hex ? "  0x%04X %8" PRIu64 : "  %-6u %8" PRIu64, unsigned(id), uint64_t(n));
         const char* nm = name ? name(uint16_t(id)) : nullptr;
-        out << buf << "  " << n << (nm ? std::string("  ") + nm : "") << "\n";
+        out << buf << (nm ? std::string("  ") + nm : "") << "\n";
     }
 }
 
@@ -359,8 +385,8 @@ bool print_summary(const Run& run, const Totals& tot, const LrConfig* cfg, const
     if (run.json) {
         out << "{\"records\":" << s.records << ",\"bad\":" << s.bad;
         if (s.has_time)
-            out << ",\"first\":\"" << utc_text(lr_stamp_unix(s.first)) << "\",\"last\":\""
-                << utc_text(lr_stamp_unix(s.last)) << "\"";
+            out << ",\"first\":\"" << utc_text(lr_stamp_us(s.first)) << "\",\"last\":\""
+                << utc_text(lr_stamp_us(s.last)) << "\"";
         out << ",\"log_codes\":" << json_counts(s.codes, true) << ",\"events\":" << json_counts(s.events, false)
             << ",\"ssids\":" << json_counts(s.ssids, false) << ",\"dpl_interfaces\":" << json_counts(s.ifaces, false)
             << ",\"other\":" << json_counts(s.others, true);
@@ -376,7 +402,7 @@ bool print_summary(const Run& run, const Totals& tot, const LrConfig* cfg, const
     }
     out << s.records << " records, " << s.bad << " bad\n";
     if (s.has_time)
-        out << "from " << utc_text(lr_stamp_unix(s.first)) << " to " << utc_text(lr_stamp_unix(s.last)) << " UTC\n";
+        out << "from " << utc_text(lr_stamp_us(s.first)) << " to " << utc_text(lr_stamp_us(s.last)) << " UTC\n";
     counts(out, "log codes", s.codes, true, lr_code_name);
     counts(out, "events", s.events, false, lr_event_name);
     counts(out, "messages by SSID", s.ssids, false, nullptr);
@@ -442,7 +468,7 @@ int ctl_log_read(const CtlOptions& opt, const std::vector<std::string>& words, s
                 run.f.kinds.insert(kind);
             }
         } else if (a == "--since" || a == "--until") {
-            double t = 0;
+            int64_t t = 0;
             if (!parse_time(v, &t))
                 return usage(err, "bad " + a + " '" + v + "': expected UTC YYYY-MM-DD HH:MM:SS[.fff] or seconds since 1970");
             (a == "--since" ? run.f.since : run.f.until) = t;
@@ -457,6 +483,16 @@ int ctl_log_read(const CtlOptions& opt, const std::vector<std::string>& words, s
     }
     if (run.files.empty())
         return usage(err, "no file given");
+
+    if (opt.device_files) {
+        const std::string tags = ctl_device_file(opt, DEVICE_EVENT_TAGS);
+        std::ifstream f(tags);
+        std::stringstream text;
+        if (!tags.empty() && f) {
+            text << f.rdbuf();
+            run.tags = lr_event_tags(text.str());
+        }
+    }
 
     LrConfig cfg;
     bool have_cfg = false;

@@ -117,8 +117,7 @@ bool LrPcapWriter::open(FILE* out)
 
 void LrPcapWriter::packet(uint64_t stamp, const uint8_t* a, size_t alen, const uint8_t* b, size_t blen)
 {
-    // In whole microseconds: a double would turn .5 into .499999.
-    const uint64_t us = 315964800ull * 1000000 + (stamp >> 16) * 1250;
+    const uint64_t us = uint64_t(lr_stamp_us(stamp));
     buf_.clear();
     le32(buf_, uint32_t(us / 1000000));
     le32(buf_, uint32_t(us % 1000000));

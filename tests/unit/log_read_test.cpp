@@ -469,6 +469,9 @@ TEST(LogReadCapture, BinaryEventsAreDecoded)
         EXPECT_EQ(c.text, lr_event_values(c.values.data(), c.values.size(), &used)) << c.text;
         EXPECT_EQ(c.used, used) << c.text;
     }
+    EXPECT_EQ((std::map<uint32_t, std::string>{ { 2718, "e" }, { 72451, "sim_signal_strength" } }),
+              lr_event_tags("# comment\n2718 e\n72451 sim_signal_strength (rsrp|5)\nname 12\n12x y\n99999999999 big\n"));
+
     // Lists nested past any sense stop.
     Bytes deep(40, 3);
     for (size_t i = 1; i < deep.size(); i += 2)
