@@ -64,7 +64,6 @@ private:
     Sink sink_;
     std::vector<uint8_t> pkt_; // the frame so far, unescaped
     bool escaped_ = false;
-    bool bad_escape_ = false;
     bool overlong_ = false;
     uint64_t pos_ = 0;         // bytes fed so far
     uint64_t start_ = 0;       // where the open frame began
