@@ -210,8 +210,8 @@ std::map<uint32_t, std::string> lr_event_tags(const std::string& text)
         if (!(words >> number >> name) || number[0] < '0' || number[0] > '9')
             continue;
         char* end = nullptr;
-        const unsigned long n = strtoul(number.c_str(), &end, 10);
-        if (*end == '\0' && n <= 0xFFFFFFFFul)
+        const unsigned long long n = strtoull(number.c_str(), &end, 10);
+        if (*end == '\0' && n <= 0xFFFFFFFFull)
             tags[uint32_t(n)] = name;
     }
     return tags;

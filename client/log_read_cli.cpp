@@ -432,18 +432,23 @@ int ctl_log_read(const CtlOptions& opt, const std::vector<std::string>& words, s
 {
     Run run;
     run.json = opt.json;
+    bool options = true;
     for (size_t i = 0; i < words.size(); i++) {
         const std::string& a = words[i];
+        if (a == "--" && options) {
+            options = false;
+            continue;
+        }
+        if (!options || a.size() < 2 || a.compare(0, 2, "--") != 0) {
+            run.files.push_back(a);
+            continue;
+        }
         if (a == "--json") {
             run.json = true;
             continue;
         }
         if (a == "--summary") {
             run.summary = true;
-            continue;
-        }
-        if (a.size() < 2 || a.compare(0, 2, "--") != 0 || a == "--") {
-            run.files.push_back(a);
             continue;
         }
         if (i + 1 >= words.size())

@@ -208,7 +208,7 @@ TEST(LogReadMessages, FormatsAndRefusals)
     struct Case {
         const char* fmt;
         std::vector<uint32_t> args;
-        const char* text;
+        std::string text;
         const char* problem;
     };
     // clang-format off
@@ -221,7 +221,7 @@ TEST(LogReadMessages, FormatsAndRefusals)
         { "%d %d %d",              { 1 },                      "1 %d %d", "format asks for 2 more arguments than the message carries" },
         { "name %s here",          { 0x1000 },                 "name %s here", "%s: a string of the modem's memory, not in the log" },
         { "%n%d",                  { 0, 3 },                   "%n3", "%n: not done" },
-        { "%*d|",                  { 1000000, 1 },             std::string(63, ' ').append("1|").c_str(), "" },
+        { "%*d|",                  { 1000000, 1 },             std::string(63, ' ') + "1|", "" },
         { "half %",                {},                         "half %", "unknown conversion" },
         { "%f",                    { 1 },                      "%f", "unknown conversion" },
     };
@@ -568,6 +568,7 @@ TEST_F(LogReadCtl, SummaryExitStatusGatesOnMissingItemsAndBadFrames)
         { { "--kind", "log,nope", good }, 2, "bad --kind 'nope'" },
         { { "--since", "yesterday", good }, 2, "bad --since 'yesterday'" },
         { { "--frob", "1", good }, 2, "unknown option --frob" },
+        { { "--", "--summary" }, 1, "cannot open --summary" },
         { { good, "--pcap" }, 2, "--pcap needs a value" },
         { { "--pcap", dir.path() + "/no/such/dir.pcap", good }, 1, "cannot write" },
     };
