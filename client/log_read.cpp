@@ -291,7 +291,7 @@ std::string lr_format_message(const char* fmt, size_t fmt_len, const uint32_t* a
             break;
         }
         const char conv = fmt[i];
-        const std::string spec(fmt + begin, i + 1 - begin);
+        const std::string conversion(fmt + begin, i + 1 - begin);
         // Keep what a hostile width could blow up within reason.
         width = std::max(-64, std::min(width, 64));
         prec = std::min(prec, 64);
@@ -309,7 +309,7 @@ std::string lr_format_message(const char* fmt, size_t fmt_len, const uint32_t* a
                 value |= uint64_t(v) << 32;
             }
             if (!ok) {
-                out += spec;
+                out += conversion;
                 break;
             }
             if (conv == 'p') {
@@ -341,12 +341,12 @@ std::string lr_format_message(const char* fmt, size_t fmt_len, const uint32_t* a
             // Modem memory we cannot read, or a write: shown, never done.
             take(&v);
             (conv == 's' ? string_arg : write_arg) = true;
-            out += spec;
+            out += conversion;
             break;
         default:
             take(&v);
             odd = true;
-            out += spec;
+            out += conversion;
         }
     }
     std::string why;
