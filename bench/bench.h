@@ -27,6 +27,7 @@ struct Options {
     bool quick = false;  // a few seconds in all, for trying the program out
     bool faults = false; // the fault runs instead of the table's figures
     std::vector<std::string> only; // sections to run; empty: all
+    int logread_mb = 8; // size of the generated files the log reading section reads
     bool wants(const char* section) const;
     // n, or a fifth of it (at least 1) when quick.
     int count(int n) const { return quick ? std::max(1, n / 5) : n; }
@@ -114,3 +115,4 @@ void bench_edits(const Options& opt, Report& report);
 void bench_log_on(const Options& opt, Report& report);
 void bench_idle_sessions(const Options& opt, Report& report);
 void bench_faults(const Options& opt, Report& report);
+void bench_log_read(const Options& opt, Report& report);

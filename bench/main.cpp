@@ -16,20 +16,22 @@ struct Section {
 
 const Section SECTIONS[] = {
     { "roundtrip", bench_round_trips }, { "capture", bench_capture }, { "edits", bench_edits },
-    { "logon", bench_log_on },         { "idle", bench_idle_sessions },
+    { "logon", bench_log_on },         { "idle", bench_idle_sessions }, { "logread", bench_log_read },
 };
 
 void usage(FILE* out)
 {
     fprintf(out,
-            "usage: tovak-bench [--json] [--quick] [--only SECTION,...] [--faults]\n"
+            "usage: tovak-bench [--json] [--quick] [--only SECTION,...] [--faults] [--logread-mb N]\n"
             "  Measures tovakd on simulated devices against baselines taken in the same run\n"
             "  and prints one table: each figure, its baseline, the ratio and the goal.\n"
             "  --json      the same as JSON\n"
             "  --quick     a fifth of the work, to try things out (figures are rougher)\n"
-            "  --only      sections: roundtrip, capture, edits, logon, idle\n"
+            "  --only      sections: roundtrip, capture, edits, logon, idle, logread\n"
             "  --faults    instead of the sections: other sessions' p99 while a fault is\n"
-            "              injected (stalled logger, absent logger, full disk, silent modem)\n");
+            "              injected (stalled logger, absent logger, full disk, silent modem)\n"
+            "  --logread-mb  size in MiB of the files logread reads (default 8; 500 for\n"
+            "              the full measure)\n");
 }
 
 // 10,000 idle sessions need as many descriptors here and in the daemon,
@@ -61,6 +63,14 @@ int main(int argc, char** argv)
             json = true;
         } else if (a == "--quick") {
             opt.quick = true;
+        } else if (a == "--logread-mb" && i + 1 < argc) {
+            char* end = nullptr;
+            long mb = strtol(argv[++i], &end, 10);
+            if (*end != '\0' || mb < 1 || mb > 4096) {
+                fprintf(stderr, "tovak-bench: bad --logread-mb %s: expected 1 to 4096\n", argv[i]);
+                return 2;
+            }
+            opt.logread_mb = int(mb);
         } else if (a == "--faults") {
             opt.faults = true;
         } else if (a == "--only" && i + 1 < argc) {

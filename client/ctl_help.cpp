@@ -18,6 +18,9 @@ struct Extra {
 const Extra extras[] = {
     { "status", "", "read everything a person asks first and point at what looks wrong" },
     { "raw", "ID [HEX]", "send any frame (payload in hex); prints the reply's length and payload" },
+    { "log-read", "[--summary [--config DM_CFG]] [--pcap OUT] [--json] [FILTER...] FILE...",
+      "read modem logs and capture files here, without tovakd; FILTER: --code HEX,.. --event ID,.. "
+      "--ssid ID,.. --kind log|event|message|other|bad --since TIME --until TIME (UTC)" },
     { "completion", "bash", "print a bash completion script: eval \"$(tovakctl completion bash)\"" },
     { "help", "[SUBCOMMAND]", "all subcommands, or one in full" },
 };

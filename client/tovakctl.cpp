@@ -316,6 +316,8 @@ int tovakctl_main(const std::vector<std::string>& args, std::ostream& out, std::
     }
     if (word == "raw")
         return run_raw(c, words);
+    if (word == "log-read")
+        return ctl_log_read(c.opt, words, out, err);
     if (word == "status") {
         if (!words.empty())
             return usage_error(c, word, "status takes no arguments");

@@ -66,5 +66,8 @@ std::string ctl_overall_help();
 std::string ctl_subcommand_help(const std::string& word);
 std::string ctl_completion_bash();
 
+// Reads modem logs and capture files on this machine; returns the exit status.
+int ctl_log_read(const CtlOptions& opt, const std::vector<std::string>& words, std::ostream& out, std::ostream& err);
+
 // The status overview over one session; returns the exit status.
 int ctl_status(const CtlOptions& opt, TovakClient& client, std::ostream& out, std::ostream& err);

@@ -3,7 +3,7 @@
 #   plain  every test, plain build
 #   asan   every test under AddressSanitizer and UndefinedBehaviorSanitizer
 #   tsan   the concurrent tests (ctest label "concurrent") under ThreadSanitizer
-#   fuzz   each libFuzzer target for TOVAK_FUZZ_SECONDS (default 60) with
+#   fuzz   each libFuzzer target for TOVAK_FUZZ_SECONDS (default 45) with
 #          ASan and UBSan, inside a sandbox whose device paths are scratch
 #   cross  the armhf daemon under qemu (scripts/cross-test.sh)
 # With no STAGE it runs them all. Each stage builds only what it runs.
@@ -63,12 +63,12 @@ tsan() {
 }
 
 fuzz() {
-    begin "fuzzing, ${TOVAK_FUZZ_SECONDS:-60} s per target"
+    begin "fuzzing, ${TOVAK_FUZZ_SECONDS:-45} s per target"
     local dir=$top/build-fuzz
     configure "$dir" -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 -DTOVAK_FUZZ=ON
-    cmake --build "$dir" --target tovak_fuzz_session tovak_fuzz_config tovak_fuzz_hdlc tovak-devsim
+    cmake --build "$dir" --target tovak_fuzz_session tovak_fuzz_config tovak_fuzz_hdlc tovak_fuzz_logread tovak-devsim
     local failed=0
-    for target in session config hdlc; do
+    for target in session config hdlc logread; do
         # The checked-in seeds stay as they are; what the run finds goes to
         # a working corpus, and a failing input to the artifacts directory.
         local work=$dir/fuzz-work/$target artifacts=$dir/fuzz-artifacts/$target
@@ -76,7 +76,7 @@ fuzz() {
         echo "-- $target"
         if ! "$top/sim/harness/scratch-root.sh" --rw "$work" --rw "$artifacts" -- \
             "$dir/bin/tovak_fuzz_$target" "$work" "$top/fuzz/corpus/$target" \
-            -max_total_time="${TOVAK_FUZZ_SECONDS:-60}" -timeout=30 -rss_limit_mb=4096 -max_len=16384 \
+            -max_total_time="${TOVAK_FUZZ_SECONDS:-45}" -timeout=30 -rss_limit_mb=4096 -max_len=16384 \
             -artifact_prefix="$artifacts/" -print_final_stats=1 -close_fd_mask=1 >"$dir/fuzz-$target.log" 2>&1; then
             tail -n 60 "$dir/fuzz-$target.log"
             echo "fuzz: $target failed; the reproducing input is in $artifacts/ (log: $dir/fuzz-$target.log)"
