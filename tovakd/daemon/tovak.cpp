@@ -134,15 +134,16 @@ void* process_pkt(void* arg)
         if (req.cmd == CMD_DISCONNECT)
             break;
         TLOG("cmd = %d\n", int(req.cmd));
-        command_handler handler = find_cmd_handler(req.cmd);
-        if (handler == nullptr) {
+        const cmd_entry* cmd = find_cmd(req.cmd);
+        if (cmd == nullptr) {
             TLOG("can't process cmd since there is no handler to process it\n");
             TLOG_ERR();
             break;
         }
         // No reader may pass the end of the request frame.
         uint32_t req_len = req.len > TOVAK_PKT_DATA_SIZE ? TOVAK_PKT_DATA_SIZE : req.len;
-        handler(req_len, req.data, &rsp.len, rsp.data);
+        // Done or refused, the reply goes out: it carries no status.
+        cmd_run(*cmd, req_len, req.data, &rsp.len, rsp.data);
         if (write(fd, &rsp, sizeof rsp) < 0) {
             TLOG("%s", "Failed to write socket errno = %d\n");
             failed = true;

@@ -74,10 +74,8 @@ void tovak_dpl_select_configured()
         start_configured_ifaces();
 }
 
-uint32_t handler_dpl_set_state(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
+uint32_t handler_dpl_set_state(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t*)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     const uint32_t state = tovak_request(req, req_len).u32();
     TLOG("dpl set state %d\n", int(state));
     std::lock_guard<std::mutex> hold(dpl_mutex());
@@ -98,8 +96,6 @@ uint32_t handler_dpl_set_state(uint32_t req_len, uint8_t* req, uint32_t* rsp_len
 
 uint32_t handler_dpl_get_state(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     TLOG("dpl get state\n");
     tovak_reply_u32(rsp_len, rsp, { tovak_config_get_dpl_state() });
     return 1;
@@ -107,8 +103,6 @@ uint32_t handler_dpl_get_state(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* r
 
 uint32_t handler_dpl_get_all_if_list(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     TLOG("handler_dpl_get_all_if_list output length = %d\n", int(*rsp_len));
     diag_dpl_iface_list list;
     memset(&list, 0, sizeof list);
@@ -137,10 +131,8 @@ uint32_t handler_dpl_get_all_if_list(uint32_t, uint8_t*, uint32_t* rsp_len, uint
     return 1;
 }
 
-uint32_t handler_dpl_reset(uint32_t, uint8_t*, uint32_t*, uint8_t* rsp)
+uint32_t handler_dpl_reset(uint32_t, uint8_t*, uint32_t*, uint8_t*)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     std::lock_guard<std::mutex> hold(dpl_mutex());
     diag_dpl_reset_logging();
     tovak_config_edit_and_save([] {

@@ -39,10 +39,8 @@ static uint8_t modem_data_buffer[MODEM_DATA_BUFFER_SIZE];
 // One 0x47 at a time: two would interleave their units in the one buffer.
 static std::mutex modem_data_mutex;
 
-uint32_t handler_set_autosave(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
+uint32_t handler_set_autosave(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t*)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     *rsp_len = 0;
     const uint32_t value = tovak_request(req, req_len).u32();
     property_set(TOVAK_AUTOSAVE_PROPERTY, value == 1 ? "1" : "0");
@@ -52,18 +50,14 @@ uint32_t handler_set_autosave(uint32_t req_len, uint8_t* req, uint32_t* rsp_len,
 
 uint32_t handler_get_autosave(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     char value[PROPERTY_VALUE_MAX] = {};
     property_get(TOVAK_AUTOSAVE_PROPERTY, value, "1");
     tovak_reply_u32(rsp_len, rsp, { uint32_t(atoi(value)) });
     return 1;
 }
 
-uint32_t handler_set_msisdn(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
+uint32_t handler_set_msisdn(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t*)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     *rsp_len = 0;
     tovak_request in(req, req_len);
     const int16_t n = int16_t(in.u16());
@@ -111,10 +105,8 @@ static uint32_t gather_modem_data(uint32_t kind)
     return total;
 }
 
-uint32_t handler_save_modem_data(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
+uint32_t handler_save_modem_data(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t*)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     *rsp_len = 0;
     const uint32_t kind = tovak_request(req, req_len).u32();
 

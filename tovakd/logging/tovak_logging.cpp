@@ -204,15 +204,10 @@ uint32_t tovak_handler_init()
 // client reads the outcome from the log state command.
 static uint32_t switch_logging(uint32_t* rsp_len, uint8_t* rsp, const char* entry_line, uint32_t (*do_switch)())
 {
-    uint32_t result = 0;
-    if (tovak_gate_t(rsp)) {
-        TLOG("%s", entry_line);
-        result = do_switch();
-        if (result == 0)
-            TLOG_ERR();
-    }
-    // The length is 4 even when there is no reply area to write the 0 into.
-    *rsp_len = 4;
+    TLOG("%s", entry_line);
+    const uint32_t result = do_switch();
+    if (result == 0)
+        TLOG_ERR();
     tovak_reply_u32(rsp_len, rsp, { 0 });
     return result;
 }
