@@ -18,9 +18,9 @@ static uint32_t set_capture(uint32_t* rsp_len, int state, const char* entry_line
     *rsp_len = 0;
     // Both under one hold of the configuration lock, so that two clients
     // switching at once leave the capture and the saved state agreeing.
-    tovak_config_edit_and_save([&] {
+    tovak_config_edit_and_save([&](tovak_config& c) REQUIRES(tovak_config_mutex) {
         adblog_core_set_state(state);
-        tovak_config_set_adblog_state(uint32_t(state));
+        c.adblog_state = uint32_t(state);
     });
     return 1;
 }
@@ -113,7 +113,9 @@ uint32_t adblog_set_categories(uint32_t, uint8_t*, uint32_t*, uint8_t*)
         TLOG_ERR();
         return 0;
     }
-    tovak_config_edit_and_save([&] { tovak_config_set_adblog_categories(values, count); });
+    tovak_config_edit_and_save([&](tovak_config& c) REQUIRES(tovak_config_mutex) {
+        tovak_config_set_adblog_categories_locked(c, values, count);
+    });
     free(values);
     return 1;
 }
@@ -148,7 +150,9 @@ uint32_t adblog_set_size_with_cat(uint32_t req_len, uint8_t* req, uint32_t*, uin
     }
     adblog_core_set_size(int(category), int(size));
     // The file keeps the size as asked; the next start-up clamps it again.
-    tovak_config_edit_and_save([&] { tovak_config_set_adblog_size(category, size); });
+    tovak_config_edit_and_save([&](tovak_config& c) REQUIRES(tovak_config_mutex) {
+        tovak_config_set_adblog_size_locked(c, category, size);
+    });
     return 1;
 }
 

@@ -1,10 +1,10 @@
 // Modem data save, subscriber number and the autosave property.
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 
 #include "common/tovak_cmd.h"
 #include "common/tovak_log.h"
+#include "common/tovak_mutex.h"
 #include "handlers/tovak_handler.h"
 #include "platform/properties.h"
 #include "platform/qmi_tovak.h"
@@ -30,14 +30,15 @@
 // Longest number 0x48 takes, its zero byte included.
 #define MSISDN_MAX_LEN 19
 
+// Guards msisdn_buffer.
+static tovak_mutex msisdn_mutex;
 // The number the next save is tagged with; kept until the next 0x48 or exit.
-static char msisdn_buffer[MSISDN_BUFFER_SIZE];
-static std::mutex msisdn_mutex;
+static char msisdn_buffer[MSISDN_BUFFER_SIZE] GUARDED_BY(msisdn_mutex);
 
-// The units of one 0x47, in order.
-static uint8_t modem_data_buffer[MODEM_DATA_BUFFER_SIZE];
 // One 0x47 at a time: two would interleave their units in the one buffer.
-static std::mutex modem_data_mutex;
+static tovak_mutex modem_data_mutex;
+// The units of one 0x47, in order.
+static uint8_t modem_data_buffer[MODEM_DATA_BUFFER_SIZE] GUARDED_BY(modem_data_mutex);
 
 uint32_t handler_set_autosave(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t*)
 {
@@ -67,7 +68,7 @@ uint32_t handler_set_msisdn(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, u
     }
     char text[MSISDN_BUFFER_SIZE];
     {
-        std::lock_guard<std::mutex> hold(msisdn_mutex);
+        tovak_lock hold(msisdn_mutex);
         // Bytes past the new number keep the old ones; its zero byte ends the
         // text. A negative count is refused by the reader and copies nothing.
         in.bytes(msisdn_buffer, uint32_t(int32_t(n)));
@@ -78,7 +79,7 @@ uint32_t handler_set_msisdn(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, u
 }
 
 // Gathers the units of a kind into modem_data_buffer; the bytes kept.
-static uint32_t gather_modem_data(uint32_t kind)
+static uint32_t gather_modem_data(uint32_t kind) REQUIRES(modem_data_mutex)
 {
     uint32_t total = 0;
     uint32_t index = 0;
@@ -110,12 +111,12 @@ uint32_t handler_save_modem_data(uint32_t req_len, uint8_t* req, uint32_t* rsp_l
     *rsp_len = 0;
     const uint32_t kind = tovak_request(req, req_len).u32();
 
-    std::lock_guard<std::mutex> hold(modem_data_mutex);
+    tovak_lock hold(modem_data_mutex);
     qmi_tovak_init();
     uint32_t total = gather_modem_data(kind);
     char number[MSISDN_BUFFER_SIZE];
     {
-        std::lock_guard<std::mutex> hold_number(msisdn_mutex);
+        tovak_lock hold_number(msisdn_mutex);
         memcpy(number, msisdn_buffer, sizeof number);
     }
     if (kind == MODEM_DATA_KIND_PHANTOM) {
