@@ -12,6 +12,7 @@
 #include "common/tovak_file.h"
 #include "common/tovak_log.h"
 #include "common/tovak_paths.h"
+#include "config/tovak_config_fields.h"
 #include "platform/properties.h"
 
 const char DEFAULT_CONFIG_TEXT[] =
@@ -58,68 +59,6 @@ char* tovak_config_locked::file_name() const
 }
 
 // ---- Reading
-
-// The value of one element over the kept lines; empty when it is missing.
-static std::string element_value(const std::vector<std::string>& lines, const std::string& name)
-{
-    const std::string open = "<" + name + ">";
-    const std::string close = "</" + name + ">";
-    size_t i = 0;
-    size_t at = std::string::npos;
-    for (; i < lines.size(); i++) {
-        at = lines[i].find(open);
-        if (at != std::string::npos)
-            break;
-    }
-    if (i == lines.size())
-        return {};
-    const std::string& first = lines[i];
-    const size_t start = at + open.size();
-    // The close tag is looked for from the start of the line; one that stands
-    // before the open tag leaves the rest of the line as the value.
-    size_t end = first.find(close);
-    if (end != std::string::npos)
-        return end >= start ? first.substr(start, end - start) : first.substr(start);
-    std::string value = first.substr(start);
-    for (i++; i < lines.size(); i++) {
-        end = lines[i].find(close);
-        if (end != std::string::npos) {
-            value.append(lines[i], 0, end);
-            break;
-        }
-        value += lines[i];
-    }
-    return value;
-}
-
-static uint32_t on_off_value(const std::string& value)
-{
-    return value == "on" ? 1 : 0;
-}
-
-static uint32_t number_value(const std::string& value)
-{
-    return uint32_t(tovak_config_read_number(value, tovak_config_has_both_prefixes(value), UINT32_MAX));
-}
-
-// Replaces every file-backed field; the modem-range fields stay.
-static void parse_lines(tovak_config& c, const std::vector<std::string>& lines)
-{
-    c.events.reset();
-    c.log_codes.reset();
-    c.messages.reset();
-    c.dpl_ifs.reset();
-    c.dpl_state = on_off_value(element_value(lines, "DplState"));
-    c.log_state = on_off_value(element_value(lines, "LogState"));
-    c.buffer_size = number_value(element_value(lines, "BufferSize"));
-    c.events = tovak_event_list_create(element_value(lines, "EventIDs"), c.event_id_count);
-    c.log_codes = tovak_log_list_create(element_value(lines, "LogCodes"), c.log_last_items);
-    c.messages = tovak_msg_list_create(element_value(lines, "MessageLevels"), c.msg_ssid_ranges);
-    c.dpl_ifs = tovak_if_list_create(element_value(lines, "IfIDs"));
-    c.adblog_state = on_off_value(element_value(lines, "AdbLogState"));
-    c.adblog_categories = tovak_config_categories_create(element_value(lines, "Category"));
-    c.adblog_sizes = tovak_config_sizes_create(element_value(lines, "AdbSizeInfo"));
-}
 
 // Opens a regular file only: a FIFO or a device would block or never end.
 static int read_regular_file(const char* path, std::string* text)
@@ -178,7 +117,7 @@ static int load_file(const char* path) REQUIRES(save_mutex) EXCLUDES(tovak_confi
     c->path = path != nullptr ? path : "";
     if (!opened)
         return -1;
-    parse_lines(*c, lines);
+    tovak_config_fields_read(*c, lines);
     return 0;
 }
 
@@ -191,7 +130,7 @@ int tovak_config_load_file(const char* path)
 int tovak_config_load_text(const char* text)
 {
     tovak_config_locked c;
-    parse_lines(*c, { std::string(text != nullptr ? text : "") });
+    tovak_config_fields_read(*c, { std::string(text != nullptr ? text : "") });
     return 0;
 }
 
@@ -208,42 +147,10 @@ static const char* file_name_locked() REQUIRES(tovak_config_mutex)
     return config_file_name;
 }
 
-static std::string config_text_locked(const tovak_config& c) REQUIRES(tovak_config_mutex)
-{
-    std::string t =
-        "#KVD Configuration File\n"
-        "#\n"
-        "#history\n"
-        "#ver. 1.2 20120716 rtkan add dpl information\n"
-        "#ver. 1.1 20120521 rtkan add LogState and BufferSize\n"
-        "\n";
-    t += c.log_state ? "<LogState>on</LogState>\n" : "<LogState>off</LogState>\n";
-    // Signed on purpose: a size above 2^31 - 1 reads back to the same 32 bits.
-    t += "<BufferSize>" + std::to_string(int32_t(c.buffer_size)) + "</BufferSize>\n";
-    if (c.events)
-        t += "\n<EventIDs>\n" + tovak_event_list_text(*c.events) + "\n</EventIDs>\n";
-    if (c.log_codes)
-        t += "\n<LogCodes>\n" + tovak_log_list_text(*c.log_codes) + "\n</LogCodes>\n";
-    if (c.messages)
-        t += "\n<MessageLevels>\n" + tovak_msg_list_text(*c.messages) + "\n</MessageLevels>\n";
-    t += "\n";
-    t += c.adblog_state ? "<AdbLogState>on</AdbLogState>\n" : "<AdbLogState>off</AdbLogState>\n";
-    if (!c.adblog_categories.empty())
-        t += "\n<Category>\n" + tovak_config_categories_text(c.adblog_categories) + "\n</Category>\n";
-    if (!c.adblog_sizes.empty())
-        t += "\n<AdbSizeInfo>\n" + tovak_config_sizes_text(c.adblog_sizes) + "\n</AdbSizeInfo>\n";
-    t += c.dpl_state ? "<DplState>on</DplState>\n" : "<DplState>off</DplState>\n";
-    // Under the events test, as the file has always been written; a parse
-    // creates both lists together.
-    if (c.events)
-        t += "\n<IfIDs>\n" + (c.dpl_ifs ? tovak_if_list_text(*c.dpl_ifs) : std::string()) + "\n</IfIDs>\n";
-    return t;
-}
-
 std::string tovak_config_text()
 {
     tovak_config_locked c;
-    return config_text_locked(*c);
+    return tovak_config_fields_text(*c);
 }
 
 static void write_file(const std::string& path, const std::string& text) REQUIRES(save_mutex)
@@ -269,7 +176,7 @@ void tovak_config_edit_and_save(const std::function<void(tovak_config&)>& edit)
         tovak_config_locked c;
         edit(*c);
         path = file_name_locked();
-        text = config_text_locked(*c);
+        text = tovak_config_fields_text(*c);
     }
     write_file(path, text);
 }
