@@ -3,7 +3,6 @@
 // the reply as the table says.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -12,6 +11,7 @@
 #include <string>
 
 #include "daemon/cmd_table.h"
+#include "fd_output.h"
 #include "protocol/tovak_cmd_ids.h"
 #include "protocol/tovak_pkt.h"
 
@@ -37,28 +37,6 @@ const Row ROWS[] = {
     { 0x52, T }, { 0x53, T }, { 0x54, T }, { 0x55, T }, { 0x02, NONE },
 };
 // clang-format on
-
-// What fd 1 received while f ran.
-template <typename F>
-std::string stdout_of(F f)
-{
-    int p[2];
-    if (pipe2(p, O_CLOEXEC) != 0)
-        return "pipe failed";
-    fflush(stdout);
-    const int saved = dup(STDOUT_FILENO);
-    dup2(p[1], STDOUT_FILENO);
-    close(p[1]);
-    f();
-    dup2(saved, STDOUT_FILENO);
-    close(saved);
-    std::string out;
-    char buf[512];
-    for (ssize_t n; (n = read(p[0], buf, sizeof buf)) > 0;)
-        out.append(buf, size_t(n));
-    close(p[0]);
-    return out;
-}
 
 TEST(CommandTable, OneEntryPerIdInOrderAndNothingElseFound)
 {
@@ -98,8 +76,9 @@ TEST(CommandTable, GatedCommandsRefuseTheTablesWay)
             memset(rsp, 0xab, sizeof rsp);
             uint32_t len = TOVAK_PKT_DATA_SIZE;
             uint32_t result = 1;
-            std::string out = stdout_of(
-                [&] { result = cmd_run(cmd_table[i], sizeof req, req, &len, s.reply_area ? rsp : nullptr); });
+            std::string out = fd_output(STDOUT_FILENO, [&] {
+                result = cmd_run(cmd_table[i], sizeof req, req, &len, s.reply_area ? rsp : nullptr);
+            });
             SCOPED_TRACE("id " + std::to_string(r.id) + " t " + std::to_string(s.t) + " a " + std::to_string(s.a));
             EXPECT_EQ(0u, result);
             EXPECT_NE(std::string::npos, out.find(": tovak_handler ERR >> ")) << out;

@@ -156,6 +156,7 @@ static void* capture_thread(void* arg)
     snprintf(path, sizeof path, "%s%s", TOVAK_DEV_DIR, c->device_name);
     int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
+        TLOG_CAUSE(path, errno);
         TLOG("[ADBLOG] Error : Can't open %s\n", path);
         TLOG_ERR();
         return nullptr;
@@ -220,6 +221,7 @@ static void start_capture_thread(int category)
     pthread_attr_destroy(&attr);
     categories[category].thread_missing = rc != 0;
     if (rc != 0) {
+        TLOG_CAUSE("capture thread", rc);
         TLOG("[ADBLOG] Error : Can't start the thread of %s, errno = %d\n", categories[category].device_name, rc);
         TLOG_ERR();
     }

@@ -144,13 +144,12 @@ void tovak_config_fields_read(tovak_config& c, const std::vector<std::string>& l
 
 std::string tovak_config_fields_text(const tovak_config& c)
 {
-    std::string t =
-        "#KVD Configuration File\n"
-        "#\n"
-        "#history\n"
-        "#ver. 1.2 20120716 rtkan add dpl information\n"
-        "#ver. 1.1 20120521 rtkan add LogState and BufferSize\n"
-        "\n";
+    std::string t = "#KVD Configuration File\n"
+                    "#\n"
+                    "#history\n"
+                    "#ver. 1.2 20120716 rtkan add dpl information\n"
+                    "#ver. 1.1 20120521 rtkan add LogState and BufferSize\n"
+                    "\n";
     for (const config_field& f : config_fields) {
         const std::optional<std::string> value = f.write(c);
         if (!value)

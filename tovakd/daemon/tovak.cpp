@@ -52,7 +52,10 @@ int tovak_copy_default_file(const char* user, const char* source)
     // Only a file that is not there is made: one that merely can't be opened
     // now is still the user's, and is never replaced.
     int fd = open(user, O_RDONLY | O_CLOEXEC);
-    if (fd >= 0 || errno != ENOENT) {
+    const int err = fd < 0 ? errno : 0;
+    if (fd >= 0 || err != ENOENT) {
+        if (fd < 0)
+            TLOG_CAUSE(user, err);
         TLOG("User file already exists %s\n", user);
         if (fd >= 0)
             close(fd);
@@ -60,6 +63,7 @@ int tovak_copy_default_file(const char* user, const char* source)
     }
     int src = open(source, O_RDONLY | O_CLOEXEC);
     if (src < 0) {
+        TLOG_CAUSE(source, errno);
         TLOG("Fatal Error: src file %s doesn't exist\n", source);
         TLOG_ERR();
         return -1;
@@ -115,6 +119,7 @@ void* process_pkt(void* arg)
     for (;;) {
         ssize_t n = read(fd, &req, sizeof req);
         if (n < 0) {
+            TLOG_CAUSE("read of a request", errno);
             TLOG("Failed to read socket\n");
             failed = true;
             break;
@@ -145,6 +150,7 @@ void* process_pkt(void* arg)
         // Done or refused, the reply goes out: it carries no status.
         cmd_run(*cmd, req_len, req.data, &rsp.len, rsp.data);
         if (write(fd, &rsp, sizeof rsp) < 0) {
+            TLOG_CAUSE("write of a reply", errno);
             TLOG("%s", "Failed to write socket errno = %d\n");
             failed = true;
             break;
@@ -161,8 +167,10 @@ void* process_pkt(void* arg)
     return nullptr;
 }
 
-static int tovak_fail(int listen_fd, const char* msg)
+// msg is the required line; the cause goes beside it.
+static int tovak_fail(int listen_fd, const char* msg, int err)
 {
+    TLOG_CAUSE(msg, err);
     TLOG("%s\n", msg);
     TLOG_ERR();
     if (listen_fd >= 0)
@@ -189,7 +197,7 @@ int tovak_main()
     // hold the daemon's sockets.
     int listen_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (listen_fd < 0)
-        return tovak_fail(listen_fd, "Failed to create socket");
+        return tovak_fail(listen_fd, "Failed to create socket", errno);
 
     const char* path = TOVAK_SOCKET_PATH;
     if (access(path, F_OK) == 0)
@@ -201,11 +209,11 @@ int tovak_main()
     unix_socket_address(path, &addr, &addr_len);
 
     if (bind(listen_fd, reinterpret_cast<sockaddr*>(&addr), addr_len) < 0)
-        return tovak_fail(listen_fd, "Failed to bind socket");
+        return tovak_fail(listen_fd, "Failed to bind socket", errno);
     (void)!chown(path, TOVAK_SOCKET_UID, TOVAK_SOCKET_GID);
     (void)!chmod(path, TOVAK_SOCKET_MODE);
     if (listen(listen_fd, TOVAK_LISTEN_BACKLOG) < 0)
-        return tovak_fail(listen_fd, "Failed to listen on socket");
+        return tovak_fail(listen_fd, "Failed to listen on socket", errno);
 
     tovak_handler_init();
     adblog_handler_init();
@@ -213,14 +221,15 @@ int tovak_main()
     for (;;) {
         int client = accept4(listen_fd, reinterpret_cast<sockaddr*>(&addr), &addr_len, SOCK_CLOEXEC);
         if (client < 0)
-            return tovak_fail(listen_fd, "Failed to accept socket");
+            return tovak_fail(listen_fd, "Failed to accept socket", errno);
         TLOG("%s(%d-%d)\n", "server: got connection", listen_fd, client);
         // Each session gets its own copy of the descriptor, so the next
         // accept cannot overwrite it before the thread has read it.
         pthread_t thread;
-        if (pthread_create(&thread, nullptr, process_pkt, reinterpret_cast<void*>(intptr_t(client))) != 0) {
+        const int rc = pthread_create(&thread, nullptr, process_pkt, reinterpret_cast<void*>(intptr_t(client)));
+        if (rc != 0) {
             close(client);
-            return tovak_fail(listen_fd, "Failed to create thread");
+            return tovak_fail(listen_fd, "Failed to create thread", rc);
         }
         pthread_detach(thread);
     }
