@@ -95,4 +95,39 @@ TEST(CommandTable, GatedCommandsRefuseTheTablesWay)
     adblog_handler_initialized = 0;
 }
 
+// An open gate runs the handler once and hands back its result, with no
+// ERR line; each gate kind, on commands that need no device.
+TEST(CommandTable, OpenGatesRunTheHandler)
+{
+    struct Case {
+        uint32_t id;
+        uint8_t t, a;
+        uint32_t len;
+        std::string reply;
+    };
+    const Case cases[] = {
+        { 0x10, 1, 0, 4, std::string("\0\0\0\0", 4) },                     // logging not running
+        { 0x3d, 1, 0, 8, std::string("\x20\xa1\x07\0\0\x2d\x31\x01", 8) }, // 500000, 20000000
+        { 0x3a, 0, 0, 1, std::string(1, '\0') },                           // no gate; no categories yet
+        { 0x33, 0, 1, 4, std::string("\0\0\0\0", 4) },                     // capture off
+    };
+    for (const Case& c : cases) {
+        tovak_handler_initialized = c.t;
+        adblog_handler_initialized = c.a;
+        uint8_t rsp[64];
+        memset(rsp, 0xab, sizeof rsp);
+        uint32_t len = TOVAK_PKT_DATA_SIZE;
+        uint32_t result = 0;
+        std::string out = fd_output(STDOUT_FILENO, [&] { result = cmd_run(*find_cmd(c.id), 0, nullptr, &len, rsp); });
+        SCOPED_TRACE("id " + std::to_string(c.id));
+        EXPECT_EQ(1u, result);
+        EXPECT_EQ(std::string::npos, out.find("ERR >>")) << out;
+        EXPECT_EQ(c.len, len);
+        EXPECT_EQ(c.reply, std::string(rsp, rsp + c.reply.size()));
+        EXPECT_EQ(0xab, rsp[c.reply.size()]);
+    }
+    tovak_handler_initialized = 0;
+    adblog_handler_initialized = 0;
+}
+
 } // namespace

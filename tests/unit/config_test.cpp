@@ -84,6 +84,21 @@ TEST_F(Config, FactoryItemFilesNameTheDefaultLists)
     }
 }
 
+// What is left out and what is written empty: a record never loaded has no
+// lists (and so no IfIDs), an empty file makes every list, empty; empty
+// sequences are left out either way.
+TEST_F(Config, AbsentAndEmptyElementsInTheWrittenLayout)
+{
+    const std::string scalars = FILE_HEAD "<LogState>off</LogState>\n<BufferSize>0</BufferSize>\n";
+    tovak_config_save_file(out.c_str());
+    EXPECT_EQ(scalars + "\n<AdbLogState>off</AdbLogState>\n<DplState>off</DplState>\n", read_file(out));
+
+    EXPECT_EQ(scalars + "\n<EventIDs>\n\n</EventIDs>\n\n<LogCodes>\n\n</LogCodes>\n"
+                        "\n<MessageLevels>\n\n</MessageLevels>\n\n<AdbLogState>off</AdbLogState>\n"
+                        "<DplState>off</DplState>\n\n<IfIDs>\n\n</IfIDs>\n",
+              round_trip(""));
+}
+
 // Each file, as read, shows in what is written back.
 TEST_F(Config, ElementsAndListGrammars)
 {
