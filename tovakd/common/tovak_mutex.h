@@ -1,5 +1,5 @@
 // The daemon's lock, annotated so that clang's -Wthread-safety checks who
-// holds what. GCC builds see plain attributes-free code.
+// holds what; other compilers see no annotations.
 #pragma once
 
 #include <pthread.h>
