@@ -104,15 +104,23 @@ command_handler find_cmd_handler(uint32_t id)
     return e == nullptr ? nullptr : e->handler;
 }
 
+// A closed gate logs its ERR line, one line for each flag, so that the log
+// tells which start-up step was missing.
 static bool gate_open(cmd_gate gate, const uint8_t* rsp)
 {
     switch (gate) {
     case cmd_gate::none:
         return true;
     case cmd_gate::logging:
-        return tovak_handler_initialized && rsp != nullptr;
+        if (tovak_handler_initialized && rsp != nullptr)
+            return true;
+        TLOG_ERR();
+        return false;
     case cmd_gate::capture:
-        return adblog_handler_initialized && rsp != nullptr;
+        if (adblog_handler_initialized && rsp != nullptr)
+            return true;
+        TLOG_ERR();
+        return false;
     }
     return false;
 }
@@ -121,7 +129,6 @@ uint32_t cmd_run(const cmd_entry& cmd, uint32_t req_len, uint8_t* req, uint32_t*
 {
     if (gate_open(cmd.gate, rsp))
         return cmd.handler(req_len, req, rsp_len, rsp);
-    TLOG_ERR();
     switch (cmd.refusal) {
     case cmd_refusal::untouched:
         break;
