@@ -73,9 +73,12 @@ fuzz() {
         # a working corpus, and a failing input to the artifacts directory.
         local work=$dir/fuzz-work/$target artifacts=$dir/fuzz-artifacts/$target
         mkdir -p "$work" "$artifacts"
+        # The factory files seed the configuration parser from where they live.
+        local seeds=("$top/fuzz/corpus/$target")
+        [ "$target" = config ] && seeds+=("$top/etc")
         echo "-- $target"
         if ! "$top/sim/harness/scratch-root.sh" --rw "$work" --rw "$artifacts" -- \
-            "$dir/bin/tovak_fuzz_$target" "$work" "$top/fuzz/corpus/$target" \
+            "$dir/bin/tovak_fuzz_$target" "$work" "${seeds[@]}" \
             -max_total_time="${TOVAK_FUZZ_SECONDS:-45}" -timeout=30 -rss_limit_mb=4096 -max_len=16384 \
             -artifact_prefix="$artifacts/" -print_final_stats=1 -close_fd_mask=1 >"$dir/fuzz-$target.log" 2>&1; then
             tail -n 60 "$dir/fuzz-$target.log"

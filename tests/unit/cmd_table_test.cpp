@@ -1,54 +1,63 @@
-// Every command's gate, checked in one table, with the handlers called
-// directly: a gated handler refuses before it touches anything.
+// Every command's gate and refusal, checked in one table against the
+// dispatcher: a refused command runs nothing, logs one ERR line and leaves
+// the reply as the table says.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstring>
-#include <map>
+#include <iterator>
 #include <set>
+#include <string>
 
 #include "daemon/cmd_table.h"
-#include "handlers/tovak_handler.h"
+#include "fd_output.h"
 #include "protocol/tovak_cmd_ids.h"
 #include "protocol/tovak_pkt.h"
 
 namespace {
 
 enum Gate { T, A, NONE };
+// What a refusal leaves: the reply untouched, or 4 bytes of 0 or of 0xff.
+enum Answer { KEEP, ZERO, MINUS_ONE };
 
 struct Row {
     uint32_t id;
     Gate gate;
+    Answer refused = KEEP;
 };
 
 // clang-format off
-const Row ROWS[CMD_TABLE_SIZE] = {
-    { 0x00, T }, { 0x01, T }, { 0x03, T }, { 0x04, T }, { 0x05, T }, { 0x06, T }, { 0x07, T }, { 0x08, T },
-    { 0x09, T }, { 0x0a, T }, { 0x0b, T }, { 0x0c, T }, { 0x0d, T }, { 0x0e, T }, { 0x0f, T }, { 0x10, T },
-    { 0x11, T }, { 0x12, T }, { 0x13, T }, { 0x14, T }, { 0x2f, A }, { 0x30, A }, { 0x32, A }, { 0x33, A },
-    { 0x36, A }, { 0x37, A }, { 0x38, A }, { 0x39, A }, { 0x3a, NONE }, { 0x3b, A }, { 0x3c, A }, { 0x3d, T },
-    { 0x46, T }, { 0x47, T }, { 0x48, T }, { 0x49, T }, { 0x50, T }, { 0x51, T }, { 0x52, T }, { 0x53, T },
-    { 0x54, T }, { 0x55, T }, { 0x02, NONE },
+const Row ROWS[] = {
+    { 0x00, T, ZERO }, { 0x01, T, ZERO }, { 0x03, T, MINUS_ONE }, { 0x04, T, MINUS_ONE }, { 0x05, T }, { 0x06, T },
+    { 0x07, T }, { 0x08, T }, { 0x09, T }, { 0x0a, T }, { 0x0b, T }, { 0x0c, T }, { 0x0d, T }, { 0x0e, T },
+    { 0x0f, T }, { 0x10, T }, { 0x11, T }, { 0x12, T }, { 0x13, T }, { 0x14, T }, { 0x2f, A }, { 0x30, A },
+    { 0x32, A }, { 0x33, A }, { 0x36, A }, { 0x37, A }, { 0x38, A }, { 0x39, A }, { 0x3a, NONE }, { 0x3b, A },
+    { 0x3c, A }, { 0x3d, T }, { 0x46, T }, { 0x47, T }, { 0x48, T }, { 0x49, T }, { 0x50, T }, { 0x51, T },
+    { 0x52, T }, { 0x53, T }, { 0x54, T }, { 0x55, T }, { 0x02, NONE },
 };
 // clang-format on
 
 TEST(CommandTable, OneEntryPerIdInOrderAndNothingElseFound)
 {
+    ASSERT_EQ(std::size(ROWS), cmd_table_size);
     std::set<uint32_t> ids;
-    for (size_t i = 0; i < CMD_TABLE_SIZE; i++) {
+    for (size_t i = 0; i < cmd_table_size; i++) {
         EXPECT_EQ(ROWS[i].id, cmd_table[i].id) << i;
+        EXPECT_EQ(&cmd_table[i], find_cmd(ROWS[i].id)) << ROWS[i].id;
         EXPECT_EQ(cmd_table[i].handler, find_cmd_handler(ROWS[i].id)) << ROWS[i].id;
         ids.insert(ROWS[i].id);
     }
     for (uint32_t id = 0; id < 300; id++) {
-        EXPECT_TRUE(ids.count(id) || find_cmd_handler(id) == nullptr) << id;
+        EXPECT_TRUE(ids.count(id) || find_cmd(id) == nullptr) << id;
     }
-    EXPECT_EQ(nullptr, find_cmd_handler(0xffffffff));
+    EXPECT_EQ(nullptr, find_cmd(0xffffffff));
 }
 
-// The gates as they stand before start-up, with one flag set, and without a
-// reply area: a refusal returns 0 and leaves the reply as it was, but for
-// the switches, which answer 0, and the size and path, which answer -1.
-TEST(CommandTable, GatedCommandsRefuseUntouched)
+// Before start-up, with one flag set, and without a reply area: a refused
+// command returns 0, logs exactly one ERR line and nothing of its own, and
+// answers only as its row says.
+TEST(CommandTable, GatedCommandsRefuseTheTablesWay)
 {
     struct Stage {
         uint8_t t, a;
@@ -57,7 +66,8 @@ TEST(CommandTable, GatedCommandsRefuseUntouched)
     for (Stage s : { Stage{ 0, 0, true }, Stage{ 0, 1, true }, Stage{ 1, 0, true }, Stage{ 1, 1, false } }) {
         tovak_handler_initialized = s.t;
         adblog_handler_initialized = s.a;
-        for (const Row& r : ROWS) {
+        for (size_t i = 0; i < std::size(ROWS); i++) {
+            const Row& r = ROWS[i];
             bool open = r.gate == NONE || (r.gate == T && s.t) || (r.gate == A && s.a);
             if (open && (s.reply_area || r.gate == NONE))
                 continue; // would run for real
@@ -65,15 +75,56 @@ TEST(CommandTable, GatedCommandsRefuseUntouched)
             uint8_t rsp[64];
             memset(rsp, 0xab, sizeof rsp);
             uint32_t len = TOVAK_PKT_DATA_SIZE;
-            EXPECT_EQ(0u, cmd_table[&r - ROWS].handler(sizeof req, req, &len, s.reply_area ? rsp : nullptr))
-                << "id " << r.id << " t " << int(s.t) << " a " << int(s.a);
-            const std::map<uint32_t, uint8_t> answers = { { 0, 0 }, { 1, 0 }, { 3, 0xff }, { 4, 0xff } };
+            uint32_t result = 1;
+            std::string out = fd_output(STDOUT_FILENO, [&] {
+                result = cmd_run(cmd_table[i], sizeof req, req, &len, s.reply_area ? rsp : nullptr);
+            });
+            SCOPED_TRACE("id " + std::to_string(r.id) + " t " + std::to_string(s.t) + " a " + std::to_string(s.a));
+            EXPECT_EQ(0u, result);
+            EXPECT_NE(std::string::npos, out.find(": tovak_handler ERR >> ")) << out;
+            EXPECT_EQ(out.find('\n') + 1, out.size()) << "one line only: " << out;
             // Without a reply area only the switches still set a length.
-            bool answers_anyway = answers.count(r.id) && (s.reply_area || r.id <= 1);
-            EXPECT_EQ(answers_anyway ? 4u : uint32_t(TOVAK_PKT_DATA_SIZE), len) << r.id;
-            EXPECT_EQ(answers_anyway && s.reply_area ? answers.at(r.id) : 0xab, rsp[3]) << r.id;
-            EXPECT_EQ(0xab, rsp[4]) << r.id;
+            bool answers = r.refused != KEEP && (s.reply_area || r.refused == ZERO);
+            EXPECT_EQ(answers ? 4u : uint32_t(TOVAK_PKT_DATA_SIZE), len);
+            const uint8_t first = !answers || !s.reply_area ? 0xab : r.refused == ZERO ? 0 : 0xff;
+            EXPECT_EQ(std::string(4, char(first)), std::string(rsp, rsp + 4));
+            EXPECT_EQ(0xab, rsp[4]);
         }
+    }
+    tovak_handler_initialized = 0;
+    adblog_handler_initialized = 0;
+}
+
+// An open gate runs the handler once and hands back its result, with no
+// ERR line; each gate kind, on commands that need no device.
+TEST(CommandTable, OpenGatesRunTheHandler)
+{
+    struct Case {
+        uint32_t id;
+        uint8_t t, a;
+        uint32_t len;
+        std::string reply;
+    };
+    const Case cases[] = {
+        { 0x10, 1, 0, 4, std::string("\0\0\0\0", 4) },                     // logging not running
+        { 0x3d, 1, 0, 8, std::string("\x20\xa1\x07\0\0\x2d\x31\x01", 8) }, // 500000, 20000000
+        { 0x3a, 0, 0, 1, std::string(1, '\0') },                           // no gate; no categories yet
+        { 0x33, 0, 1, 4, std::string("\0\0\0\0", 4) },                     // capture off
+    };
+    for (const Case& c : cases) {
+        tovak_handler_initialized = c.t;
+        adblog_handler_initialized = c.a;
+        uint8_t rsp[64];
+        memset(rsp, 0xab, sizeof rsp);
+        uint32_t len = TOVAK_PKT_DATA_SIZE;
+        uint32_t result = 0;
+        std::string out = fd_output(STDOUT_FILENO, [&] { result = cmd_run(*find_cmd(c.id), 0, nullptr, &len, rsp); });
+        SCOPED_TRACE("id " + std::to_string(c.id));
+        EXPECT_EQ(1u, result);
+        EXPECT_EQ(std::string::npos, out.find("ERR >>")) << out;
+        EXPECT_EQ(c.len, len);
+        EXPECT_EQ(c.reply, std::string(rsp, rsp + c.reply.size()));
+        EXPECT_EQ(0xab, rsp[c.reply.size()]);
     }
     tovak_handler_initialized = 0;
     adblog_handler_initialized = 0;

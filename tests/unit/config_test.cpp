@@ -7,6 +7,8 @@
 
 #include <atomic>
 #include <random>
+#include <set>
+#include <sstream>
 #include <thread>
 
 #include "config/tovak_config.h"
@@ -19,26 +21,9 @@ namespace {
     "#ver. 1.2 20120716 rtkan add dpl information\n"                \
     "#ver. 1.1 20120521 rtkan add LogState and BufferSize\n\n"
 
-// The built-in default as the daemon writes it.
-const char* const DEFAULT_FILE =
-    FILE_HEAD
-    "<LogState>off</LogState>\n<BufferSize>50000000</BufferSize>\n"
-    "\n<EventIDs>\n"
-    "01498, 01499, 01501, 01503, 01606, 01607, 01608, 01611, 01612, 01613, 01685, 01970, 01971, 01972\n"
-    "</EventIDs>\n"
-    "\n<LogCodes>\n"
-    "0x412f, 0x713f, 0x7140, 0x7143, 0x7144, 0xb061, 0xb062, 0xb0c0, 0xb0e2, 0xb0e3, 0xb0ec, 0xb0ed, 0xb167, "
-    "0xb168, 0xb169, 0xb16a\n"
-    "</LogCodes>\n"
-    "\n<MessageLevels>\n"
-    "00005/03,00005/04,00015/03,00015/04,00020/03,00020/04,03006/03,03006/04,03007/03,03007/04,03008/03,03008/04,"
-    "03010/03,03010/04\n"
-    "</MessageLevels>\n"
-    "\n<AdbLogState>off</AdbLogState>\n"
-    "\n<Category>\n1,1,0,1\n</Category>\n"
-    "\n<AdbSizeInfo>\n10000000,10000000,5000000,20000000\n</AdbSizeInfo>\n"
-    "<DplState>off</DplState>\n"
-    "\n<IfIDs>\n1, 15, 19\n</IfIDs>\n";
+// The factory dm.cfg, which is also the built-in default as the daemon
+// writes it.
+const std::string FACTORY_FILE = read_file(TOVAK_SOURCE_DIR "/etc/dm.cfg");
 
 class Config : public ::testing::Test {
 protected:
@@ -59,12 +44,59 @@ protected:
     std::string out = dir.path() + "/out.cfg";
 };
 
-TEST_F(Config, DefaultTextIsWrittenInItsExactLayoutAndReadsBack)
+TEST_F(Config, DefaultTextIsWrittenAsTheFactoryFileAndReadsBack)
 {
+    ASSERT_EQ(0u, FACTORY_FILE.rfind(FILE_HEAD "<LogState>", 0)) << "etc/dm.cfg missing or not as written";
     tovak_config_load_text(DEFAULT_CONFIG_TEXT);
     tovak_config_save_file(out.c_str());
-    EXPECT_EQ(DEFAULT_FILE, read_file(out));
-    EXPECT_EQ(DEFAULT_FILE, round_trip(DEFAULT_FILE));
+    EXPECT_EQ(FACTORY_FILE, read_file(out));
+    EXPECT_EQ(FACTORY_FILE, round_trip(FACTORY_FILE));
+}
+
+// The factory item files name, in their first column, exactly the items of
+// the default lists.
+TEST_F(Config, FactoryItemFilesNameTheDefaultLists)
+{
+    tovak_config_load_text(DEFAULT_CONFIG_TEXT);
+    struct List {
+        const char* file;
+        std::set<uint32_t> items;
+    };
+    std::vector<List> lists;
+    {
+        tovak_config_locked c;
+        std::set<uint32_t> ssids;
+        for (const auto& entry : c->messages->masks)
+            ssids.insert(entry.first);
+        lists = {
+            { "EventID.txt", { c->events->ids.begin(), c->events->ids.end() } },
+            { "LogItem.txt", { c->log_codes->codes.begin(), c->log_codes->codes.end() } },
+            { "MessageLevel.txt", ssids },
+        };
+    }
+    for (const List& l : lists) {
+        std::istringstream text(read_file(std::string(TOVAK_SOURCE_DIR "/etc/") + l.file));
+        std::set<uint32_t> named;
+        for (std::string line; std::getline(text, line);)
+            named.insert(uint32_t(std::stoul(line.substr(0, line.find(' ')), nullptr, line[1] == 'x' ? 16 : 10)));
+        EXPECT_FALSE(named.empty()) << l.file;
+        EXPECT_EQ(l.items, named) << l.file;
+    }
+}
+
+// What is left out and what is written empty: a record never loaded has no
+// lists (and so no IfIDs), an empty file makes every list, empty; empty
+// sequences are left out either way.
+TEST_F(Config, AbsentAndEmptyElementsInTheWrittenLayout)
+{
+    const std::string scalars = FILE_HEAD "<LogState>off</LogState>\n<BufferSize>0</BufferSize>\n";
+    tovak_config_save_file(out.c_str());
+    EXPECT_EQ(scalars + "\n<AdbLogState>off</AdbLogState>\n<DplState>off</DplState>\n", read_file(out));
+
+    EXPECT_EQ(scalars + "\n<EventIDs>\n\n</EventIDs>\n\n<LogCodes>\n\n</LogCodes>\n"
+                        "\n<MessageLevels>\n\n</MessageLevels>\n\n<AdbLogState>off</AdbLogState>\n"
+                        "<DplState>off</DplState>\n\n<IfIDs>\n\n</IfIDs>\n",
+              round_trip(""));
 }
 
 // Each file, as read, shows in what is written back.

@@ -12,35 +12,31 @@
 
 #define ADBLOG_NAMES_SIZE 100
 
-static uint32_t set_capture(uint32_t* rsp_len, uint8_t* rsp, int state, const char* entry_line)
+static uint32_t set_capture(uint32_t* rsp_len, int state, const char* entry_line)
 {
-    if (!tovak_gate_a(rsp))
-        return 0;
     TLOG("%s", entry_line);
     *rsp_len = 0;
     // Both under one hold of the configuration lock, so that two clients
     // switching at once leave the capture and the saved state agreeing.
-    tovak_config_edit_and_save([&] {
+    tovak_config_edit_and_save([&](tovak_config& c) REQUIRES(tovak_config_mutex) {
         adblog_core_set_state(state);
-        tovak_config_set_adblog_state(uint32_t(state));
+        c.adblog_state = uint32_t(state);
     });
     return 1;
 }
 
-uint32_t adblog_on(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
+uint32_t adblog_on(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t*)
 {
-    return set_capture(rsp_len, rsp, 1, "process adblog_on\n");
+    return set_capture(rsp_len, 1, "process adblog_on\n");
 }
 
-uint32_t adblog_off(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
+uint32_t adblog_off(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t*)
 {
-    return set_capture(rsp_len, rsp, 0, "process adblog_off\n");
+    return set_capture(rsp_len, 0, "process adblog_off\n");
 }
 
-uint32_t adblog_commit(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
+uint32_t adblog_commit(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t*)
 {
-    if (!tovak_gate_a(rsp))
-        return 0;
     TLOG("process adblog_commit\n");
     int result = adblog_core_commit();
     *rsp_len = 0;
@@ -49,18 +45,14 @@ uint32_t adblog_commit(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 
 uint32_t adblog_get_state(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_a(rsp))
-        return 0;
     TLOG("process adblog_get_state\n");
     tovak_reply_u32(rsp_len, rsp, { adblog_core_get_state() != 0 ? 1u : 0u });
     return 1;
 }
 
-static uint32_t set_category(uint32_t req_len, uint8_t* req, uint8_t* rsp, int state, const char* entry_line,
+static uint32_t set_category(uint32_t req_len, uint8_t* req, int state, const char* entry_line,
                              const char* change_line)
 {
-    if (!tovak_gate_a(rsp))
-        return 0;
     TLOG("%s", entry_line);
     const uint32_t category = tovak_request(req, req_len).u32();
     TLOG(change_line, int(category));
@@ -69,14 +61,14 @@ static uint32_t set_category(uint32_t req_len, uint8_t* req, uint8_t* rsp, int s
     return 1;
 }
 
-uint32_t adblog_add_category(uint32_t req_len, uint8_t* req, uint32_t*, uint8_t* rsp)
+uint32_t adblog_add_category(uint32_t req_len, uint8_t* req, uint32_t*, uint8_t*)
 {
-    return set_category(req_len, req, rsp, 1, "process adblog_add_category\n", "adblog add category : %d\n");
+    return set_category(req_len, req, 1, "process adblog_add_category\n", "adblog add category : %d\n");
 }
 
-uint32_t adblog_rm_category(uint32_t req_len, uint8_t* req, uint32_t*, uint8_t* rsp)
+uint32_t adblog_rm_category(uint32_t req_len, uint8_t* req, uint32_t*, uint8_t*)
 {
-    return set_category(req_len, req, rsp, 0, "process adblog_rm_category\n", "adblog remove category : %d\n");
+    return set_category(req_len, req, 0, "process adblog_rm_category\n", "adblog remove category : %d\n");
 }
 
 // The core's live enable bytes as 0/1 values, logged one by one.
@@ -99,8 +91,6 @@ static T* enable_values(int* count)
 
 uint32_t adblog_get_categories(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_a(rsp))
-        return 0;
     TLOG("process adblog_get_categories\n");
     int count;
     uint32_t* values = enable_values<uint32_t>(&count);
@@ -114,10 +104,8 @@ uint32_t adblog_get_categories(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* r
     return 1;
 }
 
-uint32_t adblog_set_categories(uint32_t, uint8_t*, uint32_t*, uint8_t* rsp)
+uint32_t adblog_set_categories(uint32_t, uint8_t*, uint32_t*, uint8_t*)
 {
-    if (!tovak_gate_a(rsp))
-        return 0;
     TLOG("process adblog_set_categories\n");
     int count;
     uint16_t* values = enable_values<uint16_t>(&count);
@@ -125,7 +113,9 @@ uint32_t adblog_set_categories(uint32_t, uint8_t*, uint32_t*, uint8_t* rsp)
         TLOG_ERR();
         return 0;
     }
-    tovak_config_edit_and_save([&] { tovak_config_set_adblog_categories(values, count); });
+    tovak_config_edit_and_save([&](tovak_config& c) REQUIRES(tovak_config_mutex) {
+        tovak_config_set_adblog_categories_locked(c, values, count);
+    });
     free(values);
     return 1;
 }
@@ -143,10 +133,8 @@ uint32_t adblog_get_category_name(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t
     return 1;
 }
 
-uint32_t adblog_set_size_with_cat(uint32_t req_len, uint8_t* req, uint32_t*, uint8_t* rsp)
+uint32_t adblog_set_size_with_cat(uint32_t req_len, uint8_t* req, uint32_t*, uint8_t*)
 {
-    if (!tovak_gate_a(rsp))
-        return 0;
     TLOG("process adblog_set_size_with_cat\n");
     if (req_len < 4) {
         TLOG_ERR();
@@ -162,14 +150,14 @@ uint32_t adblog_set_size_with_cat(uint32_t req_len, uint8_t* req, uint32_t*, uin
     }
     adblog_core_set_size(int(category), int(size));
     // The file keeps the size as asked; the next start-up clamps it again.
-    tovak_config_edit_and_save([&] { tovak_config_set_adblog_size(category, size); });
+    tovak_config_edit_and_save([&](tovak_config& c) REQUIRES(tovak_config_mutex) {
+        tovak_config_set_adblog_size_locked(c, category, size);
+    });
     return 1;
 }
 
 uint32_t adblog_get_size_with_cat(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_a(rsp))
-        return 0;
     const uint32_t category = tovak_request(req, req_len).u32();
     TLOG("process adblog_get_size_with_cat cat = %d\n", int(category));
     int size = adblog_core_get_size(int(category));
@@ -180,8 +168,6 @@ uint32_t adblog_get_size_with_cat(uint32_t req_len, uint8_t* req, uint32_t* rsp_
 
 uint32_t adblog_get_size_limits(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     int min, max;
     adblog_core_get_size_limits(&min, &max);
     tovak_reply_u32(rsp_len, rsp, { uint32_t(min), uint32_t(max) });

@@ -16,6 +16,7 @@
 #include <ctime>
 
 #include "common/tovak_log.h"
+#include "common/tovak_mutex.h"
 #include "common/tovak_paths.h"
 #include "platform/syslog_capture.h"
 
@@ -37,12 +38,12 @@ struct adblog_wait {
 
 struct AdblogCategory {
     char device_name[ADBLOG_NAME_SIZE];
-    syslog_object* log_object;
+    tovak_mutex lock;
+    syslog_object* log_object GUARDED_BY(lock);
     // Read by the capture thread while a client may change it.
     std::atomic<int32_t> size;
     adblog_wait* state_wait;
     adblog_wait* category_wait;
-    pthread_mutex_t lock; // guards log_object
     int32_t index;
     // Its capture thread could not be started; capture on tries again.
     std::atomic<uint8_t> thread_missing;
@@ -61,12 +62,12 @@ static std::atomic<uint8_t> initialised;
 static std::atomic<int32_t> category_count;
 // Capture on or off; written under state_mutex, read by the threads freely.
 static std::atomic<uint8_t> capture_state;
-static pthread_mutex_t state_mutex = PTHREAD_MUTEX_INITIALIZER;
+static tovak_mutex state_mutex;
 // Consecutive failed creations of capture objects, over all categories.
 static std::atomic<uint32_t> creation_failures;
 // Where the next commit goes; serves one successful commit.
-static char output_dir[ADBLOG_NAME_SIZE] = TOVAK_CAPTURE_OUTPUT_DIR;
-static pthread_mutex_t output_dir_mutex = PTHREAD_MUTEX_INITIALIZER;
+static tovak_mutex output_dir_mutex;
+static char output_dir[ADBLOG_NAME_SIZE] GUARDED_BY(output_dir_mutex) = TOVAK_CAPTURE_OUTPUT_DIR;
 
 static bool in_range(int category)
 {
@@ -108,14 +109,13 @@ static void close_log_object(int category)
         return;
     }
     AdblogCategory* c = &categories[category];
-    pthread_mutex_lock(&c->lock);
+    tovak_lock hold(c->lock);
     if (c->log_object != nullptr) {
         syslog_object* obj = c->log_object;
         c->log_object = nullptr;
         TLOG("ADBLOG: Destroy log object for category #%s", c->device_name);
         syslog_destroy(&obj);
     }
-    pthread_mutex_unlock(&c->lock);
 }
 
 static syslog_object_head* head_of(syslog_object* obj)
@@ -134,7 +134,7 @@ static void capture(int category, const char* data, uint32_t len)
     }
     char name[ADBLOG_NAME_SIZE];
     snprintf(name, sizeof name, "adb%s", c->device_name + strlen(ADBLOG_DEVICE_PREFIX));
-    pthread_mutex_lock(&c->lock);
+    tovak_lock hold(c->lock);
     if (c->log_object == nullptr) {
         creation_failures++;
         TLOG("syslog create: cat = %d, size = %d, tmp_path = %s", category, int(c->size), name);
@@ -145,7 +145,6 @@ static void capture(int category, const char* data, uint32_t len)
         creation_failures = 0;
         head_of(c->log_object)->write(c->log_object, data, len);
     }
-    pthread_mutex_unlock(&c->lock);
 }
 
 static void* capture_thread(void* arg)
@@ -157,6 +156,7 @@ static void* capture_thread(void* arg)
     snprintf(path, sizeof path, "%s%s", TOVAK_DEV_DIR, c->device_name);
     int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
+        TLOG_CAUSE(path, errno);
         TLOG("[ADBLOG] Error : Can't open %s\n", path);
         TLOG_ERR();
         return nullptr;
@@ -221,6 +221,7 @@ static void start_capture_thread(int category)
     pthread_attr_destroy(&attr);
     categories[category].thread_missing = rc != 0;
     if (rc != 0) {
+        TLOG_CAUSE("capture thread", rc);
         TLOG("[ADBLOG] Error : Can't start the thread of %s, errno = %d\n", categories[category].device_name, rc);
         TLOG_ERR();
     }
@@ -273,8 +274,6 @@ int adblog_core_init()
         if ((categories[i].category_wait = new_wait()) == nullptr)
             return 0;
     }
-    for (AdblogCategory& c : categories)
-        pthread_mutex_init(&c.lock, nullptr);
 
     // Published before the threads start: they test their number against it.
     category_count = count;
@@ -290,7 +289,7 @@ void adblog_core_set_state(int state)
 {
     if (!initialised)
         return;
-    pthread_mutex_lock(&state_mutex);
+    tovak_lock hold(state_mutex);
     capture_state = uint8_t(state);
     for (int i = 0; i < category_count; i++) {
         if (state != 0 && categories[i].thread_missing)
@@ -298,17 +297,14 @@ void adblog_core_set_state(int state)
         signal_wait(categories[i].state_wait);
         signal_wait(categories[i].category_wait);
     }
-    pthread_mutex_unlock(&state_mutex);
 }
 
 int adblog_core_get_state()
 {
     if (!initialised)
         return 0;
-    pthread_mutex_lock(&state_mutex);
-    int state = capture_state;
-    pthread_mutex_unlock(&state_mutex);
-    return state;
+    tovak_lock hold(state_mutex);
+    return capture_state;
 }
 
 int adblog_core_set_category_state(int category, int state)
@@ -377,12 +373,14 @@ int adblog_core_set_size(int category, int size)
     AdblogCategory* c = &categories[category];
     // Decided under the state mutex, so capture can't come on between the
     // check and the store.
-    pthread_mutex_lock(&state_mutex);
-    const bool changed = capture_state != 1 && size != c->size;
-    if (changed)
-        c->size = size;
-    size = c->size;
-    pthread_mutex_unlock(&state_mutex);
+    bool changed;
+    {
+        tovak_lock hold(state_mutex);
+        changed = capture_state != 1 && size != c->size;
+        if (changed)
+            c->size = size;
+        size = c->size;
+    }
     if (!changed)
         return size;
     // Sizes change only while capture is off, when the threads have closed
@@ -401,34 +399,35 @@ int adblog_core_set_output_path(const char* dir)
 {
     if (!initialised || dir == nullptr)
         return 0;
-    pthread_mutex_lock(&output_dir_mutex);
+    tovak_lock hold(output_dir_mutex);
     snprintf(output_dir, sizeof output_dir, "%s", dir);
-    pthread_mutex_unlock(&output_dir_mutex);
     return 1;
 }
 
-int adblog_core_commit()
+// A failed commit leaves its category's lock held, as it always has: a
+// scoped hold can't say that, so this one is not analysed.
+int adblog_core_commit() NO_THREAD_SAFETY_ANALYSIS
 {
     if (adblog_core_get_state() == 0) {
         TLOG("ADBLOG: state is off so commit operation is not allowed\n");
         return 0;
     }
     char dir[ADBLOG_NAME_SIZE];
-    pthread_mutex_lock(&output_dir_mutex);
+    output_dir_mutex.lock();
     memcpy(dir, output_dir, sizeof dir);
-    pthread_mutex_unlock(&output_dir_mutex);
+    output_dir_mutex.unlock();
     for (int i = 0; i < category_count; i++) {
         AdblogCategory* c = &categories[i];
         if (!enabled_bytes[i])
             continue;
-        pthread_mutex_lock(&c->lock);
+        c->lock.lock();
         if (c->log_object != nullptr && head_of(c->log_object)->commit(c->log_object, dir) == 0) {
             // The category's lock stays held, as it always has after a failed
             // commit.
             TLOG_ERR();
             return 0;
         }
-        pthread_mutex_unlock(&c->lock);
+        c->lock.unlock();
     }
     adblog_core_set_output_path(TOVAK_CAPTURE_OUTPUT_DIR);
     return 1;

@@ -14,15 +14,10 @@ typedef uint32_t (*command_handler)(uint32_t req_len, uint8_t* req, uint32_t* rs
 
 #define TOVAK_HANDLER(name) uint32_t name(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
 
-// Set once at start-up, by tovak_handler_init and adblog_handler_init; read
-// by every session.
+// Set once at start-up, by tovak_handler_init and adblog_handler_init; the
+// session tests them before it runs a gated command.
 extern std::atomic<uint8_t> tovak_handler_initialized;
 extern std::atomic<uint8_t> adblog_handler_initialized;
-
-// Gate T and gate A: the start-up step has run and there is a reply area.
-// A refusal logs the ERR line.
-bool tovak_gate_t(const uint8_t* rsp);
-bool tovak_gate_a(const uint8_t* rsp);
 
 // A request payload read field by field. A field the request does not hold
 // reads as 0; the byte buffer logs the short read.

@@ -4,6 +4,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 #include "common/tovak_file.h"
 #include "platform/android_log.h"
@@ -38,4 +39,18 @@ void tovak_log_line(int line, const char* tag, const char* fmt, ...)
 void tovak_log_err(const char* module, int line)
 {
     tovak_log_line(line, TOVAK_LOG_TAG, "%s ERR >> %d\n", module, line);
+}
+
+void tovak_log_cause(const char* file, int line, const char* what, int err)
+{
+    const char* slash = strrchr(file, '/');
+    const char* name = slash != nullptr ? slash + 1 : file;
+    char out[TOVAK_LOG_PREFIX_MAX + TOVAK_LOG_MESSAGE_MAX];
+    int n;
+    if (err != 0)
+        n = snprintf(out, sizeof out, "tovakd: %s:%d: %s: %s (errno %d)\n", name, line, what, strerror(err), err);
+    else
+        n = snprintf(out, sizeof out, "tovakd: %s:%d: %s\n", name, line, what);
+    if (n > 0)
+        tovak_write_all(STDERR_FILENO, out, size_t(n) < sizeof out ? size_t(n) : sizeof out - 1);
 }

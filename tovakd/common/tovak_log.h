@@ -10,6 +10,12 @@ void tovak_log_line(int line, const char* tag, const char* fmt, ...) __attribute
 // "%s ERR >> %d\n", three ways.
 void tovak_log_err(const char* module, int line);
 
+// Why a call failed, for whoever maintains the daemon: one line on stderr,
+// "tovakd: FILE:LINE: WHAT: the error's text (errno N)", or without the
+// error part for err 0. Not in the log lines, which stay as they are.
+void tovak_log_cause(const char* file, int line, const char* what, int err);
+
 #define TLOG(...) tovak_log_line(__LINE__, TOVAK_LOG_TAG, __VA_ARGS__)
 #define TLOG_TAG(tag, ...) tovak_log_line(__LINE__, (tag), __VA_ARGS__)
 #define TLOG_ERR() tovak_log_err(LOG_MODULE, __LINE__)
+#define TLOG_CAUSE(what, err) tovak_log_cause(__FILE__, __LINE__, (what), (err))

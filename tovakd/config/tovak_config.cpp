@@ -8,11 +8,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 
 #include "common/tovak_file.h"
 #include "common/tovak_log.h"
 #include "common/tovak_paths.h"
+#include "config/tovak_config_fields.h"
 #include "platform/properties.h"
 
 const char DEFAULT_CONFIG_TEXT[] =
@@ -24,40 +24,33 @@ const char DEFAULT_CONFIG_TEXT[] =
     "03010/04, </MessageLevels><AdbLogState>off</AdbLogState><AdbSizeInfo>10000000, 10000000, 5000000, "
     "20000000</AdbSizeInfo><Category>1,1,0,1</Category><DplState>off</DplState><IfIDs>1, 15, 19</IfIDs>";
 
-// The process-wide state is never destroyed: detached client threads may
-// still use it while the process exits.
-static std::recursive_mutex& config_mutex()
-{
-    static auto* mutex = new std::recursive_mutex;
-    return *mutex;
-}
+tovak_mutex tovak_config_mutex;
 
 // Orders every write and load of a configuration file; taken before the
 // configuration lock, never while holding it.
-static std::mutex& save_mutex()
-{
-    static auto* mutex = new std::mutex;
-    return *mutex;
-}
+static tovak_mutex save_mutex;
 
-static tovak_config& config_record()
+// Never destroyed: detached client threads may still use it while the
+// process exits.
+static tovak_config& config_record() REQUIRES(tovak_config_mutex)
 {
     static auto* record = new tovak_config;
     return *record;
 }
 
 // The current configuration file path; empty until first asked for.
-static char config_file_name[TOVAK_CONFIG_FILE_NAME_SIZE];
+static char config_file_name[TOVAK_CONFIG_FILE_NAME_SIZE] GUARDED_BY(tovak_config_mutex);
 static_assert(TOVAK_CONFIG_FILE_NAME_SIZE == PROPERTY_VALUE_MAX, "the path is a property value");
 
-tovak_config_locked::tovak_config_locked() : config_(&config_record())
+tovak_config_locked::tovak_config_locked()
 {
-    config_mutex().lock();
+    tovak_config_mutex.lock();
+    config_ = &config_record();
 }
 
 tovak_config_locked::~tovak_config_locked()
 {
-    config_mutex().unlock();
+    tovak_config_mutex.unlock();
 }
 
 char* tovak_config_locked::file_name() const
@@ -66,68 +59,6 @@ char* tovak_config_locked::file_name() const
 }
 
 // ---- Reading
-
-// The value of one element over the kept lines; empty when it is missing.
-static std::string element_value(const std::vector<std::string>& lines, const std::string& name)
-{
-    const std::string open = "<" + name + ">";
-    const std::string close = "</" + name + ">";
-    size_t i = 0;
-    size_t at = std::string::npos;
-    for (; i < lines.size(); i++) {
-        at = lines[i].find(open);
-        if (at != std::string::npos)
-            break;
-    }
-    if (i == lines.size())
-        return {};
-    const std::string& first = lines[i];
-    const size_t start = at + open.size();
-    // The close tag is looked for from the start of the line; one that stands
-    // before the open tag leaves the rest of the line as the value.
-    size_t end = first.find(close);
-    if (end != std::string::npos)
-        return end >= start ? first.substr(start, end - start) : first.substr(start);
-    std::string value = first.substr(start);
-    for (i++; i < lines.size(); i++) {
-        end = lines[i].find(close);
-        if (end != std::string::npos) {
-            value.append(lines[i], 0, end);
-            break;
-        }
-        value += lines[i];
-    }
-    return value;
-}
-
-static uint32_t on_off_value(const std::string& value)
-{
-    return value == "on" ? 1 : 0;
-}
-
-static uint32_t number_value(const std::string& value)
-{
-    return uint32_t(tovak_config_read_number(value, tovak_config_has_both_prefixes(value), UINT32_MAX));
-}
-
-// Replaces every file-backed field; the modem-range fields stay.
-static void parse_lines(tovak_config& c, const std::vector<std::string>& lines)
-{
-    c.events.reset();
-    c.log_codes.reset();
-    c.messages.reset();
-    c.dpl_ifs.reset();
-    c.dpl_state = on_off_value(element_value(lines, "DplState"));
-    c.log_state = on_off_value(element_value(lines, "LogState"));
-    c.buffer_size = number_value(element_value(lines, "BufferSize"));
-    c.events = tovak_event_list_create(element_value(lines, "EventIDs"), c.event_id_count);
-    c.log_codes = tovak_log_list_create(element_value(lines, "LogCodes"), c.log_last_items);
-    c.messages = tovak_msg_list_create(element_value(lines, "MessageLevels"), c.msg_ssid_ranges);
-    c.dpl_ifs = tovak_if_list_create(element_value(lines, "IfIDs"));
-    c.adblog_state = on_off_value(element_value(lines, "AdbLogState"));
-    c.adblog_categories = tovak_config_categories_create(element_value(lines, "Category"));
-    c.adblog_sizes = tovak_config_sizes_create(element_value(lines, "AdbSizeInfo"));
-}
 
 // Opens a regular file only: a FIFO or a device would block or never end.
 // One larger than any dm.cfg can be is not read either: any path can be
@@ -187,8 +118,7 @@ static std::vector<std::string> kept_lines(const std::string& text)
     return lines;
 }
 
-// Under the save lock.
-static int load_file(const char* path)
+static int load_file(const char* path) REQUIRES(save_mutex) EXCLUDES(tovak_config_mutex)
 {
     // Read before the configuration lock is taken: a slow disk must not stall
     // every reader of the record.
@@ -199,60 +129,43 @@ static int load_file(const char* path)
     c->path = path != nullptr ? path : "";
     if (!opened)
         return -1;
-    parse_lines(*c, lines);
+    tovak_config_fields_read(*c, lines);
     return 0;
 }
 
 int tovak_config_load_file(const char* path)
 {
-    std::lock_guard<std::mutex> hold(save_mutex());
+    tovak_lock hold(save_mutex);
     return load_file(path);
 }
 
 int tovak_config_load_text(const char* text)
 {
     tovak_config_locked c;
-    parse_lines(*c, { std::string(text != nullptr ? text : "") });
+    tovak_config_fields_read(*c, { std::string(text != nullptr ? text : "") });
     return 0;
 }
 
 // ---- Writing
 
+// The current path, filled from the property on first use.
+static const char* file_name_locked() REQUIRES(tovak_config_mutex)
+{
+    if (config_file_name[0] == '\0') {
+        char value[PROPERTY_VALUE_MAX] = {};
+        property_get(TOVAK_CONFIG_FILE_PROPERTY, value, TOVAK_DEFAULT_CONFIG_FILE);
+        memcpy(config_file_name, value, TOVAK_CONFIG_FILE_NAME_SIZE);
+    }
+    return config_file_name;
+}
+
 std::string tovak_config_text()
 {
     tovak_config_locked c;
-    std::string t =
-        "#KVD Configuration File\n"
-        "#\n"
-        "#history\n"
-        "#ver. 1.2 20120716 rtkan add dpl information\n"
-        "#ver. 1.1 20120521 rtkan add LogState and BufferSize\n"
-        "\n";
-    t += c->log_state ? "<LogState>on</LogState>\n" : "<LogState>off</LogState>\n";
-    // Signed on purpose: a size above 2^31 - 1 reads back to the same 32 bits.
-    t += "<BufferSize>" + std::to_string(int32_t(c->buffer_size)) + "</BufferSize>\n";
-    if (c->events)
-        t += "\n<EventIDs>\n" + tovak_event_list_text(*c->events) + "\n</EventIDs>\n";
-    if (c->log_codes)
-        t += "\n<LogCodes>\n" + tovak_log_list_text(*c->log_codes) + "\n</LogCodes>\n";
-    if (c->messages)
-        t += "\n<MessageLevels>\n" + tovak_msg_list_text(*c->messages) + "\n</MessageLevels>\n";
-    t += "\n";
-    t += c->adblog_state ? "<AdbLogState>on</AdbLogState>\n" : "<AdbLogState>off</AdbLogState>\n";
-    if (!c->adblog_categories.empty())
-        t += "\n<Category>\n" + tovak_config_categories_text(c->adblog_categories) + "\n</Category>\n";
-    if (!c->adblog_sizes.empty())
-        t += "\n<AdbSizeInfo>\n" + tovak_config_sizes_text(c->adblog_sizes) + "\n</AdbSizeInfo>\n";
-    t += c->dpl_state ? "<DplState>on</DplState>\n" : "<DplState>off</DplState>\n";
-    // Under the events test, as the file has always been written; a parse
-    // creates both lists together.
-    if (c->events)
-        t += "\n<IfIDs>\n" + (c->dpl_ifs ? tovak_if_list_text(*c->dpl_ifs) : std::string()) + "\n</IfIDs>\n";
-    return t;
+    return tovak_config_fields_text(*c);
 }
 
-// Under the save lock.
-static void write_file(const std::string& path, const std::string& text)
+static void write_file(const std::string& path, const std::string& text) REQUIRES(save_mutex)
 {
     if (path.empty())
         return;
@@ -261,21 +174,21 @@ static void write_file(const std::string& path, const std::string& text)
 
 int tovak_config_save_file(const char* path)
 {
-    std::lock_guard<std::mutex> hold(save_mutex());
+    tovak_lock hold(save_mutex);
     write_file(path != nullptr ? path : "", tovak_config_text());
     return 0;
 }
 
-void tovak_config_edit_and_save(const std::function<void()>& edit)
+void tovak_config_edit_and_save(const std::function<void(tovak_config&)>& edit)
 {
-    std::lock_guard<std::mutex> hold(save_mutex());
+    tovak_lock hold(save_mutex);
     std::string path;
     std::string text;
     {
         tovak_config_locked c;
-        edit();
-        path = tovak_config_get_file();
-        text = tovak_config_text();
+        edit(*c);
+        path = file_name_locked();
+        text = tovak_config_fields_text(*c);
     }
     write_file(path, text);
 }
@@ -313,16 +226,7 @@ const char* tovak_config_get_file()
     thread_local char copy[TOVAK_CONFIG_FILE_NAME_SIZE];
     {
         tovak_config_locked c;
-        memcpy(copy, c.file_name(), sizeof copy);
-    }
-    if (copy[0] == '\0') {
-        char value[PROPERTY_VALUE_MAX] = {};
-        property_get(TOVAK_CONFIG_FILE_PROPERTY, value, TOVAK_DEFAULT_CONFIG_FILE);
-        tovak_config_locked c;
-        // Another thread may have chosen a file meanwhile; it stands.
-        if (c.file_name()[0] == '\0')
-            memcpy(c.file_name(), value, TOVAK_CONFIG_FILE_NAME_SIZE);
-        memcpy(copy, c.file_name(), sizeof copy);
+        memcpy(copy, file_name_locked(), sizeof copy);
     }
     copy[sizeof copy - 1] = '\0';
     return copy;
@@ -330,11 +234,7 @@ const char* tovak_config_get_file()
 
 // Held across a whole change of file, property write included, so that the
 // property and the buffer name the same file when two clients choose at once.
-static std::mutex& file_choice_mutex()
-{
-    static auto* mutex = new std::mutex;
-    return *mutex;
-}
+static tovak_mutex file_choice_mutex;
 
 int tovak_config_set_file(const char* name)
 {
@@ -349,7 +249,7 @@ int tovak_config_set_file(const char* name)
         TLOG("Critical Error: fail to save config file into property system\n");
         return -1;
     }
-    std::lock_guard<std::mutex> hold(file_choice_mutex());
+    tovak_lock hold(file_choice_mutex);
     int result = 0;
     if (property_set(TOVAK_CONFIG_FILE_PROPERTY, name) != 0) {
         TLOG("Critical Error: fail to save config file into property system\n");
@@ -358,7 +258,7 @@ int tovak_config_set_file(const char* name)
     // The new name and its load under one hold of the save lock: another
     // client's save between them would write the old settings into the new
     // file before it is read.
-    std::lock_guard<std::mutex> save(save_mutex());
+    tovak_lock save(save_mutex);
     {
         tovak_config_locked c;
         snprintf(c.file_name(), TOVAK_CONFIG_FILE_NAME_SIZE, "%s", name);

@@ -10,10 +10,8 @@
 
 #define CONFIG_NAME_BUFFER_SIZE 100
 
-uint32_t handler_set_config_file(uint32_t req_len, uint8_t* req, uint32_t*, uint8_t* rsp)
+uint32_t handler_set_config_file(uint32_t req_len, uint8_t* req, uint32_t*, uint8_t*)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     tovak_request in(req, req_len);
     const int16_t len = int16_t(in.u16());
     if (len > CONFIG_NAME_BUFFER_SIZE - 1 || len < 0) {
@@ -33,8 +31,6 @@ uint32_t handler_set_config_file(uint32_t req_len, uint8_t* req, uint32_t*, uint
 
 uint32_t handler_get_config_file(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     const char* name = tovak_config_get_file();
     const uint16_t n = uint16_t(strlen(name) + 1);
     // A reply too small for the name keeps only what fitted.

@@ -54,43 +54,62 @@ static int rm_id(std::set<uint16_t>* ids, uint32_t id)
 
 // The add, remove and get of one ordered id set; set (an expression over
 // the locked record c) is null before the first load.
-#define TOVAK_CONFIG_ID_SET(item, set)                         \
-    int tovak_config_add_##item(uint32_t id)                   \
-    {                                                          \
-        tovak_config_locked c;                                 \
-        return add_id(set, id);                                \
-    }                                                          \
-    int tovak_config_rm_##item(uint32_t id)                    \
-    {                                                          \
-        tovak_config_locked c;                                 \
-        return rm_id(set, id);                                 \
-    }                                                          \
-    int tovak_config_get_##item##s(uint16_t** ids, int* count) \
-    {                                                          \
-        tovak_config_locked c;                                 \
-        return get_ids(set, ids, count);                       \
+#define TOVAK_CONFIG_ID_SET(item, set)                                 \
+    int tovak_config_add_##item##_locked(tovak_config& c, uint32_t id) \
+    {                                                                  \
+        return add_id(set, id);                                        \
+    }                                                                  \
+    int tovak_config_rm_##item##_locked(tovak_config& c, uint32_t id)  \
+    {                                                                  \
+        return rm_id(set, id);                                         \
+    }                                                                  \
+    int tovak_config_add_##item(uint32_t id)                           \
+    {                                                                  \
+        tovak_config_locked lock;                                      \
+        return tovak_config_add_##item##_locked(*lock, id);            \
+    }                                                                  \
+    int tovak_config_rm_##item(uint32_t id)                            \
+    {                                                                  \
+        tovak_config_locked lock;                                      \
+        return tovak_config_rm_##item##_locked(*lock, id);             \
+    }                                                                  \
+    int tovak_config_get_##item##s(uint16_t** ids, int* count)         \
+    {                                                                  \
+        tovak_config_locked lock;                                      \
+        tovak_config& c = *lock;                                       \
+        return get_ids(set, ids, count);                               \
     }
 
-TOVAK_CONFIG_ID_SET(event, c->events ? &c->events->ids : nullptr)
-TOVAK_CONFIG_ID_SET(log, c->log_codes ? &c->log_codes->codes : nullptr)
-TOVAK_CONFIG_ID_SET(dpl_if, c->dpl_ifs ? &c->dpl_ifs->ids : nullptr)
+TOVAK_CONFIG_ID_SET(event, c.events ? &c.events->ids : nullptr)
+TOVAK_CONFIG_ID_SET(log, c.log_codes ? &c.log_codes->codes : nullptr)
+TOVAK_CONFIG_ID_SET(dpl_if, c.dpl_ifs ? &c.dpl_ifs->ids : nullptr)
+
+int tovak_config_add_msg_locked(tovak_config& c, uint32_t ssid, uint32_t mask)
+{
+    if (!c.messages)
+        return -1;
+    c.messages->masks[uint16_t(ssid)] = mask;
+    return 0;
+}
+
+int tovak_config_rm_msg_locked(tovak_config& c, uint32_t ssid)
+{
+    if (!c.messages)
+        return -1;
+    c.messages->masks.erase(uint16_t(ssid));
+    return 0;
+}
 
 int tovak_config_add_msg(uint32_t ssid, uint32_t mask)
 {
-    tovak_config_locked c;
-    if (!c->messages)
-        return -1;
-    c->messages->masks[uint16_t(ssid)] = mask;
-    return 0;
+    tovak_config_locked lock;
+    return tovak_config_add_msg_locked(*lock, ssid, mask);
 }
 
 int tovak_config_rm_msg(uint32_t ssid)
 {
-    tovak_config_locked c;
-    if (!c->messages)
-        return -1;
-    c->messages->masks.erase(uint16_t(ssid));
-    return 0;
+    tovak_config_locked lock;
+    return tovak_config_rm_msg_locked(*lock, ssid);
 }
 
 int tovak_config_get_msgs(tovak_msg_entry** entries, int* count)
@@ -131,10 +150,15 @@ int tovak_config_get_adblog_categories(uint16_t** values, int* count)
     return get_sequence(c->adblog_categories, values, count);
 }
 
+int tovak_config_set_adblog_categories_locked(tovak_config& c, const uint16_t* values, int count)
+{
+    return set_sequence(&c.adblog_categories, values, count);
+}
+
 int tovak_config_set_adblog_categories(const uint16_t* values, int count)
 {
-    tovak_config_locked c;
-    return set_sequence(&c->adblog_categories, values, count);
+    tovak_config_locked lock;
+    return tovak_config_set_adblog_categories_locked(*lock, values, count);
 }
 
 int tovak_config_get_adblog_sizes(uint32_t** values, int* count)
@@ -149,13 +173,18 @@ int tovak_config_set_adblog_sizes(const uint32_t* values, int count)
     return set_sequence(&c->adblog_sizes, values, count);
 }
 
+int tovak_config_set_adblog_size_locked(tovak_config& c, uint32_t index, uint32_t size)
+{
+    if (index >= c.adblog_sizes.size())
+        return -1;
+    c.adblog_sizes[index] = size;
+    return 0;
+}
+
 int tovak_config_set_adblog_size(uint32_t index, uint32_t size)
 {
-    tovak_config_locked c;
-    if (index >= c->adblog_sizes.size())
-        return -1;
-    c->adblog_sizes[index] = size;
-    return 0;
+    tovak_config_locked lock;
+    return tovak_config_set_adblog_size_locked(*lock, index, size);
 }
 
 // Plain stores and loads, under the lock so that a reader never sees a field

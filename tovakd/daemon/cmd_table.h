@@ -1,4 +1,6 @@
-// The client command table and its lookup.
+// The client command table: per command its handler, the start-up flag it
+// waits for and what it answers when refused. The session checks the gate
+// and answers a refusal; handlers only do the work.
 #pragma once
 
 #include <cstddef>
@@ -6,14 +8,29 @@
 
 #include "common/tovak_cmd.h"
 
+// Which start-up step must have run: none, the logging handlers' (T) or the
+// capture core's (A).
+enum class cmd_gate : uint8_t { none, logging, capture };
+
+// What a refused command leaves in the reply: nothing, one u32 0, or one
+// i32 -1.
+enum class cmd_refusal : uint8_t { untouched, zero, minus_one };
+
 struct cmd_entry {
     uint32_t id;
     command_handler handler;
+    cmd_gate gate;
+    cmd_refusal refusal;
 };
 
-#define CMD_TABLE_SIZE 43
+extern const cmd_entry cmd_table[];
+extern const size_t cmd_table_size;
 
-extern const cmd_entry cmd_table[CMD_TABLE_SIZE];
-
-// The handler of id, or null (id above CMD_ID_MAX or not in the table).
+// The entry of id, or null (id above CMD_ID_MAX or not in the table).
+const cmd_entry* find_cmd(uint32_t id);
+// The handler of id, or null.
 command_handler find_cmd_handler(uint32_t id);
+
+// Runs one command: a closed gate (or no reply area) logs the ERR line,
+// answers the entry's refusal and returns 0; otherwise the handler's result.
+uint32_t cmd_run(const cmd_entry& cmd, uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp);

@@ -53,7 +53,10 @@ int tovak_copy_default_file(const char* user, const char* source)
     // now is still the user's, and is never replaced. Not blocking: a FIFO
     // put there would hold start-up for ever.
     int fd = open(user, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd >= 0 || errno != ENOENT) {
+    const int err = fd < 0 ? errno : 0;
+    if (fd >= 0 || err != ENOENT) {
+        if (fd < 0)
+            TLOG_CAUSE(user, err);
         TLOG("User file already exists %s\n", user);
         if (fd >= 0)
             close(fd);
@@ -61,6 +64,7 @@ int tovak_copy_default_file(const char* user, const char* source)
     }
     int src = open(source, O_RDONLY | O_CLOEXEC);
     if (src < 0) {
+        TLOG_CAUSE(source, errno);
         TLOG("Fatal Error: src file %s doesn't exist\n", source);
         TLOG_ERR();
         return -1;
@@ -117,6 +121,7 @@ void* process_pkt(void* arg)
     for (;;) {
         ssize_t n = read(fd, &req, sizeof req);
         if (n < 0) {
+            TLOG_CAUSE("read of a request", errno);
             TLOG("Failed to read socket\n");
             failed = true;
             break;
@@ -136,16 +141,18 @@ void* process_pkt(void* arg)
         if (req.cmd == CMD_DISCONNECT)
             break;
         TLOG("cmd = %d\n", int(req.cmd));
-        command_handler handler = find_cmd_handler(req.cmd);
-        if (handler == nullptr) {
+        const cmd_entry* cmd = find_cmd(req.cmd);
+        if (cmd == nullptr) {
             TLOG("can't process cmd since there is no handler to process it\n");
             TLOG_ERR();
             break;
         }
         // No reader may pass the end of the request frame.
         uint32_t req_len = req.len > TOVAK_PKT_DATA_SIZE ? TOVAK_PKT_DATA_SIZE : req.len;
-        handler(req_len, req.data, &rsp.len, rsp.data);
+        // Done or refused, the reply goes out: it carries no status.
+        cmd_run(*cmd, req_len, req.data, &rsp.len, rsp.data);
         if (write(fd, &rsp, sizeof rsp) < 0) {
+            TLOG_CAUSE("write of a reply", errno);
             TLOG("%s", "Failed to write socket errno = %d\n");
             failed = true;
             break;
@@ -162,8 +169,10 @@ void* process_pkt(void* arg)
     return nullptr;
 }
 
-static int tovak_fail(int listen_fd, const char* msg)
+// msg is the required line; the cause goes beside it.
+static int tovak_fail(int listen_fd, const char* msg, int err)
 {
+    TLOG_CAUSE(msg, err);
     TLOG("%s\n", msg);
     TLOG_ERR();
     if (listen_fd >= 0)
@@ -190,7 +199,7 @@ int tovak_main()
     // hold the daemon's sockets.
     int listen_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (listen_fd < 0)
-        return tovak_fail(listen_fd, "Failed to create socket");
+        return tovak_fail(listen_fd, "Failed to create socket", errno);
 
     const char* path = TOVAK_SOCKET_PATH;
     if (access(path, F_OK) == 0)
@@ -202,11 +211,11 @@ int tovak_main()
     unix_socket_address(path, &addr, &addr_len);
 
     if (bind(listen_fd, reinterpret_cast<sockaddr*>(&addr), addr_len) < 0)
-        return tovak_fail(listen_fd, "Failed to bind socket");
+        return tovak_fail(listen_fd, "Failed to bind socket", errno);
     (void)!chown(path, TOVAK_SOCKET_UID, TOVAK_SOCKET_GID);
     (void)!chmod(path, TOVAK_SOCKET_MODE);
     if (listen(listen_fd, TOVAK_LISTEN_BACKLOG) < 0)
-        return tovak_fail(listen_fd, "Failed to listen on socket");
+        return tovak_fail(listen_fd, "Failed to listen on socket", errno);
 
     tovak_handler_init();
     adblog_handler_init();
@@ -214,14 +223,15 @@ int tovak_main()
     for (;;) {
         int client = accept4(listen_fd, reinterpret_cast<sockaddr*>(&addr), &addr_len, SOCK_CLOEXEC);
         if (client < 0)
-            return tovak_fail(listen_fd, "Failed to accept socket");
+            return tovak_fail(listen_fd, "Failed to accept socket", errno);
         TLOG("%s(%d-%d)\n", "server: got connection", listen_fd, client);
         // Each session gets its own copy of the descriptor, so the next
         // accept cannot overwrite it before the thread has read it.
         pthread_t thread;
-        if (pthread_create(&thread, nullptr, process_pkt, reinterpret_cast<void*>(intptr_t(client))) != 0) {
+        const int rc = pthread_create(&thread, nullptr, process_pkt, reinterpret_cast<void*>(intptr_t(client)));
+        if (rc != 0) {
             close(client);
-            return tovak_fail(listen_fd, "Failed to create thread");
+            return tovak_fail(listen_fd, "Failed to create thread", rc);
         }
         pthread_detach(thread);
     }

@@ -4,10 +4,10 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 
 #include "common/tovak_cmd.h"
 #include "common/tovak_log.h"
+#include "common/tovak_mutex.h"
 #include "config/tovak_config.h"
 #include "handlers/tovak_handler.h"
 #include "platform/diag.h"
@@ -23,13 +23,9 @@
 // Held from reading the DPL state to storing the new one, across the modem
 // calls: two clients switching at once must leave the modem and the stored
 // state agreeing.
-static std::mutex& dpl_mutex()
-{
-    static auto* mutex = new std::mutex;
-    return *mutex;
-}
+static tovak_mutex dpl_mutex;
 
-static void start_iface(uint16_t id)
+static void start_iface(uint16_t id) REQUIRES(dpl_mutex)
 {
     // The modem takes one byte per interface.
     const uint8_t ifid = uint8_t(id);
@@ -51,12 +47,14 @@ void tovak_dpl_add_iface(uint16_t id)
 {
     // Under the DPL lock, so that a reset between the two leaves neither a
     // listed interface the modem no longer logs nor the reverse.
-    std::lock_guard<std::mutex> hold(dpl_mutex());
+    tovak_lock hold(dpl_mutex);
     start_iface(id);
-    tovak_config_edit_and_save([&] { tovak_config_add_dpl_if(id); });
+    tovak_config_edit_and_save([&](tovak_config& c) REQUIRES(tovak_config_mutex) {
+        tovak_config_add_dpl_if_locked(c, id);
+    });
 }
 
-static void start_configured_ifaces()
+static void start_configured_ifaces() REQUIRES(dpl_mutex)
 {
     uint16_t* ids = nullptr;
     int count = -1;
@@ -69,18 +67,16 @@ static void start_configured_ifaces()
 
 void tovak_dpl_select_configured()
 {
-    std::lock_guard<std::mutex> hold(dpl_mutex());
+    tovak_lock hold(dpl_mutex);
     if (tovak_config_get_dpl_state())
         start_configured_ifaces();
 }
 
-uint32_t handler_dpl_set_state(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
+uint32_t handler_dpl_set_state(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t*)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     const uint32_t state = tovak_request(req, req_len).u32();
     TLOG("dpl set state %d\n", int(state));
-    std::lock_guard<std::mutex> hold(dpl_mutex());
+    tovak_lock hold(dpl_mutex);
     // A repeat is refused so that the client learns nothing changed.
     if (state == tovak_config_get_dpl_state()) {
         TLOG_ERR();
@@ -91,15 +87,15 @@ uint32_t handler_dpl_set_state(uint32_t req_len, uint8_t* req, uint32_t* rsp_len
     else
         diag_dpl_reset_logging();
     // A negative request has switched the interfaces on, yet is stored as off.
-    tovak_config_edit_and_save([&] { tovak_config_set_dpl_state(int32_t(state) > 0 ? 1 : 0); });
+    tovak_config_edit_and_save([&](tovak_config& c) REQUIRES(tovak_config_mutex) {
+        c.dpl_state = int32_t(state) > 0 ? 1 : 0;
+    });
     *rsp_len = 0;
     return 1;
 }
 
 uint32_t handler_dpl_get_state(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     TLOG("dpl get state\n");
     tovak_reply_u32(rsp_len, rsp, { tovak_config_get_dpl_state() });
     return 1;
@@ -107,8 +103,6 @@ uint32_t handler_dpl_get_state(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* r
 
 uint32_t handler_dpl_get_all_if_list(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     TLOG("handler_dpl_get_all_if_list output length = %d\n", int(*rsp_len));
     diag_dpl_iface_list list;
     memset(&list, 0, sizeof list);
@@ -137,20 +131,14 @@ uint32_t handler_dpl_get_all_if_list(uint32_t, uint8_t*, uint32_t* rsp_len, uint
     return 1;
 }
 
-uint32_t handler_dpl_reset(uint32_t, uint8_t*, uint32_t*, uint8_t* rsp)
+uint32_t handler_dpl_reset(uint32_t, uint8_t*, uint32_t*, uint8_t*)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
-    std::lock_guard<std::mutex> hold(dpl_mutex());
+    tovak_lock hold(dpl_mutex);
     diag_dpl_reset_logging();
-    tovak_config_edit_and_save([] {
-        uint16_t* ids = nullptr;
-        int count = -1;
-        tovak_config_get_dpl_ifs(&ids, &count);
-        for (int i = 0; i < count; i++)
-            tovak_config_rm_dpl_if(ids[i]);
-        free(ids);
-        tovak_config_set_dpl_state(0);
+    tovak_config_edit_and_save([](tovak_config& c) REQUIRES(tovak_config_mutex) {
+        if (c.dpl_ifs)
+            c.dpl_ifs->ids.clear();
+        c.dpl_state = 0;
     });
     // The reply is never written, not even its length.
     return 1;

@@ -25,8 +25,9 @@ struct item_kind {
     bool with_mask;
     // The listing starts with its u32 count.
     bool counted;
-    int (*add)(uint32_t key, uint32_t mask);
-    int (*rm)(uint32_t key);
+    // Edits of the locked record.
+    int (*add)(tovak_config& c, uint32_t key, uint32_t mask);
+    int (*rm)(tovak_config& c, uint32_t key);
     // For a kind the modem takes at once (add is then null): adds the key to
     // the modem and the configuration together; or null.
     void (*program)(uint16_t key);
@@ -82,20 +83,26 @@ static int msg_listing(std::vector<uint8_t>* out)
 static const item_kind EVENTS = {
     "handler_add_event, event id = %d\n", "handler_rm_event, event id = %d\n",
     "handler_get_events output length = %d\n", nullptr, false, false,
-    [](uint32_t id, uint32_t) { return tovak_config_add_event(id); }, tovak_config_rm_event, nullptr,
+    [](tovak_config& c, uint32_t id, uint32_t) REQUIRES(tovak_config_mutex) {
+        return tovak_config_add_event_locked(c, id);
+    },
+    tovak_config_rm_event_locked, nullptr,
     [](std::vector<uint8_t>* out) { return id_listing(tovak_config_get_events, out); },
 };
 static const item_kind LOG_CODES = {
     "handler_add_log, log id = %d\n", "handler_rm_log, log id = %d\n",
     "handler_get_logs output length = %d\n", nullptr, false, false,
-    [](uint32_t code, uint32_t) { return tovak_config_add_log(code); }, tovak_config_rm_log, nullptr,
+    [](tovak_config& c, uint32_t code, uint32_t) REQUIRES(tovak_config_mutex) {
+        return tovak_config_add_log_locked(c, code);
+    },
+    tovak_config_rm_log_locked, nullptr,
     [](std::vector<uint8_t>* out) { return id_listing(tovak_config_get_logs, out); },
 };
 // The message list logs its entry line without the room.
 static const item_kind MESSAGES = {
     "handler_add_msg ssid = 0x%x, mask = 0x%x\n", "handler_rm_msg ssid = 0x%x\n",
     "handler_get_msg\n", "size = %d, out_len = %d\n", true, false,
-    tovak_config_add_msg, tovak_config_rm_msg, nullptr, msg_listing,
+    tovak_config_add_msg_locked, tovak_config_rm_msg_locked, nullptr, msg_listing,
 };
 // Logged by the modem at once, whatever the DPL state; there is no remove.
 static const item_kind DPL_IFS = {
@@ -107,12 +114,9 @@ static const item_kind DPL_IFS = {
 // clang-format on
 
 // Bad or short requests, an unloaded configuration and a failed save are not
-// the client's to know: an edit that passed the gate succeeds.
-static uint32_t edit_item(const item_kind& kind, bool add, uint32_t req_len, uint8_t* req, uint32_t* rsp_len,
-                          uint8_t* rsp)
+// the client's to know: an edit that is let through succeeds.
+static uint32_t edit_item(const item_kind& kind, bool add, uint32_t req_len, uint8_t* req, uint32_t* rsp_len)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     *rsp_len = 0;
     tovak_request in(req, req_len);
     const uint16_t key = in.u16();
@@ -121,14 +125,14 @@ static uint32_t edit_item(const item_kind& kind, bool add, uint32_t req_len, uin
     if (add && kind.program != nullptr)
         kind.program(key);
     else
-        tovak_config_edit_and_save([&] { add ? kind.add(key, mask) : kind.rm(key); });
+        tovak_config_edit_and_save([&](tovak_config& c) REQUIRES(tovak_config_mutex) {
+            add ? kind.add(c, key, mask) : kind.rm(c, key);
+        });
     return 1;
 }
 
 static uint32_t list_items(const item_kind& kind, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     TLOG(kind.list_line, int(*rsp_len));
     std::vector<uint8_t> listing;
     const int count = kind.listing(&listing);
@@ -145,14 +149,14 @@ static uint32_t list_items(const item_kind& kind, uint32_t* rsp_len, uint8_t* rs
     return 1;
 }
 
-TOVAK_HANDLER(handler_add_event)
+uint32_t handler_add_event(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t*)
 {
-    return edit_item(EVENTS, true, req_len, req, rsp_len, rsp);
+    return edit_item(EVENTS, true, req_len, req, rsp_len);
 }
 
-TOVAK_HANDLER(handler_rm_event)
+uint32_t handler_rm_event(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t*)
 {
-    return edit_item(EVENTS, false, req_len, req, rsp_len, rsp);
+    return edit_item(EVENTS, false, req_len, req, rsp_len);
 }
 
 uint32_t handler_get_events(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
@@ -160,14 +164,14 @@ uint32_t handler_get_events(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
     return list_items(EVENTS, rsp_len, rsp);
 }
 
-TOVAK_HANDLER(handler_add_log)
+uint32_t handler_add_log(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t*)
 {
-    return edit_item(LOG_CODES, true, req_len, req, rsp_len, rsp);
+    return edit_item(LOG_CODES, true, req_len, req, rsp_len);
 }
 
-TOVAK_HANDLER(handler_rm_log)
+uint32_t handler_rm_log(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t*)
 {
-    return edit_item(LOG_CODES, false, req_len, req, rsp_len, rsp);
+    return edit_item(LOG_CODES, false, req_len, req, rsp_len);
 }
 
 uint32_t handler_get_logs(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
@@ -175,14 +179,14 @@ uint32_t handler_get_logs(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
     return list_items(LOG_CODES, rsp_len, rsp);
 }
 
-TOVAK_HANDLER(handler_add_msg)
+uint32_t handler_add_msg(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t*)
 {
-    return edit_item(MESSAGES, true, req_len, req, rsp_len, rsp);
+    return edit_item(MESSAGES, true, req_len, req, rsp_len);
 }
 
-TOVAK_HANDLER(handler_rm_msg)
+uint32_t handler_rm_msg(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t*)
 {
-    return edit_item(MESSAGES, false, req_len, req, rsp_len, rsp);
+    return edit_item(MESSAGES, false, req_len, req, rsp_len);
 }
 
 uint32_t handler_get_msg(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
@@ -195,7 +199,7 @@ uint32_t handler_dpl_get_if_list(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t*
     return list_items(DPL_IFS, rsp_len, rsp);
 }
 
-TOVAK_HANDLER(handler_dpl_set_if)
+uint32_t handler_dpl_set_if(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t*)
 {
-    return edit_item(DPL_IFS, true, req_len, req, rsp_len, rsp);
+    return edit_item(DPL_IFS, true, req_len, req, rsp_len);
 }

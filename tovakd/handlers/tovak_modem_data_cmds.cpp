@@ -1,10 +1,10 @@
 // Modem data save, subscriber number and the autosave property.
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 
 #include "common/tovak_cmd.h"
 #include "common/tovak_log.h"
+#include "common/tovak_mutex.h"
 #include "handlers/tovak_handler.h"
 #include "platform/properties.h"
 #include "platform/qmi_tovak.h"
@@ -30,19 +30,18 @@
 // Longest number 0x48 takes, its zero byte included.
 #define MSISDN_MAX_LEN 19
 
+// Guards msisdn_buffer.
+static tovak_mutex msisdn_mutex;
 // The number the next save is tagged with; kept until the next 0x48 or exit.
-static char msisdn_buffer[MSISDN_BUFFER_SIZE];
-static std::mutex msisdn_mutex;
+static char msisdn_buffer[MSISDN_BUFFER_SIZE] GUARDED_BY(msisdn_mutex);
 
-// The units of one 0x47, in order.
-static uint8_t modem_data_buffer[MODEM_DATA_BUFFER_SIZE];
 // One 0x47 at a time: two would interleave their units in the one buffer.
-static std::mutex modem_data_mutex;
+static tovak_mutex modem_data_mutex;
+// The units of one 0x47, in order.
+static uint8_t modem_data_buffer[MODEM_DATA_BUFFER_SIZE] GUARDED_BY(modem_data_mutex);
 
-uint32_t handler_set_autosave(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
+uint32_t handler_set_autosave(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t*)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     *rsp_len = 0;
     const uint32_t value = tovak_request(req, req_len).u32();
     property_set(TOVAK_AUTOSAVE_PROPERTY, value == 1 ? "1" : "0");
@@ -52,18 +51,14 @@ uint32_t handler_set_autosave(uint32_t req_len, uint8_t* req, uint32_t* rsp_len,
 
 uint32_t handler_get_autosave(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     char value[PROPERTY_VALUE_MAX] = {};
     property_get(TOVAK_AUTOSAVE_PROPERTY, value, "1");
     tovak_reply_u32(rsp_len, rsp, { uint32_t(atoi(value)) });
     return 1;
 }
 
-uint32_t handler_set_msisdn(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
+uint32_t handler_set_msisdn(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t*)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     *rsp_len = 0;
     tovak_request in(req, req_len);
     const int16_t n = int16_t(in.u16());
@@ -73,7 +68,7 @@ uint32_t handler_set_msisdn(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, u
     }
     char text[MSISDN_BUFFER_SIZE];
     {
-        std::lock_guard<std::mutex> hold(msisdn_mutex);
+        tovak_lock hold(msisdn_mutex);
         // Bytes past the new number keep the old ones; its zero byte ends the
         // text. A negative count is refused by the reader and copies nothing.
         in.bytes(msisdn_buffer, uint32_t(int32_t(n)));
@@ -84,7 +79,7 @@ uint32_t handler_set_msisdn(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, u
 }
 
 // Gathers the units of a kind into modem_data_buffer; the bytes kept.
-static uint32_t gather_modem_data(uint32_t kind)
+static uint32_t gather_modem_data(uint32_t kind) REQUIRES(modem_data_mutex)
 {
     uint32_t total = 0;
     uint32_t index = 0;
@@ -111,19 +106,17 @@ static uint32_t gather_modem_data(uint32_t kind)
     return total;
 }
 
-uint32_t handler_save_modem_data(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
+uint32_t handler_save_modem_data(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t*)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     *rsp_len = 0;
     const uint32_t kind = tovak_request(req, req_len).u32();
 
-    std::lock_guard<std::mutex> hold(modem_data_mutex);
+    tovak_lock hold(modem_data_mutex);
     qmi_tovak_init();
     uint32_t total = gather_modem_data(kind);
     char number[MSISDN_BUFFER_SIZE];
     {
-        std::lock_guard<std::mutex> hold_number(msisdn_mutex);
+        tovak_lock hold_number(msisdn_mutex);
         memcpy(number, msisdn_buffer, sizeof number);
     }
     if (kind == MODEM_DATA_KIND_PHANTOM) {

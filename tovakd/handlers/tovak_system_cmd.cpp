@@ -34,10 +34,8 @@ static bool allowed(const char* text)
     return false;
 }
 
-uint32_t handler_system_command(uint32_t req_len, uint8_t* req, uint32_t*, uint8_t* rsp)
+uint32_t handler_system_command(uint32_t req_len, uint8_t* req, uint32_t*, uint8_t*)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     tovak_request in(req, req_len);
     const int16_t n = int16_t(in.u16());
     if (n > SYSTEM_COMMAND_BUFFER_SIZE - 1) {

@@ -4,9 +4,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <mutex>
 
 #include "common/tovak_log.h"
+#include "common/tovak_mutex.h"
 #include "logging/tovak_diag.h"
 #include "platform/diag.h"
 
@@ -97,16 +97,12 @@ int tovak_data_take_event_count(const std::vector<uint8_t>& answer, tovak_config
 }
 
 // Only one range query at a time: two would both append their answers.
-static std::mutex& query_mutex()
-{
-    static auto* mutex = new std::mutex;
-    return *mutex;
-}
+static tovak_mutex query_mutex;
 
 int getVariousInfoOnEventLogMessage()
 {
     TLOG(">> getVariousInfoOnEventLogMessage\n");
-    std::lock_guard<std::mutex> one_query(query_mutex());
+    tovak_lock one_query(query_mutex);
     {
         tovak_config_locked c;
         if (c->ranges_known)
@@ -198,18 +194,14 @@ struct tovak_dm_packet {
 
 // Guards the store below: logging on reads it on a client's thread while
 // another client's log on may be rebuilding it. Readers get copies.
-static std::mutex& store_mutex()
-{
-    static auto* mutex = new std::mutex;
-    return *mutex;
-}
+static tovak_mutex store_mutex;
 
 // The packets to send, each a separate allocation.
-static tovak_dm_packet* tovak_dm_packets;
+static tovak_dm_packet* tovak_dm_packets GUARDED_BY(store_mutex);
 // Entries of tovak_dm_packets that are filled.
-static uint32_t tovak_dm_packet_count;
+static uint32_t tovak_dm_packet_count GUARDED_BY(store_mutex);
 
-static void free_store()
+static void free_store() REQUIRES(store_mutex)
 {
     for (uint32_t i = 0; i < tovak_dm_packet_count; i++)
         free(tovak_dm_packets[i].bytes);
@@ -220,7 +212,7 @@ static void free_store()
 
 int tovak_data_store_packets(const std::vector<tovak_packet>& packets, void* (*alloc)(size_t))
 {
-    std::lock_guard<std::mutex> lock(store_mutex());
+    tovak_lock lock(store_mutex);
     free_store();
     if (packets.empty())
         return 0;
@@ -263,7 +255,7 @@ int tovak_data_load_dm_packet()
 
 std::optional<tovak_packet> tovak_data_get_dm_packet(uint32_t index)
 {
-    std::lock_guard<std::mutex> lock(store_mutex());
+    tovak_lock lock(store_mutex);
     if (index >= tovak_dm_packet_count)
         return std::nullopt;
     const tovak_dm_packet& p = tovak_dm_packets[index];
@@ -272,6 +264,6 @@ std::optional<tovak_packet> tovak_data_get_dm_packet(uint32_t index)
 
 uint32_t tovak_data_dm_packet_count()
 {
-    std::lock_guard<std::mutex> lock(store_mutex());
+    tovak_lock lock(store_mutex);
     return tovak_dm_packet_count;
 }

@@ -14,7 +14,7 @@
 #define OUT_PATH_SIZE 100
 // The walk for the last '/' gives up at this many.
 #define OUT_PATH_MAX_SLASHES 6
-// What 0x03 and 0x04 answer when refused.
+// What 0x03 and 0x04 answer when they fail.
 #define REFUSED uint32_t(-1)
 
 // The Android log capture directory that goes with a modem log output path:
@@ -45,8 +45,6 @@ static uint32_t refuse(uint32_t* rsp_len, uint8_t* rsp)
 
 uint32_t handler_log_size(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp))
-        return refuse(rsp_len, rsp);
     TLOG("process log_size\n");
     tovak_request in(req, req_len);
     const int32_t size = req_len < 4 ? 0 : int32_t(in.u32());
@@ -62,8 +60,6 @@ uint32_t handler_log_size(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uin
 
 uint32_t handler_out_path(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp))
-        return refuse(rsp_len, rsp);
     TLOG("make out path for log..\n");
     if (req_len <= 1) {
         TLOG_ERR();
@@ -91,10 +87,8 @@ uint32_t handler_out_path(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uin
     return 1;
 }
 
-uint32_t handler_commit_log(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
+uint32_t handler_commit_log(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t*)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     *rsp_len = 0;
     TLOG("commit log\n");
     // Whatever the logging state: a stopped log still holds what it caught.
@@ -104,24 +98,18 @@ uint32_t handler_commit_log(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 
 uint32_t handler_get_buffer_size(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     tovak_reply_u32(rsp_len, rsp, { uint32_t(diag_get_buffer_size()) });
     return 1;
 }
 
 uint32_t handler_get_log_state(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     tovak_reply_u32(rsp_len, rsp, { tovak_log_state == LOG_STATE_START ? 1u : 0u });
     return 1;
 }
 
 uint32_t handler_get_range(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
-    if (!tovak_gate_t(rsp))
-        return 0;
     // Zeros stand when the platform fills nothing.
     uint32_t first = 0;
     uint32_t second = 0;

@@ -5,9 +5,9 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 
 #include "common/tovak_log.h"
+#include "common/tovak_mutex.h"
 #include "config/tovak_config.h"
 #include "handlers/tovak_dpl_cmds.h"
 #include "logging/tovak_data.h"
@@ -33,11 +33,7 @@ static const uint8_t MSG_MASKS_OFF[] = { DIAG_CMD_EXT_MSG_CONFIG, EXT_MSG_SET_AL
 // programmed while the state says running, and the saved states must land in
 // the order of the switches. Resizing the buffer takes it too, so that
 // logging can't start between its check and the resize.
-static std::mutex& switch_mutex()
-{
-    static auto* mutex = new std::mutex;
-    return *mutex;
-}
+static tovak_mutex switch_mutex;
 
 // Sends one request to the local modem and drops its answer; 1 if answered.
 static uint32_t request_answered(const uint8_t* pkt, uint32_t len)
@@ -101,7 +97,7 @@ uint32_t tovak_log_on()
     // off for the wait.
     if (tovak_log_state != LOG_STATE_START)
         wait_for_boot();
-    std::lock_guard<std::mutex> one_switch(switch_mutex());
+    tovak_lock one_switch(switch_mutex);
     if (tovak_log_state == LOG_STATE_START) {
         TLOG("Current log state is already LOG_STATE_START so do nothing\n");
         return 1;
@@ -125,14 +121,14 @@ uint32_t tovak_log_on()
     tovak_send_dm_packets();
 
     tovak_dpl_select_configured();
-    tovak_config_edit_and_save([] { tovak_config_set_log_state(1); });
+    tovak_config_edit_and_save([](tovak_config& c) REQUIRES(tovak_config_mutex) { c.log_state = 1; });
     tovak_log_state = LOG_STATE_START;
     return 1;
 }
 
 uint32_t tovak_log_off()
 {
-    std::lock_guard<std::mutex> one_switch(switch_mutex());
+    tovak_lock one_switch(switch_mutex);
     if (tovak_log_state != LOG_STATE_START) {
         TLOG("Current log state is not LOG_STATE_START so do nothing\n");
         TLOG_ERR();
@@ -142,7 +138,7 @@ uint32_t tovak_log_off()
     tovak_disable_all_reports();
     diag_dpl_reset_logging();
     diag_switch_logging(DIAG_MODE_USB);
-    tovak_config_edit_and_save([] { tovak_config_set_log_state(0); });
+    tovak_config_edit_and_save([](tovak_config& c) REQUIRES(tovak_config_mutex) { c.log_state = 0; });
     diag_stop_logging();
     tovak_log_state = LOG_STATE_STOP;
     return 1;
@@ -150,12 +146,12 @@ uint32_t tovak_log_off()
 
 uint32_t tovak_log_set_buffer_size(int32_t size, int* changed)
 {
-    std::lock_guard<std::mutex> one_switch(switch_mutex());
+    tovak_lock one_switch(switch_mutex);
     // The platform resizes its buffer only while nothing is written to it.
     if (tovak_log_state == LOG_STATE_START)
         return 0;
     // Saved first: the next start-up applies it even if the platform balks now.
-    tovak_config_edit_and_save([&] { tovak_config_set_buffer_size(uint32_t(size)); });
+    tovak_config_edit_and_save([&](tovak_config& c) REQUIRES(tovak_config_mutex) { c.buffer_size = uint32_t(size); });
     *changed = diag_change_buffer_size(size);
     return 1;
 }
@@ -204,15 +200,10 @@ uint32_t tovak_handler_init()
 // client reads the outcome from the log state command.
 static uint32_t switch_logging(uint32_t* rsp_len, uint8_t* rsp, const char* entry_line, uint32_t (*do_switch)())
 {
-    uint32_t result = 0;
-    if (tovak_gate_t(rsp)) {
-        TLOG("%s", entry_line);
-        result = do_switch();
-        if (result == 0)
-            TLOG_ERR();
-    }
-    // The length is 4 even when there is no reply area to write the 0 into.
-    *rsp_len = 4;
+    TLOG("%s", entry_line);
+    const uint32_t result = do_switch();
+    if (result == 0)
+        TLOG_ERR();
     tovak_reply_u32(rsp_len, rsp, { 0 });
     return result;
 }
