@@ -126,7 +126,8 @@ created_label() {
 
 # What the daemon does on the phone. yes: the daemon makes the file, so its
 # label comes from the directory it is made in; no: it is there; refused:
-# Android 14 has no legal rule for it, and the policy must not grant it
+# Android 14 has no legal rule for it, or (/dev) it is only reached through
+# the log devices Android 14 lacks, and the policy must not grant it
 # (android/README.md says what the daemon does instead). Saves write a
 # temporary file of any name beside their target, or one with none.
 # path                                         class      permissions                          created
