@@ -3,10 +3,11 @@
 #include <cstring>
 #include <mutex>
 
+#include <cutils/properties.h>
+
 #include "common/tovak_cmd.h"
 #include "common/tovak_log.h"
 #include "handlers/tovak_handler.h"
-#include "platform/properties.h"
 #include "platform/qmi_tovak.h"
 
 #define LOG_MODULE "tovak_handler"

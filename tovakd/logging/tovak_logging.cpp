@@ -7,6 +7,8 @@
 #include <cstring>
 #include <mutex>
 
+#include <cutils/properties.h>
+
 #include "common/tovak_log.h"
 #include "config/tovak_config.h"
 #include "handlers/tovak_dpl_cmds.h"
@@ -14,7 +16,6 @@
 #include "logging/tovak_diag.h"
 #include "logging/tovak_packets.h"
 #include "platform/diag.h"
-#include "platform/properties.h"
 
 #define LOG_MODULE "tovak_handler"
 
