@@ -4,7 +4,6 @@
 
 #include <cstdarg>
 #include <cstdio>
-
 #include <android/log.h>
 
 #include "common/tovak_file.h"

@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
-
 #include <cutils/properties.h>
 
 #include "common/tovak_file.h"

@@ -2,7 +2,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
-
 #include <cutils/properties.h>
 
 #include "common/tovak_cmd.h"

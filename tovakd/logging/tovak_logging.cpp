@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
-
 #include <cutils/properties.h>
 
 #include "common/tovak_log.h"
