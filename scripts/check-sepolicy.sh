@@ -30,6 +30,7 @@ for lib in libsepol.a libpcre2-8.so libselinux.so; do
 done
 
 work=$(mktemp -d)
+# TOVAK_KEEP=1 keeps the built policies and checkers for a closer look.
 trap '[ -n "${TOVAK_KEEP:-}" ] || rm -rf "$work"' EXIT
 [ -z "${TOVAK_KEEP:-}" ] || echo "keeping $work"
 step() { echo "== $*"; }

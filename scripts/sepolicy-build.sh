@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by scripts/check-sepolicy.sh and tests/device/sepolicy_test.sh:
 # how a device build turns policy folders into one policy.conf.
 
