@@ -15,7 +15,8 @@
 #include <string>
 #include <thread>
 
-#include "platform/android_log.h"
+#include <android/log.h>
+
 #include "protocol/tovak_pkt.h"
 #include "protocol/unix_socket.h"
 

@@ -13,10 +13,11 @@
 #include <string_view>
 #include <thread>
 
+#include <cutils/properties.h>
+
 #include "adblog/adblog_cmds.h"
 #include "daemon/tovak.h"
 #include "logging/tovak_logging.h"
-#include "platform/properties.h"
 #include "linked_devsim.h"
 #include "protocol/tovak_pkt.h"
 

@@ -105,7 +105,7 @@ public:
         device_.modem.set_remote(remote);
         device_.logger.set_chatter(!quiet);
         device_.on_logger_absent = [this](bool absent) { set_logger_absent(absent); };
-        for (int b = 0; b < LOG_ID_COUNT; b++) {
+        for (int b = 0; b < LOG_BUFFER_COUNT; b++) {
             std::string path = root + "/dev/log/" + log_buffer_name(b);
             bool without = false;
             for (const std::string& name : without_logs)
@@ -166,7 +166,7 @@ private:
 
     std::string root_;
     Device device_;
-    int fifo_[LOG_ID_COUNT];
+    int fifo_[LOG_BUFFER_COUNT];
     int ctl_, logdw_, qmi_, diag_;
     std::list<LinkConn> links_;
     std::list<CtlConn> ctls_;
@@ -310,7 +310,7 @@ void Server::read_logdw()
 
 void Server::flush_fifos()
 {
-    for (int b = 0; b < LOG_ID_COUNT; b++) {
+    for (int b = 0; b < LOG_BUFFER_COUNT; b++) {
         LogQueue& q = device_.logger.queue(b);
         if (fifo_[b] < 0)
             q.discard();
@@ -338,7 +338,7 @@ void Server::run()
             { sig_fd, POLLIN, 0 }, { diag_, POLLIN, 0 }, { qmi_, POLLIN, 0 },
             { ctl_, POLLIN, 0 },   { logdw_, short(logdw_ >= 0 ? POLLIN : 0), 0 },
         };
-        for (int b = 0; b < LOG_ID_COUNT; b++) {
+        for (int b = 0; b < LOG_BUFFER_COUNT; b++) {
             bool want = !device_.logger.queue(b).empty() && !device_.logger.stalled(b);
             fds.push_back({ want ? fifo_[b] : -1, POLLOUT, 0 });
         }

@@ -44,7 +44,7 @@ LogService::~LogService()
 
 void LogService::entry(int buffer, const LogEntry& e)
 {
-    if (buffer < 0 || buffer >= LOG_ID_COUNT)
+    if (buffer < 0 || buffer >= LOG_BUFFER_COUNT)
         return;
     threadtime_append(text_, e);
     scratch_.clear();
@@ -151,7 +151,7 @@ void LogService::flood_tick(int b, double elapsed_s, uint64_t unix_ns)
     LogEntry e = own_entry(unix_ns, 4, "devsim", "");
     for (uint64_t k = 0; k < n; k++) {
         ++f.seq;
-        if (b == LOG_ID_EVENTS) {
+        if (b == LOG_BUFFER_EVENTS) {
             entry(b, own_event(unix_ns, f.seq));
             continue;
         }
@@ -177,14 +177,14 @@ void LogService::chatter_tick(double elapsed_s, uint64_t unix_ns)
         chatter_seq_++;
     }
     for (; event_due_ >= 1; event_due_ -= 1)
-        entry(LOG_ID_EVENTS, own_event(unix_ns, chatter_seq_++));
+        entry(LOG_BUFFER_EVENTS, own_event(unix_ns, chatter_seq_++));
 }
 
 void LogService::tick(double elapsed_s, uint64_t unix_ns)
 {
     if (chatter_)
         chatter_tick(elapsed_s, unix_ns);
-    for (int b = 0; b < LOG_ID_COUNT; b++)
+    for (int b = 0; b < LOG_BUFFER_COUNT; b++)
         flood_tick(b, elapsed_s, unix_ns);
     flush_text();
 }
@@ -192,7 +192,7 @@ void LogService::tick(double elapsed_s, uint64_t unix_ns)
 nlohmann::json LogService::status() const
 {
     nlohmann::json logger = nlohmann::json::object();
-    for (int b = 0; b < LOG_ID_COUNT; b++) {
+    for (int b = 0; b < LOG_BUFFER_COUNT; b++) {
         const LogQueue& q = queues_[b];
         logger[log_buffer_name(b)] = {
             { "queued", q.entries() }, { "queued_bytes", q.bytes() }, { "received", q.received() },

@@ -50,14 +50,14 @@ private:
     std::string text_;          // not yet written to the file
     std::vector<uint8_t> scratch_;
 
-    LogQueue queues_[LOG_ID_COUNT];
-    bool stalled_[LOG_ID_COUNT] = {};
+    LogQueue queues_[LOG_BUFFER_COUNT];
+    bool stalled_[LOG_BUFFER_COUNT] = {};
     struct Flood {
         double rate = 0;
         uint64_t left = 0;
         double due = 0;
         uint64_t seq = 0;
-    } floods_[LOG_ID_COUNT];
+    } floods_[LOG_BUFFER_COUNT];
 
     bool chatter_ = false;
     bool booted_ = false;   // the boot burst was said

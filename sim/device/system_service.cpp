@@ -8,8 +8,9 @@
 #include <cstring>
 #include <sstream>
 
+#include <cutils/properties.h>
+
 #include "host_properties.h"
-#include "platform/properties.h"
 #include "sim_files.h"
 
 SystemService::SystemService(std::string root, std::string sim_dir)

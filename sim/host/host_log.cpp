@@ -19,9 +19,10 @@
 #include <mutex>
 #include <string>
 
+#include <android/log.h>
+
 #include "host_link.h"
 #include "logger.h"
-#include "platform/android_log.h"
 #include "protocol/unix_socket.h"
 #include "sim_link.h"
 
@@ -184,7 +185,7 @@ extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, .
     clock_gettime(CLOCK_REALTIME, &ts);
     // Asked once per thread: a system call on every line adds up.
     static thread_local const uint16_t tid = uint16_t(syscall(SYS_gettid));
-    dgram[0] = LOG_ID_MAIN;
+    dgram[0] = LOG_BUFFER_MAIN;
     dgram[1] = uint8_t(tid);
     dgram[2] = uint8_t(tid >> 8);
     put_u32(dgram + 3, uint32_t(ts.tv_sec));

@@ -9,8 +9,9 @@
 #include <cstring>
 #include <string>
 
+#include <cutils/properties.h>
+
 #include "host_link.h"
-#include "platform/properties.h"
 #include "sim_files.h"
 #include "sim_root.h"
 

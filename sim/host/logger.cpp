@@ -11,16 +11,16 @@
 #include "le.h"
 #include "sim_link.h"
 
-static const char* const BUFFER_NAMES[LOG_ID_COUNT] = { "main", "radio", "events", "system" };
+static const char* const BUFFER_NAMES[LOG_BUFFER_COUNT] = { "main", "radio", "events", "system" };
 
 const char* log_buffer_name(int id)
 {
-    return id >= 0 && id < LOG_ID_COUNT ? BUFFER_NAMES[id] : "?";
+    return id >= 0 && id < LOG_BUFFER_COUNT ? BUFFER_NAMES[id] : "?";
 }
 
 int log_buffer_id(const std::string& name)
 {
-    for (int i = 0; i < LOG_ID_COUNT; i++)
+    for (int i = 0; i < LOG_BUFFER_COUNT; i++)
         if (name == BUFFER_NAMES[i])
             return i;
     return -1;
@@ -110,7 +110,7 @@ std::string threadtime_text(const LogEntry& e)
 
 bool parse_logdw(const uint8_t* data, size_t len, int32_t pid, LogEntry* e, int* buffer)
 {
-    if (len < SIM_LOGDW_HEADER + 2 || data[0] >= LOG_ID_COUNT)
+    if (len < SIM_LOGDW_HEADER + 2 || data[0] >= LOG_BUFFER_COUNT)
         return false;
     *buffer = data[0];
     e->pid = pid;

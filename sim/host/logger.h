@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-enum LogBufferId { LOG_ID_MAIN = 0, LOG_ID_RADIO = 1, LOG_ID_EVENTS = 2, LOG_ID_SYSTEM = 3, LOG_ID_COUNT = 4 };
+enum LogBufferId { LOG_BUFFER_MAIN = 0, LOG_BUFFER_RADIO = 1, LOG_BUFFER_EVENTS = 2, LOG_BUFFER_SYSTEM = 3, LOG_BUFFER_COUNT = 4 };
 
 const char* log_buffer_name(int id);
 // -1 for an unknown name.

@@ -2,12 +2,13 @@
 // --root, no sandbox), called the way the daemon calls them.
 #include <gtest/gtest.h>
 
+#include <android/log.h>
+#include <cutils/properties.h>
+
 #include "hex_text.h"
 #include "le.h"
 #include "linked_devsim.h"
-#include "platform/android_log.h"
 #include "platform/diag.h"
-#include "platform/properties.h"
 #include "platform/qmi_tovak.h"
 
 // One request as the daemon's transport frames and unframes it; empty

@@ -4,10 +4,10 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <android/log.h>
 #include <cstring>
 
 #include "common/tovak_file.h"
-#include "platform/android_log.h"
 
 // The longest message kept; a longer one is cut.
 #define TOVAK_LOG_MESSAGE_MAX 1024

@@ -8,12 +8,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
+#include <cutils/properties.h>
 
 #include "common/tovak_file.h"
 #include "common/tovak_log.h"
 #include "common/tovak_paths.h"
 #include "config/tovak_config_fields.h"
-#include "platform/properties.h"
 
 const char DEFAULT_CONFIG_TEXT[] =
     "<LogState>off</LogState><BufferSize>50000000</BufferSize><DplState>off</DplState><EventIDs>01498, 01499, "

@@ -1,12 +1,13 @@
 // Modem data save, subscriber number and the autosave property.
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <cutils/properties.h>
 
 #include "common/tovak_cmd.h"
 #include "common/tovak_log.h"
 #include "common/tovak_mutex.h"
 #include "handlers/tovak_handler.h"
-#include "platform/properties.h"
 #include "platform/qmi_tovak.h"
 
 #define LOG_MODULE "tovak_handler"

@@ -5,6 +5,8 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <cutils/properties.h>
 
 #include "common/tovak_log.h"
 #include "common/tovak_mutex.h"
@@ -14,7 +16,6 @@
 #include "logging/tovak_diag.h"
 #include "logging/tovak_packets.h"
 #include "platform/diag.h"
-#include "platform/properties.h"
 
 #define LOG_MODULE "tovak_handler"
 
