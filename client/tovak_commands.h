@@ -185,7 +185,7 @@ bool tovak_req_raw(tovak_pkt* req, uint32_t cmd, const std::vector<uint8_t>& pay
     X(CMD_LOG_SIZE,                 set_log_size,       "log-size",        "BYTES",               size,        none,   LogSize,    INT32_MAX,  logging, "size",        "set the modem log buffer size (logging must be off)", \
       "a size while modem logging runs: switch it off first (tovakctl log-off)", nullptr) \
     X(CMD_OUT_PATH,                 set_out_path,       "out-path",        "PATH",                out_path,    none,   Status,     TOVAK_OUT_PATH_MAX, logging, "", "set the modem log output path (Android log capture goes beside it)", \
-      "a path the platform does not take, or any path while Android log capture is down", nullptr) \
+      "a path the platform does not take (a relative one, say), or any path when Android log capture failed at tovakd's start-up (capture merely off is fine)", nullptr) \
     X(CMD_COMMIT_LOG,               commit_log,         "commit",          "",                    none,        none,   Empty,      0,          logging, "",            "commit the modem log to its file", nullptr, nullptr) \
     X(CMD_ADD_EVENT,                add_event,          "add-event",       "ID",                  u16,         none,   Empty,      0,          logging, "",            "add an event id", nullptr, nullptr) \
     X(CMD_RM_EVENT,                 rm_event,           "rm-event",        "ID",                  u16,         none,   Empty,      0,          logging, "",            "remove an event id", nullptr, nullptr) \

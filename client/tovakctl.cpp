@@ -1,14 +1,31 @@
 #include "tovakctl.h"
 
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <utility>
 
 namespace {
+
+// Said on Ctrl-C while a command waits for its reply; the signal handler
+// writes it as it stands.
+char interrupt_note[512];
+volatile sig_atomic_t interrupt_armed;
+
+void on_interrupt(int)
+{
+    if (interrupt_armed) {
+        ssize_t ignored = write(STDERR_FILENO, interrupt_note, strlen(interrupt_note));
+        (void)ignored;
+    }
+    _exit(CTL_EXIT_INTERRUPTED);
+}
 
 struct Ctl {
     CtlOptions opt;
@@ -24,7 +41,9 @@ int usage_error(Ctl& c, const std::string& word, const std::string& why)
 
 void print_json(Ctl& c, const std::string& name, uint32_t id, std::vector<std::pair<std::string, std::string>> members)
 {
-    members.insert(members.begin(), { { "command", tovak_json_string(name) }, { "id", std::to_string(id) } });
+    // tovakctl's own subcommands send several commands, or none of their own.
+    bool own = ctl_is_extra(name) && name != "raw";
+    members.insert(members.begin(), { { "command", tovak_json_string(name) }, { "id", own ? "null" : std::to_string(id) } });
     c.out << tovak_json_object(members) << "\n";
 }
 
@@ -105,7 +124,8 @@ int failure(Ctl& c, const TovakClient& client, const std::string& name, uint32_t
     else if (status == TovakStatus::timeout && client.step() == TovakStep::receive && row && row->waits)
         what += "; it may still finish: check with `tovakctl status`";
     if (c.opt.json)
-        print_json(c, name, id, { { "refused", "\"unknown\"" }, { "error", tovak_json_string(what) } });
+        print_json(c, name, id, { { "refused", "\"unknown\"" }, { "error", tovak_json_string(what) },
+                                  { "failure", tovak_json_string(ctl_failure_kind(client, status)) } });
     c.err << "tovakctl: " << name << ": " << what << "\n";
     return status == TovakStatus::timeout ? CTL_EXIT_TIMEOUT : CTL_EXIT_FAILED;
 }
@@ -147,17 +167,37 @@ int run_row(Ctl& c, const TovakCommand& row, const std::vector<std::string>& wor
     TovakClient client(c.opt.timeout_ms);
     if (!connect(c, client))
         return failure(c, client, row.name, row.id, client.last_status(), &row);
+    CtlEffects effects(c.opt, client, row, args);
+    effects.before();
+    if (client.last_status() != TovakStatus::ok)
+        return failure(c, client, row.name, row.id, client.last_status(), &row);
     Progress progress(c, row.name, row.waits);
     client.on_wait([&] { progress.tick(); });
     TovakReport report;
+    ctl_interrupt_note(&row);
     TovakResult res = client.run(row, args, &report);
+    ctl_interrupt_note(nullptr);
     progress.clear();
+    client.on_wait(nullptr);
     if (res.status != TovakStatus::ok)
         return failure(c, client, row.name, row.id, res.status, &row);
+    CtlEffect effect;
+    if (res.status == TovakStatus::ok && row.id == CMD_LOG_SIZE && res.shown.verdict == TovakVerdict::done) {
+        for (const auto& [key, value] : report.json)
+            if (key == row.key)
+                effects.taken_size = atoll(value.c_str());
+        report.text.clear();
+    }
     if (res.shown.verdict == TovakVerdict::refused)
         res.shown.note += explain_refusal(client, row);
+    effects.after(&res.shown, &effect);
     client.disconnect();
 
+    for (const std::string& w : effect.warnings)
+        c.err << "tovakctl: warning: " << w << "\n";
+    std::string lines;
+    for (const std::string& l : effect.lines)
+        lines += l + "\n";
     bool failed = res.shown.verdict == TovakVerdict::refused || res.shown.verdict == TovakVerdict::unexpected;
     if (c.opt.json) {
         json.insert(json.begin(), { { "reply_len", std::to_string(res.reply_len) },
@@ -167,11 +207,12 @@ int run_row(Ctl& c, const TovakCommand& row, const std::vector<std::string>& wor
             json.emplace_back(res.shown.verdict == TovakVerdict::unexpected ? "error" : "note",
                               tovak_json_string(res.shown.note));
         json.insert(json.end(), report.json.begin(), report.json.end());
+        json.insert(json.end(), effect.json.begin(), effect.json.end());
         print_json(c, row.name, row.id, json);
     } else if (res.shown.verdict == TovakVerdict::done) {
-        c.out << (report.text.empty() ? "done\n" : report.text);
+        c.out << (report.text.empty() && lines.empty() ? "done\n" : report.text + lines);
     } else if (res.shown.verdict == TovakVerdict::unknown) {
-        c.out << report.text << "sent; " << res.shown.note << "\n";
+        c.out << report.text << "sent; " << res.shown.note << "\n" << lines;
     } else {
         c.err << "tovakctl: " << row.name << ": " << (res.shown.verdict == TovakVerdict::refused ? "refused: " : "")
               << res.shown.note << "\n";
@@ -281,6 +322,36 @@ int parse_options(const std::vector<std::string>& args, size_t* at, Ctl& c)
 }
 
 } // namespace
+
+std::string ctl_failure_kind(const TovakClient& client, TovakStatus status)
+{
+    const char* step = client.step() == TovakStep::connect ? "connect"
+                       : client.step() == TovakStep::send  ? "send"
+                                                           : "receive";
+    return std::string(status == TovakStatus::timeout ? "timeout_" : status == TovakStatus::closed ? "closed_" : "error_") +
+           step;
+}
+
+void ctl_interrupt_note(const TovakCommand* row)
+{
+    interrupt_armed = 0;
+    if (!row)
+        return;
+    std::string what = row->confirm == 1   ? "logging still comes on when it is done: check with `tovakctl state`"
+                       : row->confirm == 0 ? "logging still goes off when it is done: check with `tovakctl state`"
+                                           : "it finishes the command anyway: check with `tovakctl status`";
+    std::string note = std::string("\ntovakctl: ") + row->name + ": interrupted; tovakd does not notice a client "
+                       "that leaves, and " + what + "\n";
+    snprintf(interrupt_note, sizeof interrupt_note, "%s", note.c_str());
+    interrupt_armed = 1;
+}
+
+void ctl_catch_interrupt()
+{
+    struct sigaction sa = {};
+    sa.sa_handler = on_interrupt;
+    sigaction(SIGINT, &sa, nullptr);
+}
 
 int tovakctl_main(const std::vector<std::string>& args, std::ostream& out, std::ostream& err, int fd)
 {

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <iosfwd>
+#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -13,6 +15,8 @@
 #define CTL_EXIT_FAILED 1
 #define CTL_EXIT_USAGE 2
 #define CTL_EXIT_TIMEOUT 3
+// Interrupted while waiting (128 + SIGINT), as shells report it.
+#define CTL_EXIT_INTERRUPTED 130
 
 struct CtlOptions {
     std::string socket = TOVAK_SOCKET_PATH;
@@ -29,6 +33,15 @@ struct CtlOptions {
 // tovakctl with its arguments (program name excluded); returns the exit
 // status. fd as in CtlOptions.
 int tovakctl_main(const std::vector<std::string>& args, std::ostream& out, std::ostream& err, int fd = -1);
+
+// A failed exchange for --json: timeout_, closed_ or error_, then the
+// step (connect, send, receive).
+std::string ctl_failure_kind(const TovakClient& client, TovakStatus status);
+
+// Ctrl-C: while a command waits (row set), says what tovakd goes on doing;
+// exits 130 either way.
+void ctl_catch_interrupt();
+void ctl_interrupt_note(const TovakCommand* row);
 
 // A device path as seen from here; "" when the device's files are not visible.
 std::string ctl_device_file(const CtlOptions& opt, const std::string& path);
@@ -52,6 +65,53 @@ private:
     std::string partial_;
     // The first line read is the end of a line cut by the seek.
     bool cut_ = false;
+};
+
+// What tovakd's log tells since it last started.
+struct CtlLogFacts {
+    bool known = false; // the log is visible from here
+    // The latest output path tovakd accepted; "" for the platform's default.
+    std::string out_path;
+    // Item edits since the modem's masks were last sent or cleared.
+    int pending_edits = 0;
+    // The modem's event id count, from the latest log on; -1 unknown.
+    int64_t event_count = -1;
+};
+CtlLogFacts ctl_log_facts(const CtlOptions& opt);
+
+// The text of a dm.cfg element, blanks and line ends removed; "" when none.
+std::string ctl_config_element(const std::string& file, const std::string& tag);
+
+// What a command did, besides its reply.
+struct CtlEffect {
+    std::vector<std::string> lines;
+    std::vector<std::string> warnings;
+    std::vector<std::pair<std::string, std::string>> json;
+};
+
+// Asks before a command and after it, over the command's own session.
+class CtlEffects {
+public:
+    CtlEffects(const CtlOptions& opt, TovakClient& client, const TovakCommand& row, const TovakArgs& args);
+    void before();
+    // May turn the verdict: some refusals show only beside the state.
+    void after(TovakShown* shown, CtlEffect* e);
+    // What log-size's reply says the platform took.
+    int64_t taken_size = 0;
+
+private:
+    std::vector<std::string> watched_dirs() const;
+    void unchanged(const std::string& why, CtlEffect* e);
+    void limit_warning(CtlEffect* e);
+    void log_size(CtlEffect* e);
+    void new_files(TovakShown* shown, CtlEffect* e);
+
+    const CtlOptions& opt_;
+    TovakClient& client_;
+    const TovakCommand& row_;
+    const TovakArgs& args_;
+    bool logging_ = false, capture_ = false, known_ = false, present_ = false, same_mask_ = false;
+    std::set<std::string> files_before_;
 };
 
 // Help and completion, made from the command table and tovakctl's own

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -159,17 +160,22 @@ TEST(TovakctlTable, EveryRowsRequestBytesAndReplyReading)
     std::set<uint32_t> ids;
     for (const Exchange& x : exchanges) {
         ids.insert(x.id);
-        // The logging state for log-on and log-off; the start-up flags open.
-        Canned daemon({ { x.id, x.reply }, { CMD_GET_LOG_STATE, { 4, "01000000" } }, { 0x3d, { 8, "" } } });
+        // The command's own reply first; then what tovakctl asks around it:
+        // logging on, the start-up flags open, empty lists.
+        Canned daemon({ { x.id, x.reply }, { CMD_GET_LOG_STATE, { 4, "01000000" } }, { 0x3d, { 8, "" } },
+                        { 0x08, { 0, "" } }, { 0x0b, { 0, "" } }, { 0x0e, { 0, "" } }, { 0x33, { 4, "01000000" } },
+                        { 0x38, { 8, "0100000000000000" } }, { 0x49, { 4, "01000000" } }, { 0x51, { 4, "00000000" } },
+                        { 0x12, { 17, "0f00 '/sdcard/dm.cfg'00" } } });
         std::vector<std::string> args = { "--json" };
         args.insert(args.end(), x.args.begin(), x.args.end());
         CtlRun r = ctl(args, daemon.client_fd());
         EXPECT_EQ(x.rc, r.rc) << x.args[0] << ": " << r.out << r.err;
         EXPECT_NE(std::string::npos, r.out.find(x.shows)) << x.args[0] << ": " << r.out;
         EXPECT_FALSE(nlohmann::json::parse(r.out, nullptr, false).is_discarded()) << r.out;
-        ASSERT_FALSE(daemon.requests.empty()) << x.args[0];
-        const tovak_pkt& req = daemon.requests[0];
-        EXPECT_EQ(x.id, req.cmd) << x.args[0];
+        auto own = std::find_if(daemon.requests.rbegin(), daemon.requests.rend(),
+                                [&](const tovak_pkt& p) { return p.cmd == x.id; });
+        ASSERT_NE(own, daemon.requests.rend()) << x.args[0];
+        const tovak_pkt& req = *own;
         EXPECT_EQ(bytes(x.request), std::string(reinterpret_cast<const char*>(req.data), req.len)) << x.args[0];
     }
     std::set<uint32_t> rows;
@@ -219,7 +225,7 @@ TEST(TovakctlRefusal, SaysWhatTheReplyShowedAndWhy)
         { { "events" }, { { 0x08, UNTOUCHED }, { 0x3d, UNTOUCHED } }, 1, "start-up of modem logging failed" },
         { { "categories" }, { { 0x38, UNTOUCHED }, { 0x33, UNTOUCHED } }, 1, "capture did not start" },
         { { "log-on" }, { { 0x00, { 4, "00000000" } }, { 0x10, { 4, "00000000" } } }, 1, "logging is still off" },
-        { { "add-event", "5" }, {}, 1, "without a reply to 0x06, a command it knows" },
+        { { "add-event", "5" }, { { 0x10, { 4, "00000000" } }, { 0x08, { 0, "" } } }, 1, "without a reply to 0x06, a command it knows" },
         { { "raw", "0x15" }, {}, 1, "it has no command 0x15" },
         { { "raw", "2" }, {}, 0, "ended the session, as asked" },
         { { "raw", "0x0f" }, { { 0x0f, { 4, "01020304" } } }, 0, "len 4\npayload 01020304" },
