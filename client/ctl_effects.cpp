@@ -202,7 +202,7 @@ void CtlEffects::after(TovakShown* shown, CtlEffect* e)
                          : TovakShown{ TovakVerdict::refused, std::string("the category is still ") + (add ? "off" : "on") };
         if (present_ == add)
             unchanged(std::string("the category was already ") + (add ? "on" : "off"), e);
-        e->lines.push_back("until tovakd restarts, unless tovakctl categories-save follows");
+        e->lines.push_back(std::string("category ") + (add ? "on" : "off") + " until tovakd restarts, unless tovakctl categories-save follows");
     } else if (is(row_, CMD_SET_AUTOSAVE) && known_ && present_ == asked_on) {
         unchanged(std::string("autosave was already ") + (present_ ? "on" : "off"), e);
     } else if (is(row_, CMD_LOG_SIZE)) {

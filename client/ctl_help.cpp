@@ -1,5 +1,6 @@
 // tovakctl's help, usage lines and bash completion, all made from the
 // command table and tovakctl's own few subcommands.
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <set>
@@ -61,6 +62,50 @@ std::vector<const TovakCommand*> ctl_rows_named(const std::string& word)
 bool ctl_is_extra(const std::string& word)
 {
     return extra_named(word) != nullptr;
+}
+
+std::vector<std::string> ctl_subcommand_names()
+{
+    std::vector<std::string> names;
+    for (size_t i = 0; i < tovak_command_count; i++)
+        if (std::find(names.begin(), names.end(), ctl_first_word(tovak_commands[i].name)) == names.end())
+            names.push_back(ctl_first_word(tovak_commands[i].name));
+    for (const Extra& e : extras)
+        names.push_back(e.name);
+    return names;
+}
+
+// Edits between two words, a swap of neighbours counting one.
+static size_t distance(const std::string& a, const std::string& b)
+{
+    std::vector<std::vector<size_t>> d(a.size() + 1, std::vector<size_t>(b.size() + 1));
+    for (size_t i = 0; i <= a.size(); i++)
+        for (size_t j = 0; j <= b.size(); j++) {
+            if (i == 0 || j == 0) {
+                d[i][j] = i + j;
+                continue;
+            }
+            d[i][j] = std::min({ d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + (a[i - 1] != b[j - 1]) });
+            if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
+                d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+        }
+    return d[a.size()][b.size()];
+}
+
+std::vector<std::string> ctl_nearest(const std::string& word, const std::vector<std::string>& names)
+{
+    size_t best = word.size() < 4 ? 1 : 2;
+    std::vector<std::string> near;
+    for (const std::string& n : names) {
+        size_t dist = n.compare(0, word.size(), word) == 0 && word.size() >= 3 ? 1 : distance(word, n);
+        if (dist < best)
+            near.clear();
+        if (dist <= best && near.size() < 3 && std::find(near.begin(), near.end(), n) == near.end()) {
+            near.push_back(n);
+            best = dist;
+        }
+    }
+    return near;
 }
 
 std::string ctl_usage_of(const std::string& word)

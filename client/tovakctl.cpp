@@ -4,6 +4,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -272,49 +273,132 @@ int run_raw(Ctl& c, const std::vector<std::string>& words)
     return CTL_EXIT_OK;
 }
 
-// Options before the subcommand. Returns -1 to go on, else the exit status.
-int parse_options(const std::vector<std::string>& args, size_t* at, Ctl& c)
+// Global options, long and short; each takes a value but --json.
+struct GlobalOption {
+    const char* name;
+    const char* short_name;
+};
+const GlobalOption global_options[] = {
+    { "--socket", "-s" }, { "--root", "-r" }, { "--timeout", "-t" }, { "--json", "-j" },
+};
+// What the subcommands themselves take.
+const char* const subcommand_options[] = { "--mask", "--help", "-h" };
+
+bool looks_like_option(const std::string& a)
 {
-    bool socket = false, root = false;
-    for (; *at < args.size() && args[*at].size() > 1 && args[*at][0] == '-'; ++*at) {
-        const std::string& a = args[*at];
-        if (a == "--help" || a == "-h") {
-            c.out << ctl_overall_help();
-            return CTL_EXIT_OK;
+    return a.size() > 1 && a[0] == '-' && !(a[1] >= '0' && a[1] <= '9');
+}
+
+std::string did_you_mean(const std::string& word, const std::vector<std::string>& names)
+{
+    std::vector<std::string> near = ctl_nearest(word, names);
+    std::string text;
+    for (size_t i = 0; i < near.size(); i++)
+        text += (i == 0 ? ": did you mean `" : i + 1 == near.size() ? "` or `" : "`, `") + near[i];
+    return text.empty() ? "" : text + "`?";
+}
+
+int set_option(Ctl& c, const std::string& name, const std::string& v, bool* socket, bool* root)
+{
+    if (name == "--timeout" && !parse_seconds(v, &c.opt.timeout_ms)) {
+        c.err << "tovakctl: bad time-out '" << v << "': expected seconds from 0.001 to 86400\n";
+        return CTL_EXIT_USAGE;
+    }
+    if (name == "--socket") {
+        c.opt.socket = v;
+        c.opt.device_files = false;
+        c.opt.root.clear();
+        *socket = true;
+    } else if (name == "--root") {
+        // A simulated device shows the phone's paths under its root.
+        c.opt.socket = v + TOVAK_SOCKET_PATH;
+        c.opt.root = v;
+        c.opt.device_files = true;
+        *root = true;
+    }
+    return -1;
+}
+
+// Global options anywhere (up to a "--"), as --opt VALUE, --opt=VALUE or
+// -o VALUE; the environment fills what they leave. The rest goes to words,
+// the subcommand first. Returns -1 to go on, else the exit status.
+int parse_options(const std::vector<std::string>& args, Ctl& c, std::vector<std::string>* words)
+{
+    bool socket = false, root = false, rest = false;
+    for (size_t at = 0; at < args.size(); at++) {
+        const std::string& a = args[at];
+        if (rest || !looks_like_option(a)) {
+            words->push_back(a);
+            continue;
         }
-        if (a == "--json") {
+        if (a == "--") {
+            rest = true;
+            continue;
+        }
+        std::string name = a.substr(0, a.find('=')), value;
+        const GlobalOption* opt = nullptr;
+        for (const GlobalOption& g : global_options)
+            if (name == g.name || name == g.short_name)
+                opt = &g;
+        if (!opt) {
+            bool subcommand_option = std::find(std::begin(subcommand_options), std::end(subcommand_options), name) !=
+                                     std::end(subcommand_options);
+            if (!words->empty() && subcommand_option) {
+                words->push_back(a);
+                if (a == "--mask" && at + 1 < args.size())
+                    words->push_back(args[++at]);
+                continue;
+            }
+            if (words->empty() && (a == "--help" || a == "-h")) {
+                c.out << ctl_overall_help();
+                return CTL_EXIT_OK;
+            }
+            if (words->empty() && (a == "--version" || a == "-V")) {
+                c.out << "tovakctl " TOVAKCTL_VERSION "\n";
+                return CTL_EXIT_OK;
+            }
+            std::vector<std::string> names = { "--help", "--version", "--mask" };
+            for (const GlobalOption& g : global_options)
+                names.push_back(g.name);
+            c.err << "tovakctl: unknown option " << name << did_you_mean(name, names)
+                  << " (tovakctl --help lists the options)\n";
+            return CTL_EXIT_USAGE;
+        }
+        name = opt->name;
+        if (name == "--json") {
+            if (a.find('=') != std::string::npos) {
+                c.err << "tovakctl: --json takes no value\n";
+                return CTL_EXIT_USAGE;
+            }
             c.opt.json = true;
             continue;
         }
-        if (a != "--socket" && a != "--root" && a != "--timeout") {
-            c.err << "tovakctl: unknown option " << a << " (tovakctl --help lists the options)\n";
+        if (a.find('=') != std::string::npos && a.compare(0, 2, "--") == 0) {
+            value = a.substr(a.find('=') + 1);
+        } else if (a.find('=') != std::string::npos || ++at >= args.size()) {
+            c.err << "tovakctl: " << a << " needs a value (" << name << " VALUE or " << name << "=VALUE)\n";
             return CTL_EXIT_USAGE;
+        } else {
+            value = args[at];
         }
-        if (++*at >= args.size()) {
-            c.err << "tovakctl: " << a << " needs a value\n";
-            return CTL_EXIT_USAGE;
-        }
-        const std::string& v = args[*at];
-        if (a == "--timeout" && !parse_seconds(v, &c.opt.timeout_ms)) {
-            c.err << "tovakctl: bad time-out '" << v << "': expected seconds from 0.001 to 86400\n";
-            return CTL_EXIT_USAGE;
-        }
-        if (a == "--socket") {
-            c.opt.socket = v;
-            c.opt.device_files = false;
-            socket = true;
-        } else if (a == "--root") {
-            // A simulated device shows the phone's paths under its root.
-            c.opt.socket = v + TOVAK_SOCKET_PATH;
-            c.opt.root = v;
-            root = true;
-        }
+        int rc = set_option(c, name, value, &socket, &root);
+        if (rc >= 0)
+            return rc;
     }
     if (socket && root) {
         c.err << "tovakctl: --socket and --root name the socket twice; give one\n";
         return CTL_EXIT_USAGE;
     }
-    if (*at == args.size()) {
+    const char* env_root = getenv("TOVAK_ROOT");
+    const char* env_socket = getenv("TOVAK_SOCKET");
+    bool has_root = env_root && *env_root, has_socket = env_socket && *env_socket;
+    if (!socket && !root && has_root && has_socket) {
+        c.err << "tovakctl: TOVAK_ROOT and TOVAK_SOCKET name the socket twice; set one\n";
+        return CTL_EXIT_USAGE;
+    }
+    if (!socket && !root && (has_root || has_socket))
+        set_option(c, has_root ? "--root" : "--socket", has_root ? env_root : env_socket, &socket, &root);
+    if (words->empty()) {
         c.err << "tovakctl: no subcommand given\n" << ctl_overall_help();
         return CTL_EXIT_USAGE;
     }
@@ -357,15 +441,16 @@ int tovakctl_main(const std::vector<std::string>& args, std::ostream& out, std::
 {
     Ctl c = { CtlOptions(), out, err };
     c.opt.fd = fd;
-    size_t at = 0;
-    int rc = parse_options(args, &at, c);
+    std::vector<std::string> words;
+    int rc = parse_options(args, c, &words);
     if (rc >= 0)
         return rc;
-    const std::string& word = args[at];
-    std::vector<std::string> words(args.begin() + long(at) + 1, args.end());
+    const std::string word = words[0];
+    words.erase(words.begin());
     std::vector<const TovakCommand*> rows = ctl_rows_named(word);
     if (rows.empty() && !ctl_is_extra(word)) {
-        err << "tovakctl: unknown subcommand '" << word << "' (tovakctl --help lists them)\n";
+        err << "tovakctl: unknown subcommand '" << word << "'" << did_you_mean(word, ctl_subcommand_names())
+            << " (tovakctl --help lists them)\n";
         return CTL_EXIT_USAGE;
     }
     for (const std::string& w : words) {

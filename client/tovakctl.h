@@ -10,6 +10,9 @@
 
 #include "tovak_client.h"
 
+// Raised with any change a user of the command line would notice.
+#define TOVAKCTL_VERSION "1.1"
+
 #define CTL_EXIT_OK 0
 // Refused, an unexpected reply, the session closed, no daemon to reach.
 #define CTL_EXIT_FAILED 1
@@ -122,6 +125,10 @@ std::string ctl_first_word(const std::string& name);
 std::vector<const TovakCommand*> ctl_rows_named(const std::string& word);
 bool ctl_is_extra(const std::string& word);
 std::string ctl_usage_of(const std::string& word);
+// Every subcommand's first word, the table's and tovakctl's own.
+std::vector<std::string> ctl_subcommand_names();
+// The names nearest to word (a typo or two away, or beginning with it).
+std::vector<std::string> ctl_nearest(const std::string& word, const std::vector<std::string>& names);
 std::string ctl_overall_help();
 std::string ctl_subcommand_help(const std::string& word);
 std::string ctl_completion_bash();

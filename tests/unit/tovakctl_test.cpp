@@ -192,7 +192,7 @@ TEST(TovakctlArgs, BadUsageExits2WithTheSubcommandsUsage)
         { { "add-event", "65536" }, "usage: tovakctl add-event ID" },
         { { "add-log", "xyz" }, "bad log code 'xyz'" },
         { { "log-size", "0" }, "from 1 to 2147483647" },
-        { { "capture-size", "1", "0" }, "usage: tovakctl capture-size N BYTES" },
+        { { "capture-size", "1", "0" }, "usage: tovakctl capture-size CATEGORY BYTES" },
         { { "add-msg", "5", "32" }, "bad level '32'" },
         { { "out-path", "/a/b/c/d/e/f" }, "6 or more '/'" },
         { { "set-config-file", long_path }, "92 characters, tovakd takes at most 91" },
@@ -210,6 +210,116 @@ TEST(TovakctlArgs, BadUsageExits2WithTheSubcommandsUsage)
         EXPECT_EQ(2, r.rc) << args[0];
         EXPECT_NE(std::string::npos, r.err.find(says)) << args[0] << ": " << r.err;
     }
+}
+
+// Global options go before or after the subcommand, in long, short and
+// --opt=value forms; the environment names the device when they do not.
+TEST(TovakctlArgs, OptionsAnywhereInEveryFormAndFromTheEnvironment)
+{
+    struct Case {
+        std::vector<std::string> args;
+        const char* root_env;
+        const char* socket_env;
+        const char* connects; // the socket it tried
+    };
+    const Case cases[] = {
+        { { "--root", "/r1", "state" }, nullptr, nullptr, "/r1/dev/ps_socket/tovak" },
+        { { "state", "--root", "/r1" }, nullptr, nullptr, "/r1/dev/ps_socket/tovak" },
+        { { "state", "--root=/r1" }, nullptr, nullptr, "/r1/dev/ps_socket/tovak" },
+        { { "-r", "/r1", "state" }, nullptr, nullptr, "/r1/dev/ps_socket/tovak" },
+        { { "state", "-s", "/s1" }, nullptr, nullptr, "/s1:" },
+        { { "--socket=/s1", "state" }, nullptr, nullptr, "/s1:" },
+        { { "state" }, "/e1", nullptr, "/e1/dev/ps_socket/tovak" },
+        { { "state" }, nullptr, "/es", "/es:" },
+        // The option wins over the environment, whichever it names.
+        { { "state", "-r", "/r1" }, nullptr, "/es", "/r1/dev/ps_socket/tovak" },
+        { { "-s", "/s1", "state" }, "/e1", nullptr, "/s1:" },
+    };
+    for (const Case& c : cases) {
+        c.root_env ? setenv("TOVAK_ROOT", c.root_env, 1) : unsetenv("TOVAK_ROOT");
+        c.socket_env ? setenv("TOVAK_SOCKET", c.socket_env, 1) : unsetenv("TOVAK_SOCKET");
+        CtlRun r = ctl(c.args);
+        EXPECT_EQ(1, r.rc) << c.args[0];
+        EXPECT_NE(std::string::npos, r.err.find("cannot connect to " + std::string(c.connects))) << c.args[0] << ": " << r.err;
+    }
+    setenv("TOVAK_ROOT", "/e1", 1);
+    setenv("TOVAK_SOCKET", "/es", 1);
+    EXPECT_EQ(2, ctl({ "state" }).rc) << "two sockets named";
+    unsetenv("TOVAK_ROOT");
+    unsetenv("TOVAK_SOCKET");
+
+    // --json and --timeout after the subcommand; -- ends the options.
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             { "rm-event", "5", "--json" }, { "-j", "rm-event", "5" }, { "rm-event", "-t", "2", "-j", "5" },
+             { "rm-event", "--timeout=2", "--json", "--", "5" } }) {
+        Canned daemon({ { 0x07, { 0, "" } }, { 0x10, { 4, "00000000" } }, { 0x08, { 0, "" } } });
+        CtlRun r = ctl(args, daemon.client_fd());
+        EXPECT_EQ(0, r.rc) << args[0] << ": " << r.err;
+        EXPECT_EQ(0u, r.out.find("{\"command\":\"rm-event\",\"id\":7")) << r.out;
+        auto own = std::find_if(daemon.requests.begin(), daemon.requests.end(),
+                                [](const tovak_pkt& p) { return p.cmd == 0x07; });
+        ASSERT_NE(own, daemon.requests.end());
+        EXPECT_EQ(bytes("0500"), std::string(reinterpret_cast<const char*>(own->data), own->len));
+    }
+}
+
+// Typos get the nearest names; words name categories; numbers that look
+// hex get the hint; masks are hex both ways.
+TEST(TovakctlArgs, SuggestionsNamesAndBases)
+{
+    const std::pair<std::vector<std::string>, const char*> refused[] = {
+        { { "evnets" }, "did you mean `events`?" },
+        { { "log-of" }, "`log-off`" },
+        { { "capture-comit" }, "did you mean `capture-commit`?" },
+        { { "--jsno", "state" }, "did you mean `--json`?" },
+        { { "state", "--rot", "/x" }, "did you mean `--root`?" },
+        { { "add-event", "5dc" }, "(hex? write 0x5dc)" },
+        { { "add-log", "10000" }, "from 0x0 to 0xffff" },
+        { { "add-msg", "5", "--mask", "1ffffffff" }, "bad mask '1ffffffff': expected a hex number from 0x0 to 0xffffffff" },
+        { { "category-rm", "sys" }, "or main, radio, events, system" },
+        { { "--root=", "state" }, "" },
+        { { "state", "--json=yes" }, "--json takes no value" },
+        { { "state", "-r" }, "-r needs a value" },
+        { { "zz" }, "unknown subcommand 'zz' (tovakctl" }, // nothing near
+    };
+    for (const auto& [args, says] : refused) {
+        CtlRun r = ctl(args);
+        if (args[0] == "--root=") {
+            EXPECT_NE(0, r.rc);
+            continue;
+        }
+        EXPECT_EQ(2, r.rc) << args[0];
+        EXPECT_NE(std::string::npos, r.err.find(says)) << args[0] << ": " << r.err;
+    }
+    struct Sent {
+        std::vector<std::string> args;
+        uint32_t id;
+        const char* request;
+    };
+    const Sent sent[] = {
+        { { "category-rm", "system" }, 0x37, "03000000" },
+        { { "category-add", "main" }, 0x36, "00000000" },
+        { { "capture-size", "events", "600000" }, 0x3b, "02000000 c0270900" },
+        { { "capture-size", "radio" }, 0x3c, "01000000" },
+        { { "add-msg", "5", "--mask", "18" }, 0x0c, "0500 18000000" },
+        { { "add-msg", "5", "--mask", "0x18" }, 0x0c, "0500 18000000" },
+    };
+    for (const Sent& x : sent) {
+        Canned daemon({ { x.id, UNTOUCHED }, { 0x10, { 4, "00000000" } }, { 0x0e, { 0, "" } },
+                        { 0x38, { 16, "01000000010000000000000001000000" } } });
+        ctl(x.args, daemon.client_fd());
+        auto own = std::find_if(daemon.requests.begin(), daemon.requests.end(),
+                                [&](const tovak_pkt& p) { return p.cmd == x.id; });
+        ASSERT_NE(own, daemon.requests.end()) << x.args[0];
+        EXPECT_EQ(bytes(x.request), std::string(reinterpret_cast<const char*>(own->data), own->len)) << x.args[0];
+    }
+    // What a mask goes in as, it comes out as.
+    Canned daemon({ { 0x0e, { 8, "0500 0000 18000000" } }, { 0x38, { 8, "0000000001000000" } } });
+    CtlRun msgs = ctl({ "msgs" }, daemon.client_fd());
+    EXPECT_NE(std::string::npos, msgs.out.find("ssid 5 mask 0x0018 levels 3,4")) << msgs.out;
+    Canned cats({ { 0x38, { 8, "0000000001000000" } } });
+    CtlRun categories = ctl({ "categories" }, cats.client_fd());
+    EXPECT_EQ("0 main off\n1 radio on\n", categories.out);
 }
 
 TEST(TovakctlRefusal, SaysWhatTheReplyShowedAndWhy)
