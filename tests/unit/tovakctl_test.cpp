@@ -401,6 +401,42 @@ TEST(TovakctlStatus, PointsAtWhatLooksWrong)
     EXPECT_NE(std::string::npos, r.out.find("/data/media/0/dm.cfg holds the negative <BufferSize> -5")) << r.out;
 }
 
+// The members the README promises in every --json object: command, id and
+// refused always, reply_len when a reply came, failure when none did.
+TEST(TovakctlJson, EverySubcommandHasTheDocumentedMembers)
+{
+    std::vector<std::vector<std::string>> runs = { { "status" }, { "raw", "0x0f" } };
+    for (const Exchange& x : exchanges)
+        runs.push_back(x.args);
+    std::map<uint32_t, Reply> answers;
+    for (const Exchange& x : exchanges)
+        answers.emplace(x.id, x.reply);
+    for (const auto& args : runs) {
+        for (bool answered : { true, false }) {
+            std::vector<std::string> with_json = args;
+            with_json.push_back("--json");
+            Canned daemon(answered ? answers : std::map<uint32_t, Reply>{});
+            CtlRun r = ctl(with_json, daemon.client_fd());
+            nlohmann::json j = nlohmann::json::parse(r.out, nullptr, false);
+            ASSERT_TRUE(j.is_object()) << args[0] << ": " << r.out << r.err;
+            EXPECT_EQ(ctl_first_word(args[0]) == "capture" ? args[0] + " " + args[1] : args[0], j["command"]) << r.out;
+            ASSERT_TRUE(j.contains("id")) << r.out;
+            EXPECT_TRUE(args[0] == "status" ? j["id"].is_null() : j["id"].is_number()) << r.out;
+            ASSERT_TRUE(j.contains("refused")) << r.out;
+            EXPECT_TRUE(j["refused"].is_boolean() || j["refused"] == "unknown") << r.out;
+            if (!answered) {
+                // Commands that ask first meet the closed session at their next send.
+                EXPECT_EQ(0u, j.value("failure", "").find("closed_")) << args[0] << ": " << r.out;
+                EXPECT_TRUE(j["error"].is_string()) << r.out;
+            } else if (args[0] != "status") {
+                EXPECT_TRUE(j["reply_len"].is_number()) << r.out;
+            } else {
+                EXPECT_TRUE(j["warnings"].is_array()) << r.out;
+            }
+        }
+    }
+}
+
 TEST(TovakctlHelp, HelpAndCompletionComeFromTheTable)
 {
     CtlRun help = ctl({ "--help" }), completion = ctl({ "completion", "bash" });
