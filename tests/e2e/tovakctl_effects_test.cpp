@@ -1,5 +1,9 @@
 // tovakctl against the simulated phone: what each command says it did is
 // what the phone did.
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
 #include <sstream>
 
 #include "device_test.h"
@@ -75,6 +79,32 @@ TEST_F(CtlEffectsTest, OutputPathAndCaptureFilesWhereTheyLand)
     // What does not survive a restart is gone after one.
     restart();
     expect({ "status" }, 0, { "out path      the platform's default", "main        on," });
+}
+
+// Ctrl-C while log-on waits for boot completion: tovakctl says logging still
+// comes on, exits 130, and logging does come on.
+TEST_F(CtlEffectsTest, InterruptSaysWhatTheDaemonGoesOnDoing)
+{
+    start({ "--no-bootcomplete" });
+    TempDir dir;
+    const std::string err_file = dir.path() + "/err";
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        int fd = open(err_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(fd, STDERR_FILENO);
+        std::string bin = SimDevice::bin("tovakctl");
+        execl(bin.c_str(), bin.c_str(), "--root", dev.root().c_str(), "log-on", nullptr);
+        _exit(127);
+    }
+    ASSERT_TRUE(dev.wait_stdout("process log_on"));
+    kill(pid, SIGINT);
+    EXPECT_EQ(130, wait_child(pid));
+    EXPECT_NE(std::string::npos, read_file(err_file).find("log-on: interrupted; tovakd does not notice a client that "
+                                                          "leaves, and logging still comes on when it is done: check "
+                                                          "with `tovakctl state`"))
+        << read_file(err_file);
+    EXPECT_TRUE(wait_until([&] { return run({ "state" }).out == "logging on\n"; }, std::chrono::seconds(30)));
 }
 
 } // namespace
