@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <iterator>
 
 #include "tovakctl.h"
 
@@ -44,6 +45,12 @@ std::map<std::string, long long> list_files(const std::string& dir)
     if (d)
         closedir(d);
     return files;
+}
+
+std::string read_text(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 std::string parent_dir(const std::string& path)
@@ -113,6 +120,10 @@ void CtlEffects::before()
     if (edits_items(row_) || is(row_, CMD_LOG_ON) || is(row_, CMD_LOG_OFF) || is(row_, CMD_COMMIT_LOG))
         client_.get_log_state(&logging_);
     if (edits_items(row_)) {
+        std::string path;
+        if (client_.get_config_file(&path).done())
+            config_ = ctl_device_file(opt_, path);
+        config_before_ = config_.empty() ? "" : read_text(config_);
         uint16_t id = uint16_t(args_[0].num);
         if (is(row_, CMD_ADD_EVENT) || is(row_, CMD_RM_EVENT)) {
             std::vector<uint16_t> ids;
@@ -171,7 +182,14 @@ void CtlEffects::after(TovakShown* shown, CtlEffect* e)
             unchanged("it was not there", e);
         else if (known_)
             e->json.emplace_back("changed", "true");
-        if (logging_) {
+        bool changed = known_ && !(adds ? present_ && (!is(row_, CMD_ADD_MSG) || same_mask_) : !present_);
+        if (changed && !config_.empty() && read_text(config_) == config_before_) {
+            std::string warning = "tovakd could not save it: " + device_name(opt_, config_) + " did not change "
+                                  "(read-only, or full?); the change lasts only until tovakd restarts";
+            e->warnings.push_back(warning);
+            e->json.emplace_back("warning", tovak_json_string(warning));
+            e->json.emplace_back("saved", "false");
+        } else if (logging_) {
             e->lines.push_back("saved in the configuration file; the modem gets it at the next log on, not now "
                                "(to apply it now: tovakctl log-off, then tovakctl log-on)");
             e->json.emplace_back("pending", "true");

@@ -115,6 +115,8 @@ private:
     const TovakArgs& args_;
     bool logging_ = false, capture_ = false, known_ = false, present_ = false, same_mask_ = false;
     std::set<std::string> files_before_;
+    // The configuration file as seen from here, and its text before an edit.
+    std::string config_, config_before_;
 };
 
 // Help and completion, made from the command table and tovakctl's own

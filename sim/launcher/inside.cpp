@@ -161,7 +161,7 @@ private:
     void save_state() const
     {
         std::string path = "/" SIM_DAEMON_STATE_FILE;
-        std::string text = "pid " + std::to_string(pid_) + "\nstarts " + std::to_string(starts_) + "\nlast_exit " +
+        std::string text = "pid " + std::to_string(pid_) + "\nstate " + (pid_ ? "running" : "restarting") + "\nstarts " + std::to_string(starts_) + "\nlast_exit " +
                            last_exit_ + "\n";
         std::string tmp = path + ".tmp";
         int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);

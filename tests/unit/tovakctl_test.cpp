@@ -94,6 +94,7 @@ CtlRun ctl(std::vector<std::string> args, int fd = -1)
 }
 
 #define UNTOUCHED { TOVAK_PKT_DATA_SIZE, "" }
+#define CONFIG_PATH { 17, "0f00 '/sdcard/dm.cfg'00" }
 
 struct Exchange {
     uint32_t id;
@@ -165,7 +166,7 @@ TEST(TovakctlTable, EveryRowsRequestBytesAndReplyReading)
         Canned daemon({ { x.id, x.reply }, { CMD_GET_LOG_STATE, { 4, "01000000" } }, { 0x3d, { 8, "" } },
                         { 0x08, { 0, "" } }, { 0x0b, { 0, "" } }, { 0x0e, { 0, "" } }, { 0x33, { 4, "01000000" } },
                         { 0x38, { 8, "0100000000000000" } }, { 0x49, { 4, "01000000" } }, { 0x51, { 4, "00000000" } },
-                        { 0x12, { 17, "0f00 '/sdcard/dm.cfg'00" } } });
+                        { 0x12, CONFIG_PATH } });
         std::vector<std::string> args = { "--json" };
         args.insert(args.end(), x.args.begin(), x.args.end());
         CtlRun r = ctl(args, daemon.client_fd());
@@ -252,7 +253,7 @@ TEST(TovakctlArgs, OptionsAnywhereInEveryFormAndFromTheEnvironment)
     for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
              { "rm-event", "5", "--json" }, { "-j", "rm-event", "5" }, { "rm-event", "-t", "2", "-j", "5" },
              { "rm-event", "--timeout=2", "--json", "--", "5" } }) {
-        Canned daemon({ { 0x07, { 0, "" } }, { 0x10, { 4, "00000000" } }, { 0x08, { 0, "" } } });
+        Canned daemon({ { 0x07, { 0, "" } }, { 0x10, { 4, "00000000" } }, { 0x12, CONFIG_PATH }, { 0x08, { 0, "" } } });
         CtlRun r = ctl(args, daemon.client_fd());
         EXPECT_EQ(0, r.rc) << args[0] << ": " << r.err;
         EXPECT_EQ(0u, r.out.find("{\"command\":\"rm-event\",\"id\":7")) << r.out;
@@ -305,7 +306,7 @@ TEST(TovakctlArgs, SuggestionsNamesAndBases)
         { { "add-msg", "5", "--mask", "0x18" }, 0x0c, "0500 18000000" },
     };
     for (const Sent& x : sent) {
-        Canned daemon({ { x.id, UNTOUCHED }, { 0x10, { 4, "00000000" } }, { 0x0e, { 0, "" } },
+        Canned daemon({ { x.id, UNTOUCHED }, { 0x10, { 4, "00000000" } }, { 0x12, CONFIG_PATH }, { 0x0e, { 0, "" } },
                         { 0x38, { 16, "01000000010000000000000001000000" } } });
         ctl(x.args, daemon.client_fd());
         auto own = std::find_if(daemon.requests.begin(), daemon.requests.end(),
@@ -335,7 +336,7 @@ TEST(TovakctlRefusal, SaysWhatTheReplyShowedAndWhy)
         { { "events" }, { { 0x08, UNTOUCHED }, { 0x3d, UNTOUCHED } }, 1, "start-up of modem logging failed" },
         { { "categories" }, { { 0x38, UNTOUCHED }, { 0x33, UNTOUCHED } }, 1, "capture did not start" },
         { { "log-on" }, { { 0x00, { 4, "00000000" } }, { 0x10, { 4, "00000000" } } }, 1, "logging is still off" },
-        { { "add-event", "5" }, { { 0x10, { 4, "00000000" } }, { 0x08, { 0, "" } } }, 1, "without a reply to 0x06, a command it knows" },
+        { { "add-event", "5" }, { { 0x10, { 4, "00000000" } }, { 0x12, CONFIG_PATH }, { 0x08, { 0, "" } } }, 1, "without a reply to 0x06, a command it knows" },
         { { "raw", "0x15" }, {}, 1, "it has no command 0x15" },
         { { "raw", "2" }, {}, 0, "ended the session, as asked" },
         { { "raw", "0x0f" }, { { 0x0f, { 4, "01020304" } } }, 0, "len 4\npayload 01020304" },
