@@ -282,7 +282,7 @@ const GlobalOption global_options[] = {
     { "--socket", "-s" }, { "--root", "-r" }, { "--timeout", "-t" }, { "--json", "-j" },
 };
 // What the subcommands themselves take.
-const char* const subcommand_options[] = { "--mask", "--help", "-h" };
+const char* const subcommand_options[] = { "--mask", "--help", "-h", "--man" };
 
 bool looks_like_option(const std::string& a)
 {
@@ -459,6 +459,10 @@ int tovakctl_main(const std::vector<std::string>& args, std::ostream& out, std::
             return CTL_EXIT_OK;
         }
     }
+    if (word == "help" && words.size() == 1 && words[0] == "--man") {
+        out << ctl_man_page();
+        return CTL_EXIT_OK;
+    }
     if (word == "help" && words.size() <= 1) {
         bool known = words.empty() || !ctl_rows_named(words[0]).empty() || ctl_is_extra(words[0]);
         if (!known)
@@ -470,6 +474,18 @@ int tovakctl_main(const std::vector<std::string>& args, std::ostream& out, std::
         out << ctl_completion_bash();
         return CTL_EXIT_OK;
     }
+    if (word == "completion" && words.size() == 1 && words[0] == "zsh") {
+        err << "tovakctl: completion: only bash has a script; in zsh, load bash's completion first:\n"
+               "  autoload -U +X bashcompinit && bashcompinit && eval \"$(tovakctl completion bash)\"\n";
+        return CTL_EXIT_USAGE;
+    }
+    if (word == "completion" && words.size() == 2 && words[0] == "values") {
+        for (const std::string& v : ctl_completion_values(c.opt, words[1]))
+            out << v << "\n";
+        return CTL_EXIT_OK;
+    }
+    if (word == "completion")
+        return usage_error(c, word, words.empty() ? "name a shell: bash" : "unknown shell '" + words[0] + "': only bash");
     if (word == "raw")
         return run_raw(c, words);
     if (word == "status") {

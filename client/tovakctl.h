@@ -134,6 +134,13 @@ std::vector<std::string> ctl_nearest(const std::string& word, const std::vector<
 std::string ctl_overall_help();
 std::string ctl_subcommand_help(const std::string& word);
 std::string ctl_completion_bash();
+// The group of --help a subcommand is listed in; null when it has none.
+const char* ctl_group_of(const std::string& word);
+// tovakctl(1) in man(7) markup.
+std::string ctl_man_page();
+// What completion offers after a subcommand: fixed words, or the ids dm.cfg
+// holds for the remove commands (a file read; tovakd is not asked).
+std::vector<std::string> ctl_completion_values(const CtlOptions& opt, const std::string& word);
 
 // The status overview over one session; returns the exit status.
 int ctl_status(const CtlOptions& opt, TovakClient& client, std::ostream& out, std::ostream& err);

@@ -23,9 +23,10 @@ using namespace launcher;
 
 namespace {
 
-void usage(FILE* out)
+std::string usage_text()
 {
-    fprintf(out,
+    char text[4096];
+    snprintf(text, sizeof text,
             "usage: tovak-sim up ROOT [OPTIONS]   (options before or after ROOT)\n"
             "       tovak-sim down ROOT\n"
             "       tovak-sim ctl ROOT COMMAND [ARGS...]\n"
@@ -59,6 +60,28 @@ void usage(FILE* out)
             "            whole state as JSON, `ctl ROOT help` lists the commands (faults,\n"
             "            injected log entries, ranges, QMI data).\n",
             SIM_STDOUT_FILE, TOVAK_ETC_DIR, RESTART_DELAY_MS);
+    return text;
+}
+
+void usage(FILE* out)
+{
+    fputs(usage_text().c_str(), out);
+}
+
+// tovak-sim(1) in man(7) markup: the usage, as --help shows it.
+void man_page()
+{
+    std::string body;
+    for (char ch : usage_text())
+        body += ch == '\\' ? "\\e" : ch == '-' ? "\\-" : std::string(1, ch);
+    printf(".TH TOVAK\\-SIM 1 \"\" \"tovak\\-sim " TOVAK_SIM_VERSION "\" \"User Commands\"\n"
+           ".SH NAME\ntovak\\-sim \\- run tovakd on a simulated phone\n"
+           ".SH SYNOPSIS\n.nf\n%s.fi\n"
+           ".SH EXIT STATUS\n0 stopped as asked, 1 failed, 2 bad usage.\n"
+           ".SH FILES\nROOT/sim/tovakd.stdout (the daemon's output), ROOT/sim/logcat.txt (the log devices), "
+           "ROOT/sim/tovakd.state (running or stopped), ROOT/data/media/0 (/sdcard: dm.cfg, diag_logs, syslog).\n"
+           ".SH SEE ALSO\n.BR tovakctl (1)\n",
+           body.c_str());
 }
 
 [[noreturn]] void usage_error(const std::string& msg)
@@ -139,6 +162,10 @@ int main(int argc, char** argv)
         return argc < 2 ? 2 : 0;
     }
     std::string cmd = argv[1];
+    if (cmd == "--man") {
+        man_page();
+        return 0;
+    }
     if (cmd == "--version") {
         printf("tovak-sim " TOVAK_SIM_VERSION "\n");
         return 0;

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -80,6 +81,14 @@ private:
     std::map<uint32_t, Reply> replies_;
     std::thread thread_;
 };
+
+size_t count(const std::string& text, const std::string& needle)
+{
+    size_t n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
+        n++;
+    return n;
+}
 
 struct CtlRun {
     int rc;
@@ -440,19 +449,78 @@ TEST(TovakctlJson, EverySubcommandHasTheDocumentedMembers)
 
 TEST(TovakctlHelp, HelpAndCompletionComeFromTheTable)
 {
-    CtlRun help = ctl({ "--help" }), completion = ctl({ "completion", "bash" });
+    // Help and completion never contact the daemon: the socket leads nowhere.
+    auto local = [](std::vector<std::string> args) {
+        args.insert(args.begin(), { "--socket", "/nonexistent/s" });
+        return ctl(args);
+    };
+    CtlRun help = local({ "--help" }), completion = local({ "completion", "bash" });
     EXPECT_EQ(0, help.rc);
+    EXPECT_NE(std::string::npos, help.out.find("\nlogging:\n  status ")) << "status first";
     for (size_t i = 0; i < tovak_command_count; i++) {
-        std::string name = tovak_commands[i].name;
-        EXPECT_NE(std::string::npos, help.out.find(name)) << name;
-        EXPECT_NE(std::string::npos, completion.out.find(name.substr(0, name.find(' ')) + " ")) << name;
-        CtlRun one = ctl({ name.substr(0, name.find(' ')), "--help" });
+        std::string name = tovak_commands[i].name, word = name.substr(0, name.find(' '));
+        EXPECT_NE(nullptr, ctl_group_of(word)) << word << " is in no group of --help";
+        EXPECT_NE(std::string::npos, help.out.find("\n  " + name)) << name;
+        CtlRun one = local({ word, "--help" });
         EXPECT_EQ(0, one.rc);
-        EXPECT_NE(std::string::npos, one.out.find("usage: tovakctl " + name.substr(0, name.find(' ')))) << one.out;
+        EXPECT_EQ(0u, one.out.find("usage: tovakctl " + word)) << one.out;
+        EXPECT_EQ(1u, count(one.out, "usage: ")) << "usage once: " << one.out;
+        EXPECT_NE(std::string::npos, one.out.find("\nExample: tovakctl " + word)) << one.out;
+        EXPECT_EQ(one.out, local({ "help", word }).out);
     }
+    // What changes something says when, and whether it lasts.
+    for (const char* word : { "add-event", "out-path", "category-rm", "log-size", "capture" }) {
+        std::string text = local({ word, "--help" }).out;
+        EXPECT_NE(std::string::npos, text.find("\nTakes effect: ")) << text;
+        EXPECT_NE(std::string::npos, text.find("\nSurvives a restart of tovakd: ")) << text;
+    }
+    EXPECT_NE(std::string::npos, local({ "out-path", "--help" }).out.find("restart of tovakd: no"));
+    EXPECT_NE(std::string::npos, local({ "add-event", "--help" }).out.find("at the next log on"));
+    EXPECT_EQ(0u, local({ "--version" }).out.find("tovakctl "));
+
     TempDir dir;
     ASSERT_TRUE(write_file(dir.path() + "/c.bash", completion.out));
     EXPECT_EQ(0, system(("bash -n " + dir.path() + "/c.bash").c_str()));
+    CtlRun zsh = local({ "completion", "zsh" });
+    EXPECT_EQ(2, zsh.rc);
+    EXPECT_NE(std::string::npos, zsh.err.find("only bash")) << zsh.err;
+
+    // Values: names, and the ids dm.cfg holds for the remove commands.
+    ASSERT_EQ(0, system(("mkdir -p " + dir.path() + "/data/media/0").c_str()));
+    ASSERT_TRUE(write_file(dir.path() + "/data/media/0/dm.cfg",
+                           "<EventIDs>\n01498, 00007\n</EventIDs>\n<LogCodes>0x412f</LogCodes>\n"
+                           "<MessageLevels>\n00005/03,00005/04,03006/03\n</MessageLevels>\n"));
+    const std::pair<const char*, const char*> values[] = {
+        { "rm-event", "1498\n7\n" }, { "rm-log", "0x412f\n" }, { "rm-msg", "5\n3006\n" },
+        { "category-rm", "main\nradio\nevents\nsystem\n" }, { "capture", "on\noff\n" }, { "dpl", "on\noff\n" },
+    };
+    for (const auto& [word, expect] : values)
+        EXPECT_EQ(expect, ctl({ "-r", dir.path(), "completion", "values", word }).out) << word;
+}
+
+// The manual pages the build makes and installs render without a warning.
+TEST(TovakctlHelp, ManualPagesRender)
+{
+    if (system("command -v groff >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "groff is not installed";
+    std::string man_dir = SimDevice::bin("tovakctl");
+    man_dir = man_dir.substr(0, man_dir.rfind("/bin/")) + "/man";
+    for (const char* page : { "tovakctl.1", "tovak-sim.1" }) {
+        std::string path = man_dir + "/" + page;
+        ASSERT_TRUE(file_exists(path)) << path;
+        TempDir dir;
+        std::string out = dir.path() + "/out", err = dir.path() + "/err";
+        // -P-cbou: plain text, without the terminal's overstrikes.
+        ASSERT_EQ(0, system(("groff -man -Tutf8 -P-cbou -ww " + path + " >" + out + " 2>" + err).c_str()));
+        EXPECT_EQ("", read_file(err)) << page;
+        EXPECT_NE(std::string::npos, read_file(out).find("SYNOPSIS")) << page;
+        if (std::string(page) != "tovakctl.1")
+            continue;
+        std::string text = read_file(out);
+        for (size_t i = 0; i < tovak_command_count; i++)
+            EXPECT_TRUE(std::regex_search(text, std::regex("\n +" + std::string(tovak_commands[i].name) + "[ \n]")))
+                << tovak_commands[i].name;
+    }
 }
 
 } // namespace
