@@ -128,7 +128,9 @@ int failure(Ctl& c, const TovakClient& client, const std::string& name, uint32_t
         print_json(c, name, id, { { "refused", "\"unknown\"" }, { "error", tovak_json_string(what) },
                                   { "failure", tovak_json_string(ctl_failure_kind(client, status)) } });
     c.err << "tovakctl: " << name << ": " << what << "\n";
-    return status == TovakStatus::timeout ? CTL_EXIT_TIMEOUT : CTL_EXIT_FAILED;
+    // A daemon that vanished mid-command is as unsure an outcome as a time-out.
+    bool vanished = status == TovakStatus::closed && row;
+    return status == TovakStatus::timeout || vanished ? CTL_EXIT_TIMEOUT : CTL_EXIT_FAILED;
 }
 
 // Why a command was refused, when its start-up flag is the likely cause:

@@ -345,7 +345,7 @@ TEST(TovakctlRefusal, SaysWhatTheReplyShowedAndWhy)
         { { "events" }, { { 0x08, UNTOUCHED }, { 0x3d, UNTOUCHED } }, 1, "start-up of modem logging failed" },
         { { "categories" }, { { 0x38, UNTOUCHED }, { 0x33, UNTOUCHED } }, 1, "capture did not start" },
         { { "log-on" }, { { 0x00, { 4, "00000000" } }, { 0x10, { 4, "00000000" } } }, 1, "logging is still off" },
-        { { "add-event", "5" }, { { 0x10, { 4, "00000000" } }, { 0x12, CONFIG_PATH }, { 0x08, { 0, "" } } }, 1, "without a reply to 0x06, a command it knows" },
+        { { "add-event", "5" }, { { 0x10, { 4, "00000000" } }, { 0x12, CONFIG_PATH }, { 0x08, { 0, "" } } }, 3, "without a reply to 0x06, a command it knows" },
         { { "raw", "0x15" }, {}, 1, "it has no command 0x15" },
         { { "raw", "2" }, {}, 0, "ended the session, as asked" },
         { { "raw", "0x0f" }, { { 0x0f, { 4, "01020304" } } }, 0, "len 4\npayload 01020304" },
@@ -384,6 +384,53 @@ TEST(TovakctlTimeout, Exits3AndNamesTheStep)
     EXPECT_NE(std::string::npos, r.err.find("socket file was left over")) << r.err;
     for (int fd : waiting)
         close(fd);
+}
+
+// What tovakd's log tells: only an output path it took, edits the modem
+// has not got, the modem's event count; a restart forgets all of it.
+TEST(TovakctlLog, FactsFromTheDaemonsLog)
+{
+    struct Case {
+        std::vector<const char*> messages;
+        const char* out_path;
+        int pending;
+        int64_t events;
+    };
+    // clang-format off
+    const Case cases[] = {
+        { {}, "", 0, -1 },
+        // Refused by the platform: no ADB_LOG line follows.
+        { { "DMLogging out_path_name is relative/x", "tovak_handler ERR >> 120" }, "", 0, -1 },
+        { { "DMLogging out_path_name is /sdcard/a", "ADB_LOG out_path_name is /sdcard/", "DMLogging out_path_name is bad" }, "/sdcard/a", 0, -1 },
+        { { "DMLogging out_path_name is /sdcard/a", "ADB_LOG out_path_name is /sdcard/", "[!] TOVAKD Started ver 1" }, "", 0, -1 },
+        { { "Number of event ID = 2200", ">> getVariousInfoOnEventLogMessage", "handler_add_event, event id = 5",
+            "handler_rm_log, log id = 16687", "handler_add_msg ssid = 0x5, mask = 0x18" }, "", 3, 2200 },
+        // A second log on sends nothing, so edits stay pending; a log off clears the masks.
+        { { "handler_rm_event, event id = 5", "process log_on", "Current log state is already LOG_STATE_START so do nothing" }, "", 1, -1 },
+        { { "handler_rm_msg ssid = 0x5", "process log_off" }, "", 0, -1 },
+        { { "handler_rm_msg ssid = 0x5", "process log_on", ">> getVariousInfoOnEventLogMessage" }, "", 0, -1 },
+        // Lines of other tags never count.
+        { { "handler_get_events output length = 5120" }, "", 0, -1 },
+    };
+    // clang-format on
+    for (const Case& c : cases) {
+        TempDir root;
+        ASSERT_EQ(0, system(("mkdir -p " + root.path() + "/sim").c_str()));
+        std::string text = "11-25 14:00:00.000  4  4 D OTHER   : handler_add_event, event id = 9\n";
+        for (const char* m : c.messages)
+            text += std::string("11-25 14:00:00.000  4  5 D TOVAK   : ") + m + "\n";
+        ASSERT_TRUE(write_file(root.path() + "/sim/logcat.txt", text));
+        CtlOptions opt;
+        opt.root = root.path();
+        CtlLogFacts f = ctl_log_facts(opt);
+        EXPECT_TRUE(f.known);
+        EXPECT_EQ(c.out_path, f.out_path) << text;
+        EXPECT_EQ(c.pending, f.pending_edits) << text;
+        EXPECT_EQ(c.events, f.event_count) << text;
+    }
+    CtlOptions nowhere;
+    nowhere.root = "/nonexistent";
+    EXPECT_FALSE(ctl_log_facts(nowhere).known);
 }
 
 TEST(TovakctlStatus, PointsAtWhatLooksWrong)
