@@ -250,7 +250,9 @@ int run_raw(Ctl& c, const std::vector<std::string>& words)
     TovakClient client(c.opt.timeout_ms);
     if (!connect(c, client))
         return failure(c, client, "raw", req.cmd, client.last_status(), nullptr);
+    ctl_interrupt_say("raw: interrupted; tovakd goes on with the command if it took it: check with `tovakctl status`");
     TovakStatus st = client.exchange(req, &rsp);
+    ctl_interrupt_note(nullptr);
     if (st == TovakStatus::closed && req.cmd == CMD_DISCONNECT) {
         if (c.opt.json)
             print_json(c, "raw", req.cmd, { { "closed", "true" }, { "refused", "false" } });
@@ -426,9 +428,14 @@ void ctl_interrupt_note(const TovakCommand* row)
     std::string what = row->confirm == 1   ? "logging still comes on when it is done: check with `tovakctl state`"
                        : row->confirm == 0 ? "logging still goes off when it is done: check with `tovakctl state`"
                                            : "it finishes the command anyway: check with `tovakctl status`";
-    std::string note = std::string("\ntovakctl: ") + row->name + ": interrupted; tovakd does not notice a client "
-                       "that leaves, and " + what + "\n";
-    snprintf(interrupt_note, sizeof interrupt_note, "%s", note.c_str());
+    ctl_interrupt_say(std::string(row->name) + ": interrupted; tovakd does not notice a client that leaves, and " +
+                      what);
+}
+
+void ctl_interrupt_say(const std::string& note)
+{
+    interrupt_armed = 0;
+    snprintf(interrupt_note, sizeof interrupt_note, "\ntovakctl: %s\n", note.c_str());
     interrupt_armed = 1;
 }
 
@@ -496,6 +503,7 @@ int tovakctl_main(const std::vector<std::string>& args, std::ostream& out, std::
         TovakClient client(c.opt.timeout_ms);
         if (!connect(c, client))
             return failure(c, client, word, CMD_GET_LOG_STATE, client.last_status(), nullptr);
+        ctl_interrupt_say("status: interrupted; it only asks, so nothing changed");
         return ctl_status(c.opt, client, out, err);
     }
     // Among rows of one name, the second word, or else the number of words, picks.

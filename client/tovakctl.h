@@ -45,6 +45,7 @@ std::string ctl_failure_kind(const TovakClient& client, TovakStatus status);
 // exits 130 either way.
 void ctl_catch_interrupt();
 void ctl_interrupt_note(const TovakCommand* row);
+void ctl_interrupt_say(const std::string& note);
 
 // A device path as seen from here; "" when the device's files are not visible.
 std::string ctl_device_file(const CtlOptions& opt, const std::string& path);

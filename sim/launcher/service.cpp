@@ -95,7 +95,7 @@ void mark_stopped(const std::string& root)
     time_t t = time(nullptr);
     char when[32];
     strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%S", localtime(&t));
-    text = "pid 0\nstate stopped\nstopped_at " + std::string(when) + "\n" + text;
+    text = "pid 0\n" + text + "state stopped\nstopped_at " + std::string(when) + "\n";
     std::string tmp = path + ".tmp";
     int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     bool ok = fd >= 0 && sim_write_all(fd, text.data(), text.size());
