@@ -332,6 +332,29 @@ TEST(TovakctlArgs, SuggestionsNamesAndBases)
     EXPECT_EQ("0 main off\n1 radio on\n", categories.out);
 }
 
+// The nearest names: a swap, a letter missing or extra, a beginning; a
+// short word only one edit away; nothing far off.
+TEST(TovakctlArgs, NearestNames)
+{
+    const std::vector<std::string> names = ctl_subcommand_names();
+    const std::pair<const char*, std::vector<std::string>> cases[] = {
+        { "evnets", { "events" } },          // a swap counts one
+        { "sttaus", { "status" } },
+        { "capture-comit", { "capture-commit" } },
+        { "dpl-ad", { "dpl-add" } },
+        { "ra", { "raw" } },                 // short: one edit at most
+        { "xy", {} },
+        { "rangee", { "range" } },
+        { "categroies", { "categories" } },
+        { "frobnicate", {} },
+    };
+    for (const auto& [word, nearest] : cases)
+        EXPECT_EQ(nearest, ctl_nearest(word, names)) << word;
+    // At most three, the nearest first kept.
+    EXPECT_LE(ctl_nearest("log", names).size(), 3u);
+    EXPECT_EQ(std::vector<std::string>{ "--json" }, ctl_nearest("--jsno", { "--json", "--root", "--socket" }));
+}
+
 TEST(TovakctlRefusal, SaysWhatTheReplyShowedAndWhy)
 {
     struct Case {
