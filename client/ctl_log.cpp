@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <sstream>
 
@@ -106,4 +107,37 @@ std::string ctl_device_file(const CtlOptions& opt, const std::string& path)
     if (!opt.root.empty() && (path == "/sdcard" || path.compare(0, 8, "/sdcard/") == 0))
         return opt.root + "/data/media/0" + path.substr(7);
     return opt.root + path;
+}
+
+CtlLogFacts ctl_log_facts(const CtlOptions& opt)
+{
+    CtlLogFacts f;
+    CtlLog log;
+    f.known = log.open(opt, false);
+    const std::string asked = "DMLogging out_path_name is ", taken = "ADB_LOG out_path_name is ",
+                      events = "Number of event ID = ";
+    std::string candidate;
+    for (const std::string& msg : log.read()) {
+        auto starts = [&](const std::string& s) { return msg.compare(0, s.size(), s) == 0; };
+        if (starts("[!] TOVAKD Started")) {
+            f = CtlLogFacts{ true, "", 0, -1 };
+        } else if (starts(asked)) {
+            candidate = msg.substr(asked.size());
+        } else if (starts(taken) && !candidate.empty()) {
+            // Logged only once the platform took the path.
+            f.out_path = candidate;
+            candidate.clear();
+        } else if (starts(">> getVariousInfoOnEventLogMessage")) {
+            // A log on that sends the masks; a second log on never gets here.
+            f.pending_edits = 0;
+        } else if (starts(events)) {
+            f.event_count = atoll(msg.c_str() + events.size());
+        } else if (starts("process log_off")) {
+            f.pending_edits = 0;
+        } else if ((starts("handler_add_event,") || starts("handler_rm_event,") || starts("handler_add_log,") ||
+                          starts("handler_rm_log,") || starts("handler_add_msg ") || starts("handler_rm_msg "))) {
+            f.pending_edits++;
+        }
+    }
+    return f;
 }

@@ -16,6 +16,8 @@ struct Status {
     std::string text;
     std::vector<std::pair<std::string, std::string>> json;
     std::vector<std::string> warnings;
+    // The configuration file as seen from here; "" when not visible.
+    std::string config;
 
     void add(const std::string& label, const std::string& value, const std::string& key, const std::string& json_value)
     {
@@ -40,22 +42,6 @@ std::string config_value(const std::string& file, const std::string& tag)
 std::string range_text(const TovakPair& range)
 {
     return std::to_string(range.first) + " to " + std::to_string(range.second);
-}
-
-// The output path tovakd was last given since it started, from its log.
-std::string out_path_from_log(const CtlOptions& opt, bool* known)
-{
-    CtlLog log;
-    *known = log.open(opt, false);
-    std::string path;
-    const std::string set = "DMLogging out_path_name is ";
-    for (const std::string& msg : log.read()) {
-        if (msg.find("[!] TOVAKD Started") != std::string::npos)
-            path.clear();
-        else if (msg.compare(0, set.size(), set) == 0)
-            path = msg.substr(set.size());
-    }
-    return path;
 }
 
 void config_file(const CtlOptions& opt, const std::string& path, bool logging, Status* s)
@@ -88,8 +74,10 @@ void logging_part(const CtlOptions& opt, TovakClient& client, bool logging, Stat
     std::vector<TovakMsgEntry> msgs;
     bool dpl = false, known = false;
     s->add("logging", logging ? "on" : "off", "logging", logging ? "true" : "false");
-    if (client.get_config_file(&path).done())
+    if (client.get_config_file(&path).done()) {
         config_file(opt, path, logging, s);
+        s->config = ctl_device_file(opt, path);
+    }
     if (client.get_buffer_size(&size).done() && client.get_range(&range).done()) {
         s->add("buffer size", std::to_string(size) + " bytes (modem range " + range_text(range) + ")", "buffer_size",
                std::to_string(size));
@@ -98,11 +86,17 @@ void logging_part(const CtlOptions& opt, TovakClient& client, bool logging, Stat
             s->warnings.push_back("the buffer size " + std::to_string(size) + " is outside the modem's range " +
                                   range_text(range));
     }
-    path = out_path_from_log(opt, &known);
+    CtlLogFacts facts = ctl_log_facts(opt);
+    known = facts.known;
+    path = facts.out_path;
     s->add("out path", !known ? "unknown (tovakd tells it only in its log, not visible here)"
                        : path.empty() ? "the platform's default (not set since tovakd started)"
-                                      : path,
+                                      : path + " (until tovakd restarts: dm.cfg does not keep it)",
            "out_path", path.empty() ? "null" : tovak_json_string(path));
+    if (logging && facts.pending_edits > 0)
+        s->warnings.push_back(std::to_string(facts.pending_edits) + " item edit(s) made while logging is on are in "
+                              "dm.cfg but not in the modem: they reach it at the next log on (tovakctl log-off, then "
+                              "tovakctl log-on)");
     if (client.get_events(&events).done() && client.get_logs(&codes).done() && client.get_msgs(&msgs).done())
         s->add("items", std::to_string(events.size()) + " event ids, " + std::to_string(codes.size()) + " log codes, " +
                             std::to_string(msgs.size()) + " message SSIDs",
@@ -121,6 +115,8 @@ void logging_part(const CtlOptions& opt, TovakClient& client, bool logging, Stat
 
 void capture_part(TovakClient& client, Status* s)
 {
+    // What a restart brings back: the categories dm.cfg keeps.
+    std::string saved = s->config.empty() ? "" : ctl_config_element(s->config, "Category");
     bool on = false;
     std::vector<bool> enabled;
     std::vector<std::string> names, items;
@@ -138,10 +134,17 @@ void capture_part(TovakClient& client, Status* s)
         uint32_t bytes = 0;
         client.get_capture_size(uint32_t(i), &bytes);
         std::string name = i < names.size() ? names[i] : std::to_string(i);
+        char kept = 2 * i < saved.size() ? saved[2 * i] : '?';
+        bool lasts = kept == '?' || (kept == '1') == enabled[i];
         s->text += "  " + name + std::string(name.size() < 12 ? 12 - name.size() : 1, ' ') +
-                   (enabled[i] ? "on, " : "off, ") + std::to_string(bytes) + " bytes\n";
-        items.push_back(tovak_json_object(
-            { { "name", tovak_json_string(name) }, { "on", enabled[i] ? "true" : "false" }, { "size", std::to_string(bytes) } }));
+                   (enabled[i] ? "on, " : "off, ") + std::to_string(bytes) + " bytes" +
+                   (lasts ? "" : std::string(" (until tovakd restarts: dm.cfg says ") + (kept == '1' ? "on" : "off") +
+                                     "; tovakctl categories-save keeps it)") +
+                   "\n";
+        items.push_back(tovak_json_object({ { "name", tovak_json_string(name) },
+                                            { "on", enabled[i] ? "true" : "false" },
+                                            { "size", std::to_string(bytes) },
+                                            { "until_restart", lasts ? "false" : "true" } }));
     }
     s->json.emplace_back("categories", tovak_json_array(items));
 }
@@ -166,6 +169,11 @@ int ctl_status(const CtlOptions& opt, TovakClient& client, std::ostream& out, st
     if (client.last_status() == TovakStatus::ok)
         capture_part(client, &s);
     if (client.last_status() != TovakStatus::ok) {
+        if (opt.json)
+            out << tovak_json_object({ { "command", "\"status\"" }, { "id", "null" }, { "refused", "\"unknown\"" },
+                                       { "error", tovak_json_string(client.error()) },
+                                       { "failure", tovak_json_string(ctl_failure_kind(client, client.last_status())) } })
+                << "\n";
         err << "tovakctl: status: " << client.error() << "\n";
         return client.last_status() == TovakStatus::timeout ? CTL_EXIT_TIMEOUT : CTL_EXIT_FAILED;
     }
@@ -176,6 +184,7 @@ int ctl_status(const CtlOptions& opt, TovakClient& client, std::ostream& out, st
         warnings.push_back(tovak_json_string(w));
     }
     s.json.emplace_back("warnings", tovak_json_array(warnings));
+    s.json.insert(s.json.begin(), { { "command", "\"status\"" }, { "id", "null" }, { "refused", "false" } });
     out << (opt.json ? tovak_json_object(s.json) + "\n" : s.text);
     return s.warnings.empty() ? CTL_EXIT_OK : CTL_EXIT_FAILED;
 }

@@ -33,6 +33,7 @@ struct TovakResult {
 #define TOVAK_FIELD_u16(M, n) M(uint16_t, n)
 #define TOVAK_FIELD_hex16(M, n) M(uint16_t, n)
 #define TOVAK_FIELD_u32(M, n) M(uint32_t, n)
+#define TOVAK_FIELD_category(M, n) M(uint32_t, n)
 #define TOVAK_FIELD_size(M, n) M(int64_t, n)
 #define TOVAK_FIELD_on_off(M, n) M(bool, n)
 #define TOVAK_FIELD_kind(M, n) M(uint32_t, n)

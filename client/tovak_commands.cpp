@@ -1,7 +1,9 @@
 #include "tovak_commands.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <iterator>
 
 #include "protocol/byte_buffer.h"
 
@@ -56,6 +58,8 @@ const size_t tovak_command_count = sizeof tovak_commands / sizeof tovak_commands
 // Every command of the daemon's table but 2, which ends the session.
 static_assert(sizeof tovak_commands / sizeof tovak_commands[0] == 42, "one row per command");
 
+const char* const tovak_category_names[4] = { "main", "radio", "events", "system" };
+
 const TovakCommand* tovak_command(uint32_t id)
 {
     for (const TovakCommand& row : tovak_commands)
@@ -102,6 +106,13 @@ bool tovak_parse_number(const std::string& text, uint64_t max, bool hex_only, ui
     return true;
 }
 
+static std::string bound(uint64_t v, bool hex)
+{
+    char buf[24];
+    snprintf(buf, sizeof buf, hex ? "0x%llx" : "%llu", (unsigned long long)v);
+    return buf;
+}
+
 static bool number_word(const std::string& word, const char* what, uint64_t min, uint64_t max, bool hex,
                         TovakArgs* args, std::string* why)
 {
@@ -111,7 +122,10 @@ static bool number_word(const std::string& word, const char* what, uint64_t min,
         return true;
     }
     *why = std::string("bad ") + what + " '" + word + "': expected " + (hex ? "a hex number" : "a number") +
-           " from " + std::to_string(min) + " to " + std::to_string(max);
+           " from " + bound(min, hex) + " to " + bound(max, hex);
+    // Hex digits without the prefix, where decimal is the default.
+    if (!hex && tovak_parse_number(word, max, true, &v) && v >= min)
+        *why += " (hex? write 0x" + word + ")";
     return false;
 }
 
@@ -119,7 +133,7 @@ static bool levels_words(const std::vector<std::string>& words, size_t at, Tovak
 {
     if (words[at] == "--mask") {
         if (words.size() == at + 2)
-            return number_word(words[at + 1], "mask", 0, UINT32_MAX, false, args, why);
+            return number_word(words[at + 1], "mask", 0, UINT32_MAX, true, args, why);
         *why = "--mask takes one mask and nothing else";
         return false;
     }
@@ -152,6 +166,14 @@ bool tovak_parse_words(const TovakCommand& row, const std::vector<std::string>& 
             ok = w == choice[0] || w == choice[1];
             *why = std::string("expected ") + choice[1] + " or " + choice[0] + ", not '" + w + "'";
             args->emplace_back(int64_t(w == choice[1]));
+        } else if (f == TovakField::category) {
+            auto name = std::find(std::begin(tovak_category_names), std::end(tovak_category_names), w);
+            if (name != std::end(tovak_category_names))
+                args->emplace_back(int64_t(name - std::begin(tovak_category_names)));
+            else
+                ok = number_word(w, "category", 0, UINT32_MAX, false, args, why);
+            if (!ok)
+                *why += ", or main, radio, events, system";
         } else if (f == TovakField::levels) {
             ok = levels_words(words, i, args, why);
         } else if (f == TovakField::u16 || f == TovakField::hex16 || f == TovakField::u32 || f == TovakField::size) {

@@ -63,7 +63,8 @@ enum class TovakField : uint8_t {
     size,        // u32 from 1 to the row's limit
     on_off,      // u32 1 or 0
     kind,        // u32: phantom 0, statistics 1
-    levels,      // u32 mask: LEVEL... (bit n is level n) or --mask M
+    levels,      // u32 mask: LEVEL... (bit n is level n) or --mask M (hex, 0x optional)
+    category,    // u32: a number or a standard category's name
     out_path,    // the text and its zero byte; at most limit characters, fewer than 6 '/'
     text,        // u16 count, the text and its zero byte; at most limit characters
     device_path, // as text, naming a file on the device
@@ -163,6 +164,9 @@ bool tovak_req_counted_text(tovak_pkt* req, uint32_t cmd, const std::string& tex
 // Any payload as it stands.
 bool tovak_req_raw(tovak_pkt* req, uint32_t cmd, const std::vector<uint8_t>& payload);
 
+// The capture categories of a standard phone, in the daemon's order.
+extern const char* const tovak_category_names[4];
+
 // Longest texts the daemon takes.
 #define TOVAK_CONFIG_NAME_MAX 91 // 0x11: the name must fit a 92-byte property value
 #define TOVAK_SYSTEM_TEXT_MAX 198 // 0x13: count at most 199
@@ -185,7 +189,7 @@ bool tovak_req_raw(tovak_pkt* req, uint32_t cmd, const std::vector<uint8_t>& pay
     X(CMD_LOG_SIZE,                 set_log_size,       "log-size",        "BYTES",               size,        none,   LogSize,    INT32_MAX,  logging, "size",        "set the modem log buffer size (logging must be off)", \
       "a size while modem logging runs: switch it off first (tovakctl log-off)", nullptr) \
     X(CMD_OUT_PATH,                 set_out_path,       "out-path",        "PATH",                out_path,    none,   Status,     TOVAK_OUT_PATH_MAX, logging, "", "set the modem log output path (Android log capture goes beside it)", \
-      "a path the platform does not take, or any path while Android log capture is down", nullptr) \
+      "a path the platform does not take (a relative one, say), or any path when Android log capture failed at tovakd's start-up (capture merely off is fine)", nullptr) \
     X(CMD_COMMIT_LOG,               commit_log,         "commit",          "",                    none,        none,   Empty,      0,          logging, "",            "commit the modem log to its file", nullptr, nullptr) \
     X(CMD_ADD_EVENT,                add_event,          "add-event",       "ID",                  u16,         none,   Empty,      0,          logging, "",            "add an event id", nullptr, nullptr) \
     X(CMD_RM_EVENT,                 rm_event,           "rm-event",        "ID",                  u16,         none,   Empty,      0,          logging, "",            "remove an event id", nullptr, nullptr) \
@@ -207,13 +211,13 @@ bool tovak_req_raw(tovak_pkt* req, uint32_t cmd, const std::vector<uint8_t>& pay
     X(CMD_ADBLOG_OFF,               capture_off,        "capture off",     "",                    none,        none,   Empty,      0,          capture, "",            "stop Android log capture", nullptr, nullptr) \
     X(CMD_ADBLOG_COMMIT,            capture_commit,     "capture-commit",  "",                    none,        none,   Committed,  0,          capture, "",            "commit the captured Android logs (capture must be on)", nullptr, nullptr) \
     X(CMD_ADBLOG_GET_STATE,         get_capture_state,  "capture-state",   "",                    none,        none,   Flag,       0,          capture, "capture",     "report whether Android log capture runs", nullptr, nullptr) \
-    X(CMD_ADBLOG_ADD_CATEGORY,      add_category,       "category-add",    "N",                   u32,         none,   NoReply,    0,          capture, "",            "enable capture category N (until restart unless saved)", nullptr, nullptr) \
-    X(CMD_ADBLOG_RM_CATEGORY,       rm_category,        "category-rm",     "N",                   u32,         none,   NoReply,    0,          capture, "",            "disable capture category N (until restart unless saved)", nullptr, nullptr) \
+    X(CMD_ADBLOG_ADD_CATEGORY,      add_category,       "category-add",    "CATEGORY",            category,       none,   NoReply,    0,          capture, "",            "enable a capture category (until restart unless saved)", nullptr, nullptr) \
+    X(CMD_ADBLOG_RM_CATEGORY,       rm_category,        "category-rm",     "CATEGORY",            category,       none,   NoReply,    0,          capture, "",            "disable a capture category (until restart unless saved)", nullptr, nullptr) \
     X(CMD_ADBLOG_GET_CATEGORIES,    get_categories,     "categories",      "",                    none,        none,   Categories, 0,          capture, "enabled",     "report every capture category's on/off", nullptr, nullptr) \
     X(CMD_ADBLOG_SET_CATEGORIES,    save_categories,    "categories-save", "",                    none,        none,   NoReply,    0,          capture, "",            "store the live category choice in the configuration", nullptr, nullptr) \
     X(CMD_ADBLOG_GET_CATEGORY_NAME, get_category_names, "category-names",  "",                    none,        none,   Names,      0,          none,    "names",       "report the capture category names", nullptr, nullptr) \
-    X(CMD_ADBLOG_SET_SIZE,          set_capture_size,   "capture-size",    "N BYTES",             u32,         size,   NoReply,    UINT32_MAX, capture, "",            "set category N's capture size (capture must be off; kept within the limits)", nullptr, nullptr) \
-    X(CMD_ADBLOG_GET_SIZE,          get_capture_size,   "capture-size",    "N",                   u32,         none,   U32,        0,          capture, "size",        "report category N's capture size (0: no such category)", nullptr, nullptr) \
+    X(CMD_ADBLOG_SET_SIZE,          set_capture_size,   "capture-size",    "CATEGORY BYTES",      category,    size,   NoReply,    UINT32_MAX, capture, "",            "set a category's capture size (capture must be off; kept within the limits)", nullptr, nullptr) \
+    X(CMD_ADBLOG_GET_SIZE,          get_capture_size,   "capture-size",    "CATEGORY",            category,    none,   U32,        0,          capture, "size",        "report a category's capture size (0: no such category)", nullptr, nullptr) \
     X(CMD_ADBLOG_GET_SIZE_LIMITS,   get_capture_limits, "capture-limits",  "",                    none,        none,   Pair,       0,          logging, "min max",     "report the capture size limits", nullptr, nullptr) \
     X(CMD_SET_AUTOSAVE,             set_autosave,       "autosave",        "on|off",              on_off,      none,   Empty,      0,          logging, "",            "set the phantom autosave property", nullptr, nullptr) \
     X(CMD_SAVE_MODEM_DATA,          save_modem_data,    "save-modem-data", "phantom|statistics",  kind,        none,   Empty,      0,          logging, "",            "fetch modem data over QMI and save it", nullptr, \

@@ -328,7 +328,8 @@ void TovakReplyCategories::report(const Out& enabled, const char* key, TovakRepo
 {
     std::vector<std::string> lines, json;
     for (size_t i = 0; i < enabled.size(); i++) {
-        lines.push_back(std::to_string(i) + (enabled[i] ? " on" : " off"));
+        std::string name = i < 4 ? std::string(" ") + tovak_category_names[i] : "";
+        lines.push_back(std::to_string(i) + name + (enabled[i] ? " on" : " off"));
         json.push_back(enabled[i] ? "true" : "false");
     }
     report_list(key, lines, json, rep);

@@ -1,14 +1,32 @@
 #include "tovakctl.h"
 
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <utility>
 
 namespace {
+
+// Said on Ctrl-C while a command waits for its reply; the signal handler
+// writes it as it stands.
+char interrupt_note[512];
+volatile sig_atomic_t interrupt_armed;
+
+void on_interrupt(int)
+{
+    if (interrupt_armed) {
+        ssize_t ignored = write(STDERR_FILENO, interrupt_note, strlen(interrupt_note));
+        (void)ignored;
+    }
+    _exit(CTL_EXIT_INTERRUPTED);
+}
 
 struct Ctl {
     CtlOptions opt;
@@ -24,7 +42,9 @@ int usage_error(Ctl& c, const std::string& word, const std::string& why)
 
 void print_json(Ctl& c, const std::string& name, uint32_t id, std::vector<std::pair<std::string, std::string>> members)
 {
-    members.insert(members.begin(), { { "command", tovak_json_string(name) }, { "id", std::to_string(id) } });
+    // tovakctl's own subcommands send several commands, or none of their own.
+    bool own = ctl_is_extra(name) && name != "raw";
+    members.insert(members.begin(), { { "command", tovak_json_string(name) }, { "id", own ? "null" : std::to_string(id) } });
     c.out << tovak_json_object(members) << "\n";
 }
 
@@ -105,9 +125,12 @@ int failure(Ctl& c, const TovakClient& client, const std::string& name, uint32_t
     else if (status == TovakStatus::timeout && client.step() == TovakStep::receive && row && row->waits)
         what += "; it may still finish: check with `tovakctl status`";
     if (c.opt.json)
-        print_json(c, name, id, { { "refused", "\"unknown\"" }, { "error", tovak_json_string(what) } });
+        print_json(c, name, id, { { "refused", "\"unknown\"" }, { "error", tovak_json_string(what) },
+                                  { "failure", tovak_json_string(ctl_failure_kind(client, status)) } });
     c.err << "tovakctl: " << name << ": " << what << "\n";
-    return status == TovakStatus::timeout ? CTL_EXIT_TIMEOUT : CTL_EXIT_FAILED;
+    // A daemon that vanished mid-command is as unsure an outcome as a time-out.
+    bool vanished = status == TovakStatus::closed && row;
+    return status == TovakStatus::timeout || vanished ? CTL_EXIT_TIMEOUT : CTL_EXIT_FAILED;
 }
 
 // Why a command was refused, when its start-up flag is the likely cause:
@@ -147,17 +170,37 @@ int run_row(Ctl& c, const TovakCommand& row, const std::vector<std::string>& wor
     TovakClient client(c.opt.timeout_ms);
     if (!connect(c, client))
         return failure(c, client, row.name, row.id, client.last_status(), &row);
+    CtlEffects effects(c.opt, client, row, args);
+    effects.before();
+    if (client.last_status() != TovakStatus::ok)
+        return failure(c, client, row.name, row.id, client.last_status(), &row);
     Progress progress(c, row.name, row.waits);
     client.on_wait([&] { progress.tick(); });
     TovakReport report;
+    ctl_interrupt_note(&row);
     TovakResult res = client.run(row, args, &report);
+    ctl_interrupt_note(nullptr);
     progress.clear();
+    client.on_wait(nullptr);
     if (res.status != TovakStatus::ok)
         return failure(c, client, row.name, row.id, res.status, &row);
+    CtlEffect effect;
+    if (res.status == TovakStatus::ok && row.id == CMD_LOG_SIZE && res.shown.verdict == TovakVerdict::done) {
+        for (const auto& [key, value] : report.json)
+            if (key == row.key)
+                effects.taken_size = atoll(value.c_str());
+        report.text.clear();
+    }
     if (res.shown.verdict == TovakVerdict::refused)
         res.shown.note += explain_refusal(client, row);
+    effects.after(&res.shown, &effect);
     client.disconnect();
 
+    for (const std::string& w : effect.warnings)
+        c.err << "tovakctl: warning: " << w << "\n";
+    std::string lines;
+    for (const std::string& l : effect.lines)
+        lines += l + "\n";
     bool failed = res.shown.verdict == TovakVerdict::refused || res.shown.verdict == TovakVerdict::unexpected;
     if (c.opt.json) {
         json.insert(json.begin(), { { "reply_len", std::to_string(res.reply_len) },
@@ -167,11 +210,12 @@ int run_row(Ctl& c, const TovakCommand& row, const std::vector<std::string>& wor
             json.emplace_back(res.shown.verdict == TovakVerdict::unexpected ? "error" : "note",
                               tovak_json_string(res.shown.note));
         json.insert(json.end(), report.json.begin(), report.json.end());
+        json.insert(json.end(), effect.json.begin(), effect.json.end());
         print_json(c, row.name, row.id, json);
     } else if (res.shown.verdict == TovakVerdict::done) {
-        c.out << (report.text.empty() ? "done\n" : report.text);
+        c.out << (report.text.empty() && lines.empty() ? "done\n" : report.text + lines);
     } else if (res.shown.verdict == TovakVerdict::unknown) {
-        c.out << report.text << "sent; " << res.shown.note << "\n";
+        c.out << report.text << "sent; " << res.shown.note << "\n" << lines;
     } else {
         c.err << "tovakctl: " << row.name << ": " << (res.shown.verdict == TovakVerdict::refused ? "refused: " : "")
               << res.shown.note << "\n";
@@ -206,7 +250,9 @@ int run_raw(Ctl& c, const std::vector<std::string>& words)
     TovakClient client(c.opt.timeout_ms);
     if (!connect(c, client))
         return failure(c, client, "raw", req.cmd, client.last_status(), nullptr);
+    ctl_interrupt_say("raw: interrupted; tovakd goes on with the command if it took it: check with `tovakctl status`");
     TovakStatus st = client.exchange(req, &rsp);
+    ctl_interrupt_note(nullptr);
     if (st == TovakStatus::closed && req.cmd == CMD_DISCONNECT) {
         if (c.opt.json)
             print_json(c, "raw", req.cmd, { { "closed", "true" }, { "refused", "false" } });
@@ -231,49 +277,137 @@ int run_raw(Ctl& c, const std::vector<std::string>& words)
     return CTL_EXIT_OK;
 }
 
-// Options before the subcommand. Returns -1 to go on, else the exit status.
-int parse_options(const std::vector<std::string>& args, size_t* at, Ctl& c)
+// Global options, long and short; each takes a value but --json.
+struct GlobalOption {
+    const char* name;
+    const char* short_name;
+};
+const GlobalOption global_options[] = {
+    { "--socket", "-s" }, { "--root", "-r" }, { "--timeout", "-t" }, { "--json", "-j" },
+};
+// What the subcommands themselves take.
+const char* const subcommand_options[] = { "--mask", "--help", "-h", "--man" };
+
+bool looks_like_option(const std::string& a)
 {
-    bool socket = false, root = false;
-    for (; *at < args.size() && args[*at].size() > 1 && args[*at][0] == '-'; ++*at) {
-        const std::string& a = args[*at];
-        if (a == "--help" || a == "-h") {
-            c.out << ctl_overall_help();
-            return CTL_EXIT_OK;
+    return a.size() > 1 && a[0] == '-' && !(a[1] >= '0' && a[1] <= '9');
+}
+
+std::string did_you_mean(const std::string& word, const std::vector<std::string>& names)
+{
+    std::vector<std::string> near = ctl_nearest(word, names);
+    std::string text;
+    for (size_t i = 0; i < near.size(); i++)
+        text += (i == 0 ? ": did you mean `" : i + 1 == near.size() ? "` or `" : "`, `") + near[i];
+    return text.empty() ? "" : text + "`?";
+}
+
+int set_option(Ctl& c, const std::string& name, const std::string& v, bool* socket, bool* root)
+{
+    if (name == "--timeout" && !parse_seconds(v, &c.opt.timeout_ms)) {
+        c.err << "tovakctl: bad time-out '" << v << "': expected seconds from 0.001 to 86400\n";
+        return CTL_EXIT_USAGE;
+    }
+    if (name == "--socket") {
+        c.opt.socket = v;
+        c.opt.device_files = false;
+        c.opt.root.clear();
+        *socket = true;
+    } else if (name == "--root") {
+        // A simulated device shows the phone's paths under its root.
+        c.opt.socket = v + TOVAK_SOCKET_PATH;
+        c.opt.root = v;
+        c.opt.device_files = true;
+        *root = true;
+    }
+    return -1;
+}
+
+// Global options anywhere (up to a "--"), as --opt VALUE, --opt=VALUE or
+// -o VALUE; the environment fills what they leave. The rest goes to words,
+// the subcommand first. Returns -1 to go on, else the exit status.
+int parse_options(const std::vector<std::string>& args, Ctl& c, std::vector<std::string>* words)
+{
+    bool socket = false, root = false, rest = false;
+    for (size_t at = 0; at < args.size(); at++) {
+        const std::string& a = args[at];
+        if (rest || !looks_like_option(a)) {
+            words->push_back(a);
+            continue;
         }
-        if (a == "--json") {
+        if (a == "--") {
+            rest = true;
+            continue;
+        }
+        std::string name = a.substr(0, a.find('=')), value;
+        const GlobalOption* opt = nullptr;
+        for (const GlobalOption& g : global_options)
+            if (name == g.name || name == g.short_name)
+                opt = &g;
+        if (!opt) {
+            bool subcommand_option = std::find(std::begin(subcommand_options), std::end(subcommand_options), name) !=
+                                     std::end(subcommand_options);
+            // log-read parses its own filters and outputs.
+            if (!words->empty() && (*words)[0] == "log-read" && a.compare(0, 2, "--") == 0 && a != "--help") {
+                words->push_back(a);
+                continue;
+            }
+            if (!words->empty() && subcommand_option) {
+                words->push_back(a);
+                if (a == "--mask" && at + 1 < args.size())
+                    words->push_back(args[++at]);
+                continue;
+            }
+            if (words->empty() && (a == "--help" || a == "-h")) {
+                c.out << ctl_overall_help();
+                return CTL_EXIT_OK;
+            }
+            if (words->empty() && (a == "--version" || a == "-V")) {
+                c.out << "tovakctl " TOVAKCTL_VERSION "\n";
+                return CTL_EXIT_OK;
+            }
+            std::vector<std::string> names = { "--help", "--version", "--mask" };
+            for (const GlobalOption& g : global_options)
+                names.push_back(g.name);
+            c.err << "tovakctl: unknown option " << name << did_you_mean(name, names)
+                  << " (tovakctl --help lists the options)\n";
+            return CTL_EXIT_USAGE;
+        }
+        name = opt->name;
+        if (name == "--json") {
+            if (a.find('=') != std::string::npos) {
+                c.err << "tovakctl: --json takes no value\n";
+                return CTL_EXIT_USAGE;
+            }
             c.opt.json = true;
             continue;
         }
-        if (a != "--socket" && a != "--root" && a != "--timeout") {
-            c.err << "tovakctl: unknown option " << a << " (tovakctl --help lists the options)\n";
+        if (a.find('=') != std::string::npos && a.compare(0, 2, "--") == 0) {
+            value = a.substr(a.find('=') + 1);
+        } else if (a.find('=') != std::string::npos || ++at >= args.size()) {
+            c.err << "tovakctl: " << a << " needs a value (" << name << " VALUE or " << name << "=VALUE)\n";
             return CTL_EXIT_USAGE;
+        } else {
+            value = args[at];
         }
-        if (++*at >= args.size()) {
-            c.err << "tovakctl: " << a << " needs a value\n";
-            return CTL_EXIT_USAGE;
-        }
-        const std::string& v = args[*at];
-        if (a == "--timeout" && !parse_seconds(v, &c.opt.timeout_ms)) {
-            c.err << "tovakctl: bad time-out '" << v << "': expected seconds from 0.001 to 86400\n";
-            return CTL_EXIT_USAGE;
-        }
-        if (a == "--socket") {
-            c.opt.socket = v;
-            c.opt.device_files = false;
-            socket = true;
-        } else if (a == "--root") {
-            // A simulated device shows the phone's paths under its root.
-            c.opt.socket = v + TOVAK_SOCKET_PATH;
-            c.opt.root = v;
-            root = true;
-        }
+        int rc = set_option(c, name, value, &socket, &root);
+        if (rc >= 0)
+            return rc;
     }
     if (socket && root) {
         c.err << "tovakctl: --socket and --root name the socket twice; give one\n";
         return CTL_EXIT_USAGE;
     }
-    if (*at == args.size()) {
+    const char* env_root = getenv("TOVAK_ROOT");
+    const char* env_socket = getenv("TOVAK_SOCKET");
+    bool has_root = env_root && *env_root, has_socket = env_socket && *env_socket;
+    if (!socket && !root && has_root && has_socket) {
+        c.err << "tovakctl: TOVAK_ROOT and TOVAK_SOCKET name the socket twice; set one\n";
+        return CTL_EXIT_USAGE;
+    }
+    if (!socket && !root && (has_root || has_socket))
+        set_option(c, has_root ? "--root" : "--socket", has_root ? env_root : env_socket, &socket, &root);
+    if (words->empty()) {
         c.err << "tovakctl: no subcommand given\n" << ctl_overall_help();
         return CTL_EXIT_USAGE;
     }
@@ -282,19 +416,55 @@ int parse_options(const std::vector<std::string>& args, size_t* at, Ctl& c)
 
 } // namespace
 
+std::string ctl_failure_kind(const TovakClient& client, TovakStatus status)
+{
+    const char* step = client.step() == TovakStep::connect ? "connect"
+                       : client.step() == TovakStep::send  ? "send"
+                                                           : "receive";
+    return std::string(status == TovakStatus::timeout ? "timeout_" : status == TovakStatus::closed ? "closed_" : "error_") +
+           step;
+}
+
+void ctl_interrupt_note(const TovakCommand* row)
+{
+    interrupt_armed = 0;
+    if (!row)
+        return;
+    std::string what = row->confirm == 1   ? "logging still comes on when it is done: check with `tovakctl state`"
+                       : row->confirm == 0 ? "logging still goes off when it is done: check with `tovakctl state`"
+                                           : "it finishes the command anyway: check with `tovakctl status`";
+    ctl_interrupt_say(std::string(row->name) + ": interrupted; tovakd does not notice a client that leaves, and " +
+                      what);
+}
+
+void ctl_interrupt_say(const std::string& note)
+{
+    interrupt_armed = 0;
+    snprintf(interrupt_note, sizeof interrupt_note, "\ntovakctl: %s\n", note.c_str());
+    interrupt_armed = 1;
+}
+
+void ctl_catch_interrupt()
+{
+    struct sigaction sa = {};
+    sa.sa_handler = on_interrupt;
+    sigaction(SIGINT, &sa, nullptr);
+}
+
 int tovakctl_main(const std::vector<std::string>& args, std::ostream& out, std::ostream& err, int fd)
 {
     Ctl c = { CtlOptions(), out, err };
     c.opt.fd = fd;
-    size_t at = 0;
-    int rc = parse_options(args, &at, c);
+    std::vector<std::string> words;
+    int rc = parse_options(args, c, &words);
     if (rc >= 0)
         return rc;
-    const std::string& word = args[at];
-    std::vector<std::string> words(args.begin() + long(at) + 1, args.end());
+    const std::string word = words[0];
+    words.erase(words.begin());
     std::vector<const TovakCommand*> rows = ctl_rows_named(word);
     if (rows.empty() && !ctl_is_extra(word)) {
-        err << "tovakctl: unknown subcommand '" << word << "' (tovakctl --help lists them)\n";
+        err << "tovakctl: unknown subcommand '" << word << "'" << did_you_mean(word, ctl_subcommand_names())
+            << " (tovakctl --help lists them)\n";
         return CTL_EXIT_USAGE;
     }
     for (const std::string& w : words) {
@@ -302,6 +472,10 @@ int tovakctl_main(const std::vector<std::string>& args, std::ostream& out, std::
             out << ctl_subcommand_help(word);
             return CTL_EXIT_OK;
         }
+    }
+    if (word == "help" && words.size() == 1 && words[0] == "--man") {
+        out << ctl_man_page();
+        return CTL_EXIT_OK;
     }
     if (word == "help" && words.size() <= 1) {
         bool known = words.empty() || !ctl_rows_named(words[0]).empty() || ctl_is_extra(words[0]);
@@ -314,6 +488,18 @@ int tovakctl_main(const std::vector<std::string>& args, std::ostream& out, std::
         out << ctl_completion_bash();
         return CTL_EXIT_OK;
     }
+    if (word == "completion" && words.size() == 1 && words[0] == "zsh") {
+        err << "tovakctl: completion: only bash has a script; in zsh, load bash's completion first:\n"
+               "  autoload -U +X bashcompinit && bashcompinit && eval \"$(tovakctl completion bash)\"\n";
+        return CTL_EXIT_USAGE;
+    }
+    if (word == "completion" && words.size() == 2 && words[0] == "values") {
+        for (const std::string& v : ctl_completion_values(c.opt, words[1]))
+            out << v << "\n";
+        return CTL_EXIT_OK;
+    }
+    if (word == "completion")
+        return usage_error(c, word, words.empty() ? "name a shell: bash" : "unknown shell '" + words[0] + "': only bash");
     if (word == "raw")
         return run_raw(c, words);
     if (word == "log-read")
@@ -324,6 +510,7 @@ int tovakctl_main(const std::vector<std::string>& args, std::ostream& out, std::
         TovakClient client(c.opt.timeout_ms);
         if (!connect(c, client))
             return failure(c, client, word, CMD_GET_LOG_STATE, client.last_status(), nullptr);
+        ctl_interrupt_say("status: interrupted; it only asks, so nothing changed");
         return ctl_status(c.opt, client, out, err);
     }
     // Among rows of one name, the second word, or else the number of words, picks.

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdio>
 #include <cstring>
 
 #include "device.h"
@@ -292,6 +293,47 @@ std::string status(Device& d, const Args&)
     return d.status().dump(1) + "\n";
 }
 
+std::string hex4(unsigned v)
+{
+    char b[8];
+    snprintf(b, sizeof b, "0x%04x", v);
+    return b;
+}
+
+// What each modem holds, a few lines each: what a person checks after a log on.
+std::string modem_summary(Device& d, const Args&)
+{
+    std::string out;
+    for (bool remote : { false, true }) {
+        if (remote && !d.modem.remote_enabled())
+            continue;
+        const Modem& m = d.modem.modem(remote);
+        std::string events, codes, msgs, dpl;
+        for (uint16_t id : m.enabled_events())
+            events += (events.empty() ? "" : " ") + std::to_string(id);
+        for (uint16_t code : m.enabled_log_codes())
+            codes += (codes.empty() ? "" : " ") + hex4(code);
+        for (const auto& [ssid, mask] : m.msg_masks()) {
+            std::string levels;
+            for (unsigned bit = 0; bit < 32; bit++)
+                if (mask & (1u << bit))
+                    levels += (levels.empty() ? "" : ",") + std::to_string(bit);
+            msgs += (msgs.empty() ? "" : " ") + std::to_string(ssid) + ":" + (levels.empty() ? "-" : levels);
+        }
+        for (const DplIface& i : m.dpl_ifaces())
+            if (i.logging)
+                dpl += (dpl.empty() ? "" : " ") + std::to_string(i.id) + "(" + i.name + ")";
+        out += std::string(remote ? "remote" : "local") + " modem: event reporting " +
+               (m.event_reporting() ? "on" : "off") + ", " + std::to_string(m.enabled_events().size()) + " of " +
+               std::to_string(m.ranges().event_count) + " event ids\n";
+        out += "  events:     " + (events.empty() ? "none" : events) + "\n";
+        out += "  log codes:  " + (codes.empty() ? "none" : codes) + "\n";
+        out += "  messages:   " + (msgs.empty() ? "none" : msgs) + "  (ssid:levels)\n";
+        out += "  dpl:        " + (dpl.empty() ? "none logging" : dpl) + "\n";
+    }
+    return out;
+}
+
 struct Verb {
     const char* name;
     size_t min_args, max_args; // words after the verb
@@ -303,6 +345,7 @@ struct Verb {
 // clang-format off
 const Verb VERBS[] = {
     { "status",         0, 0,  "status",                        "the device state as JSON", status },
+    { "modem",          0, 0,  "modem",                         "what each modem holds: events, log codes (hex), message levels, DPL", modem_summary },
     { "remote-modem",   1, 1,  "remote-modem on|off",           "attach or detach the remote modem", remote_modem },
     { "event-count",    2, 2,  "event-count MODEM N",           "number of event ids (MODEM: local or remote)", ranges },
     { "log-items",      2, 2,  "log-items MODEM L0,L1,...",     "last item per equipment id (up to 16, the rest 0)", ranges },

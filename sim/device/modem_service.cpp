@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "faults.h"
@@ -22,6 +23,15 @@ nlohmann::json modem_json(Modem& m)
 {
     using nlohmann::json;
     const ModemRanges& r = m.ranges();
+    auto hex_codes = [](const std::vector<uint16_t>& codes) {
+        json out = json::array();
+        for (uint16_t c : codes) {
+            char b[8];
+            snprintf(b, sizeof b, "0x%04x", c);
+            out.push_back(b);
+        }
+        return out;
+    };
     json ranges = json::array();
     for (const SsidRange& s : r.ssid_ranges)
         ranges.push_back({ s.first, s.last });
@@ -37,6 +47,7 @@ nlohmann::json modem_json(Modem& m)
         { "ssid_ranges", ranges },
         { "events", m.enabled_events() },
         { "log_codes", m.enabled_log_codes() },
+        { "log_codes_hex", hex_codes(m.enabled_log_codes()) },
         { "msg_masks", msgs },
         { "event_reporting", m.event_reporting() },
         { "dpl", dpl },

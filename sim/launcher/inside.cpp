@@ -172,8 +172,9 @@ private:
     void save_state() const
     {
         std::string path = "/" SIM_DAEMON_STATE_FILE;
+        // Numbers first: readers take the file as "key number" pairs.
         std::string text = "pid " + std::to_string(pid_) + "\nstarts " + std::to_string(starts_) + "\nlast_exit " +
-                           last_exit_ + "\n";
+                           last_exit_ + "\nstate " + (pid_ ? "running" : "restarting") + "\n";
         std::string tmp = path + ".tmp";
         int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         bool ok = fd >= 0 && sim_write_all(fd, text.data(), text.size());

@@ -17,6 +17,13 @@
 // it out of them then takes far more clients than an app may open.
 #define DAEMON_NOFILE 65536
 
+// The launcher's own files beside the daemon's, for up --detach and down.
+#define SIM_LAUNCHER_PID SIM_DIR "/launcher.pid"
+#define SIM_LAUNCHER_LOG SIM_DIR "/launcher.log"
+
+// Raised with any change a user of the command line would notice.
+#define TOVAK_SIM_VERSION "1.1"
+
 namespace launcher {
 
 struct UpOptions {
@@ -31,6 +38,8 @@ struct UpOptions {
     std::vector<std::string> wrapper;
     std::string nofile;
     std::string restart_delay;
+    // Only tovak-sim's own lines on the terminal; the daemon's still go to its file.
+    bool quiet = false;
 };
 
 // up ROOT: the device in the foreground until a signal; its exit status.
@@ -54,5 +63,28 @@ void write_all(int fd, const std::string& text);
 // The signals, blocked, as a descriptor to poll; SIGPIPE ignored.
 int signal_fd(std::initializer_list<int> signals);
 int64_t now_ms();
+
+// Serving: the daemon accepts a client at ROOT's socket.
+bool daemon_serves(const std::string& root);
+std::string ready_line(const std::string& root);
+// The state file says the device stopped.
+void mark_stopped(const std::string& root);
+// up again as a background process (argv without --detach); returns once
+// the daemon serves, or with the launcher's error.
+int up_detached(const std::vector<std::string>& argv, const std::string& root);
+// Stops the up running on ROOT, with everything it started.
+int down(const std::string& root);
+
+// The daemon's output for the terminal: whole lines with logcat's time.
+class Stamper {
+public:
+    std::string lines(const std::string& chunk, bool quiet);
+    // A last line without its end.
+    std::string rest();
+
+private:
+    static std::string stamp();
+    std::string partial_;
+};
 
 } // namespace launcher

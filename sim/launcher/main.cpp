@@ -23,17 +23,24 @@ using namespace launcher;
 
 namespace {
 
-void usage(FILE* out)
+std::string usage_text()
 {
-    fprintf(out,
+    char text[4096];
+    snprintf(text, sizeof text,
             "usage: tovak-sim up ROOT [OPTIONS]   (options before or after ROOT)\n"
+            "       tovak-sim down ROOT\n"
             "       tovak-sim ctl ROOT COMMAND [ARGS...]\n"
+            "       tovak-sim --version\n"
             "\n"
             "  up ROOT   create the device root ROOT if needed and run tovakd on it in the\n"
             "            foreground until Ctrl-C or SIGTERM, restarting it as init would.\n"
-            "            Clients reach the daemon at ROOT/dev/ps_socket/tovak; its output is\n"
+            "            Clients reach the daemon at ROOT/dev/ps_socket/tovak; a \"ready\" line\n"
+            "            says when it serves. Its output, time-stamped on the terminal, is\n"
             "            appended to ROOT/%s.\n"
+            "  down ROOT stop the device that `up --detach ROOT` left running.\n"
             "\n"
+            "  --detach              run in the background; return once tovakd serves\n"
+            "  --quiet               show only tovak-sim's own lines, not tovakd's\n"
             "  --no-bootcomplete     leave the property dev.bootcomplete unset\n"
             "  --remote-modem        attach a second (remote) modem\n"
             "  --without-log NAME    no log device /dev/log/NAME (main, radio, events, system)\n"
@@ -49,15 +56,37 @@ void usage(FILE* out)
             "                        (default %d, as init)\n"
             "\n"
             "  ctl ROOT COMMAND   drive the simulated device of a running `up ROOT`:\n"
-            "            `ctl ROOT status` prints its state as JSON, `ctl ROOT help` lists\n"
-            "            the commands (faults, injected log entries, ranges, QMI data).\n",
+            "            `ctl ROOT modem` shows what the modem holds, `ctl ROOT status` the\n"
+            "            whole state as JSON, `ctl ROOT help` lists the commands (faults,\n"
+            "            injected log entries, ranges, QMI data).\n",
             SIM_STDOUT_FILE, TOVAK_ETC_DIR, RESTART_DELAY_MS);
+    return text;
+}
+
+void usage(FILE* out)
+{
+    fputs(usage_text().c_str(), out);
+}
+
+// tovak-sim(1) in man(7) markup: the usage, as --help shows it.
+void man_page()
+{
+    std::string body;
+    for (char ch : usage_text())
+        body += ch == '\\' ? "\\e" : ch == '-' ? "\\-" : std::string(1, ch);
+    printf(".TH TOVAK\\-SIM 1 \"\" \"tovak\\-sim " TOVAK_SIM_VERSION "\" \"User Commands\"\n"
+           ".SH NAME\ntovak\\-sim \\- run tovakd on a simulated phone\n"
+           ".SH SYNOPSIS\n.nf\n%s.fi\n"
+           ".SH EXIT STATUS\n0 stopped as asked, 1 failed, 2 bad usage.\n"
+           ".SH FILES\nROOT/sim/tovakd.stdout (the daemon's output), ROOT/sim/logcat.txt (the log devices), "
+           "ROOT/sim/tovakd.state (running or stopped), ROOT/data/media/0 (/sdcard: dm.cfg, diag_logs, syslog).\n"
+           ".SH SEE ALSO\n.BR tovakctl (1)\n",
+           body.c_str());
 }
 
 [[noreturn]] void usage_error(const std::string& msg)
 {
-    fprintf(stderr, "tovak-sim: %s\n", msg.c_str());
-    usage(stderr);
+    fprintf(stderr, "tovak-sim: %s (tovak-sim --help shows the usage)\n", msg.c_str());
     exit(2);
 }
 
@@ -109,8 +138,19 @@ int cmd_ctl(const std::string& root, int argc, char** argv)
     if (reply.empty())
         die("the device simulator closed without an answer");
     bool failed = reply.compare(0, 7, "error: ") == 0;
+    // Words the simulator does not take are usage errors, as for tovakctl.
+    bool usage = reply.compare(0, 14, "error: usage: ") == 0 || reply.compare(0, 23, "error: unknown command ") == 0;
     write_all(failed ? STDERR_FILENO : STDOUT_FILENO, reply);
-    return failed ? 1 : 0;
+    return usage ? 2 : failed ? 1 : 0;
+}
+
+// ROOT as an absolute path, for the lines that name it.
+std::string real_root(const std::string& root)
+{
+    if (!root.empty() && root[0] == '/')
+        return root;
+    char cwd[4096];
+    return getcwd(cwd, sizeof cwd) ? std::string(cwd) + "/" + root : root;
 }
 
 } // namespace
@@ -122,25 +162,33 @@ int main(int argc, char** argv)
         return argc < 2 ? 2 : 0;
     }
     std::string cmd = argv[1];
+    if (cmd == "--man") {
+        man_page();
+        return 0;
+    }
+    if (cmd == "--version") {
+        printf("tovak-sim " TOVAK_SIM_VERSION "\n");
+        return 0;
+    }
     if (cmd == "inside")
         return inside(argc, argv);
     if (cmd == "ctl") {
-        if (argc < 4) {
-            usage(stderr);
-            return 2;
-        }
+        if (argc < 4)
+            usage_error(argc < 3 ? "ctl: no ROOT given" : "ctl: no COMMAND given (tovak-sim ctl ROOT help lists them)");
         return cmd_ctl(argv[2], argc - 3, argv + 3);
     }
-    if (cmd != "up") {
-        usage(stderr);
-        return 2;
+    if (cmd == "down") {
+        if (argc != 3)
+            usage_error(argc < 3 ? "down: no ROOT given" : "down: unexpected '" + std::string(argv[3]) + "'");
+        return down(argv[2]);
     }
-    if (argc < 3) {
-        usage(stderr);
-        return 2;
-    }
+    if (cmd != "up")
+        usage_error("unknown command '" + cmd + "' (expected up, down or ctl)");
+    if (argc < 3)
+        usage_error("up: no ROOT given");
     UpOptions opt;
-    bool have_daemon = false, have_wrapper = false;
+    bool have_daemon = false, have_wrapper = false, detach = false;
+    std::vector<std::string> again = { argv[0], "up" };
     for (int i = 2; i < argc; i++) {
         std::string a = argv[i];
         // Options that take a value take the next word, whatever it looks like.
@@ -148,9 +196,16 @@ int main(int argc, char** argv)
             if (i + 1 >= argc)
                 usage_error(a + " needs a value");
             *v = argv[++i];
+            again.push_back(*v);
         };
         std::string v;
-        if (a == "--no-bootcomplete") {
+        if (a != "--detach")
+            again.push_back(a);
+        if (a == "--detach") {
+            detach = true;
+        } else if (a == "--quiet") {
+            opt.quiet = true;
+        } else if (a == "--no-bootcomplete") {
             opt.bootcomplete = false;
         } else if (a == "--remote-modem") {
             opt.remote_modem = true;
@@ -194,5 +249,7 @@ int main(int argc, char** argv)
     env = getenv("TOVAK_SIM_DAEMON_WRAPPER");
     if (!have_wrapper && env)
         opt.wrapper = split_words(env);
+    if (detach)
+        return up_detached(again, real_root(opt.root));
     return up(opt);
 }

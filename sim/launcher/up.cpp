@@ -205,6 +205,16 @@ std::vector<std::string> sandbox_command(const UpOptions& opt, const std::string
     return args;
 }
 
+// For tovak-sim down: who to signal.
+void write_pid_file(const std::string& root)
+{
+    std::string text = std::to_string(getpid()) + "\n";
+    int fd = open((root + "/" SIM_LAUNCHER_PID).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0 || !sim_write_all(fd, text.data(), text.size()))
+        die("cannot write " + root + "/" SIM_LAUNCHER_PID + ": " + strerror(errno));
+    close(fd);
+}
+
 } // namespace
 
 int up(UpOptions opt)
@@ -222,6 +232,7 @@ int up(UpOptions opt)
     if (access(opt.root.c_str(), W_OK) != 0)
         die(opt.root + " is not a writable directory");
     provision(opt);
+    write_pid_file(opt.root);
 
     std::string out_path = opt.root + "/" SIM_STDOUT_FILE;
     int copy_fd = open(out_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
@@ -248,9 +259,17 @@ int up(UpOptions opt)
 
     bool stopping = false;
     bool pipe_open = true;
+    bool ready = false;
+    Stamper terminal;
     while (pipe_open) {
         pollfd fds[2] = { { pipe_fds[0], POLLIN, 0 }, { sig_fd, POLLIN, 0 } };
-        if (poll(fds, 2, -1) < 0) {
+        // Until the daemon serves, look every 100 ms.
+        int polled = poll(fds, 2, ready ? -1 : 100);
+        if (!ready && !stopping && polled == 0 && daemon_serves(opt.root)) {
+            ready = true;
+            write_all(STDOUT_FILENO, ready_line(opt.root));
+        }
+        if (polled < 0) {
             if (errno == EINTR)
                 continue;
             break;
@@ -268,8 +287,12 @@ int up(UpOptions opt)
             char buf[8192];
             ssize_t n = read(pipe_fds[0], buf, sizeof buf);
             if (n > 0) {
-                write_all(STDOUT_FILENO, std::string(buf, size_t(n)));
-                write_all(copy_fd, std::string(buf, size_t(n)));
+                std::string chunk(buf, size_t(n));
+                // A restart serves anew.
+                if (chunk.find("--- tovak-sim: tovakd start") != std::string::npos)
+                    ready = false;
+                write_all(STDOUT_FILENO, terminal.lines(chunk, opt.quiet));
+                write_all(copy_fd, chunk);
             } else if (n == 0 || errno != EINTR) {
                 pipe_open = false;
             }
@@ -279,6 +302,10 @@ int up(UpOptions opt)
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
     close(copy_fd);
+    write_all(STDOUT_FILENO, terminal.rest());
+    mark_stopped(opt.root);
+    unlink((opt.root + "/" SIM_LAUNCHER_PID).c_str());
+    write_all(STDOUT_FILENO, "tovak-sim: stopped: tovakd and the device simulator ended\n");
     if (stopping)
         return 0;
     return WIFEXITED(status) && WEXITSTATUS(status) != 0 ? WEXITSTATUS(status) : 1;

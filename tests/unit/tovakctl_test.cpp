@@ -4,8 +4,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -80,6 +82,14 @@ private:
     std::thread thread_;
 };
 
+size_t count(const std::string& text, const std::string& needle)
+{
+    size_t n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
+        n++;
+    return n;
+}
+
 struct CtlRun {
     int rc;
     std::string out, err;
@@ -93,6 +103,7 @@ CtlRun ctl(std::vector<std::string> args, int fd = -1)
 }
 
 #define UNTOUCHED { TOVAK_PKT_DATA_SIZE, "" }
+#define CONFIG_PATH { 17, "0f00 '/sdcard/dm.cfg'00" }
 
 struct Exchange {
     uint32_t id;
@@ -159,17 +170,22 @@ TEST(TovakctlTable, EveryRowsRequestBytesAndReplyReading)
     std::set<uint32_t> ids;
     for (const Exchange& x : exchanges) {
         ids.insert(x.id);
-        // The logging state for log-on and log-off; the start-up flags open.
-        Canned daemon({ { x.id, x.reply }, { CMD_GET_LOG_STATE, { 4, "01000000" } }, { 0x3d, { 8, "" } } });
+        // The command's own reply first; then what tovakctl asks around it:
+        // logging on, the start-up flags open, empty lists.
+        Canned daemon({ { x.id, x.reply }, { CMD_GET_LOG_STATE, { 4, "01000000" } }, { 0x3d, { 8, "" } },
+                        { 0x08, { 0, "" } }, { 0x0b, { 0, "" } }, { 0x0e, { 0, "" } }, { 0x33, { 4, "01000000" } },
+                        { 0x38, { 8, "0100000000000000" } }, { 0x49, { 4, "01000000" } }, { 0x51, { 4, "00000000" } },
+                        { 0x12, CONFIG_PATH } });
         std::vector<std::string> args = { "--json" };
         args.insert(args.end(), x.args.begin(), x.args.end());
         CtlRun r = ctl(args, daemon.client_fd());
         EXPECT_EQ(x.rc, r.rc) << x.args[0] << ": " << r.out << r.err;
         EXPECT_NE(std::string::npos, r.out.find(x.shows)) << x.args[0] << ": " << r.out;
         EXPECT_FALSE(nlohmann::json::parse(r.out, nullptr, false).is_discarded()) << r.out;
-        ASSERT_FALSE(daemon.requests.empty()) << x.args[0];
-        const tovak_pkt& req = daemon.requests[0];
-        EXPECT_EQ(x.id, req.cmd) << x.args[0];
+        auto own = std::find_if(daemon.requests.rbegin(), daemon.requests.rend(),
+                                [&](const tovak_pkt& p) { return p.cmd == x.id; });
+        ASSERT_NE(own, daemon.requests.rend()) << x.args[0];
+        const tovak_pkt& req = *own;
         EXPECT_EQ(bytes(x.request), std::string(reinterpret_cast<const char*>(req.data), req.len)) << x.args[0];
     }
     std::set<uint32_t> rows;
@@ -186,7 +202,7 @@ TEST(TovakctlArgs, BadUsageExits2WithTheSubcommandsUsage)
         { { "add-event", "65536" }, "usage: tovakctl add-event ID" },
         { { "add-log", "xyz" }, "bad log code 'xyz'" },
         { { "log-size", "0" }, "from 1 to 2147483647" },
-        { { "capture-size", "1", "0" }, "usage: tovakctl capture-size N BYTES" },
+        { { "capture-size", "1", "0" }, "usage: tovakctl capture-size CATEGORY BYTES" },
         { { "add-msg", "5", "32" }, "bad level '32'" },
         { { "out-path", "/a/b/c/d/e/f" }, "6 or more '/'" },
         { { "set-config-file", long_path }, "92 characters, tovakd takes at most 91" },
@@ -206,6 +222,139 @@ TEST(TovakctlArgs, BadUsageExits2WithTheSubcommandsUsage)
     }
 }
 
+// Global options go before or after the subcommand, in long, short and
+// --opt=value forms; the environment names the device when they do not.
+TEST(TovakctlArgs, OptionsAnywhereInEveryFormAndFromTheEnvironment)
+{
+    struct Case {
+        std::vector<std::string> args;
+        const char* root_env;
+        const char* socket_env;
+        const char* connects; // the socket it tried
+    };
+    const Case cases[] = {
+        { { "--root", "/r1", "state" }, nullptr, nullptr, "/r1/dev/ps_socket/tovak" },
+        { { "state", "--root", "/r1" }, nullptr, nullptr, "/r1/dev/ps_socket/tovak" },
+        { { "state", "--root=/r1" }, nullptr, nullptr, "/r1/dev/ps_socket/tovak" },
+        { { "-r", "/r1", "state" }, nullptr, nullptr, "/r1/dev/ps_socket/tovak" },
+        { { "state", "-s", "/s1" }, nullptr, nullptr, "/s1:" },
+        { { "--socket=/s1", "state" }, nullptr, nullptr, "/s1:" },
+        { { "state" }, "/e1", nullptr, "/e1/dev/ps_socket/tovak" },
+        { { "state" }, nullptr, "/es", "/es:" },
+        // The option wins over the environment, whichever it names.
+        { { "state", "-r", "/r1" }, nullptr, "/es", "/r1/dev/ps_socket/tovak" },
+        { { "-s", "/s1", "state" }, "/e1", nullptr, "/s1:" },
+    };
+    for (const Case& c : cases) {
+        c.root_env ? setenv("TOVAK_ROOT", c.root_env, 1) : unsetenv("TOVAK_ROOT");
+        c.socket_env ? setenv("TOVAK_SOCKET", c.socket_env, 1) : unsetenv("TOVAK_SOCKET");
+        CtlRun r = ctl(c.args);
+        EXPECT_EQ(1, r.rc) << c.args[0];
+        EXPECT_NE(std::string::npos, r.err.find("cannot connect to " + std::string(c.connects))) << c.args[0] << ": " << r.err;
+    }
+    setenv("TOVAK_ROOT", "/e1", 1);
+    setenv("TOVAK_SOCKET", "/es", 1);
+    EXPECT_EQ(2, ctl({ "state" }).rc) << "two sockets named";
+    unsetenv("TOVAK_ROOT");
+    unsetenv("TOVAK_SOCKET");
+
+    // --json and --timeout after the subcommand; -- ends the options.
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             { "rm-event", "5", "--json" }, { "-j", "rm-event", "5" }, { "rm-event", "-t", "2", "-j", "5" },
+             { "rm-event", "--timeout=2", "--json", "--", "5" } }) {
+        Canned daemon({ { 0x07, { 0, "" } }, { 0x10, { 4, "00000000" } }, { 0x12, CONFIG_PATH }, { 0x08, { 0, "" } } });
+        CtlRun r = ctl(args, daemon.client_fd());
+        EXPECT_EQ(0, r.rc) << args[0] << ": " << r.err;
+        EXPECT_EQ(0u, r.out.find("{\"command\":\"rm-event\",\"id\":7")) << r.out;
+        auto own = std::find_if(daemon.requests.begin(), daemon.requests.end(),
+                                [](const tovak_pkt& p) { return p.cmd == 0x07; });
+        ASSERT_NE(own, daemon.requests.end());
+        EXPECT_EQ(bytes("0500"), std::string(reinterpret_cast<const char*>(own->data), own->len));
+    }
+}
+
+// Typos get the nearest names; words name categories; numbers that look
+// hex get the hint; masks are hex both ways.
+TEST(TovakctlArgs, SuggestionsNamesAndBases)
+{
+    const std::pair<std::vector<std::string>, const char*> refused[] = {
+        { { "evnets" }, "did you mean `events`?" },
+        { { "log-of" }, "`log-off`" },
+        { { "capture-comit" }, "did you mean `capture-commit`?" },
+        { { "--jsno", "state" }, "did you mean `--json`?" },
+        { { "state", "--rot", "/x" }, "did you mean `--root`?" },
+        { { "add-event", "5dc" }, "(hex? write 0x5dc)" },
+        { { "add-log", "10000" }, "from 0x0 to 0xffff" },
+        { { "add-msg", "5", "--mask", "1ffffffff" }, "bad mask '1ffffffff': expected a hex number from 0x0 to 0xffffffff" },
+        { { "category-rm", "sys" }, "or main, radio, events, system" },
+        { { "--root=", "state" }, "" },
+        { { "state", "--json=yes" }, "--json takes no value" },
+        { { "state", "-r" }, "-r needs a value" },
+        { { "zz" }, "unknown subcommand 'zz' (tovakctl" }, // nothing near
+    };
+    for (const auto& [args, says] : refused) {
+        CtlRun r = ctl(args);
+        if (args[0] == "--root=") {
+            EXPECT_NE(0, r.rc);
+            continue;
+        }
+        EXPECT_EQ(2, r.rc) << args[0];
+        EXPECT_NE(std::string::npos, r.err.find(says)) << args[0] << ": " << r.err;
+    }
+    struct Sent {
+        std::vector<std::string> args;
+        uint32_t id;
+        const char* request;
+    };
+    const Sent sent[] = {
+        { { "category-rm", "system" }, 0x37, "03000000" },
+        { { "category-add", "main" }, 0x36, "00000000" },
+        { { "capture-size", "events", "600000" }, 0x3b, "02000000 c0270900" },
+        { { "capture-size", "radio" }, 0x3c, "01000000" },
+        { { "add-msg", "5", "--mask", "18" }, 0x0c, "0500 18000000" },
+        { { "add-msg", "5", "--mask", "0x18" }, 0x0c, "0500 18000000" },
+    };
+    for (const Sent& x : sent) {
+        Canned daemon({ { x.id, UNTOUCHED }, { 0x10, { 4, "00000000" } }, { 0x12, CONFIG_PATH }, { 0x0e, { 0, "" } },
+                        { 0x38, { 16, "01000000010000000000000001000000" } } });
+        ctl(x.args, daemon.client_fd());
+        auto own = std::find_if(daemon.requests.begin(), daemon.requests.end(),
+                                [&](const tovak_pkt& p) { return p.cmd == x.id; });
+        ASSERT_NE(own, daemon.requests.end()) << x.args[0];
+        EXPECT_EQ(bytes(x.request), std::string(reinterpret_cast<const char*>(own->data), own->len)) << x.args[0];
+    }
+    // What a mask goes in as, it comes out as.
+    Canned daemon({ { 0x0e, { 8, "0500 0000 18000000" } }, { 0x38, { 8, "0000000001000000" } } });
+    CtlRun msgs = ctl({ "msgs" }, daemon.client_fd());
+    EXPECT_NE(std::string::npos, msgs.out.find("ssid 5 mask 0x0018 levels 3,4")) << msgs.out;
+    Canned cats({ { 0x38, { 8, "0000000001000000" } } });
+    CtlRun categories = ctl({ "categories" }, cats.client_fd());
+    EXPECT_EQ("0 main off\n1 radio on\n", categories.out);
+}
+
+// The nearest names: a swap, a letter missing or extra, a beginning; a
+// short word only one edit away; nothing far off.
+TEST(TovakctlArgs, NearestNames)
+{
+    const std::vector<std::string> names = ctl_subcommand_names();
+    const std::pair<const char*, std::vector<std::string>> cases[] = {
+        { "evnets", { "events" } },          // a swap counts one
+        { "sttaus", { "status" } },
+        { "capture-comit", { "capture-commit" } },
+        { "dpl-ad", { "dpl-add" } },
+        { "ra", { "raw" } },                 // short: one edit at most
+        { "xy", {} },
+        { "rangee", { "range" } },
+        { "categroies", { "categories" } },
+        { "frobnicate", {} },
+    };
+    for (const auto& [word, nearest] : cases)
+        EXPECT_EQ(nearest, ctl_nearest(word, names)) << word;
+    // At most three, the nearest first kept.
+    EXPECT_LE(ctl_nearest("log", names).size(), 3u);
+    EXPECT_EQ(std::vector<std::string>{ "--json" }, ctl_nearest("--jsno", { "--json", "--root", "--socket" }));
+}
+
 TEST(TovakctlRefusal, SaysWhatTheReplyShowedAndWhy)
 {
     struct Case {
@@ -219,7 +368,7 @@ TEST(TovakctlRefusal, SaysWhatTheReplyShowedAndWhy)
         { { "events" }, { { 0x08, UNTOUCHED }, { 0x3d, UNTOUCHED } }, 1, "start-up of modem logging failed" },
         { { "categories" }, { { 0x38, UNTOUCHED }, { 0x33, UNTOUCHED } }, 1, "capture did not start" },
         { { "log-on" }, { { 0x00, { 4, "00000000" } }, { 0x10, { 4, "00000000" } } }, 1, "logging is still off" },
-        { { "add-event", "5" }, {}, 1, "without a reply to 0x06, a command it knows" },
+        { { "add-event", "5" }, { { 0x10, { 4, "00000000" } }, { 0x12, CONFIG_PATH }, { 0x08, { 0, "" } } }, 3, "without a reply to 0x06, a command it knows" },
         { { "raw", "0x15" }, {}, 1, "it has no command 0x15" },
         { { "raw", "2" }, {}, 0, "ended the session, as asked" },
         { { "raw", "0x0f" }, { { 0x0f, { 4, "01020304" } } }, 0, "len 4\npayload 01020304" },
@@ -260,6 +409,53 @@ TEST(TovakctlTimeout, Exits3AndNamesTheStep)
         close(fd);
 }
 
+// What tovakd's log tells: only an output path it took, edits the modem
+// has not got, the modem's event count; a restart forgets all of it.
+TEST(TovakctlLog, FactsFromTheDaemonsLog)
+{
+    struct Case {
+        std::vector<const char*> messages;
+        const char* out_path;
+        int pending;
+        int64_t events;
+    };
+    // clang-format off
+    const Case cases[] = {
+        { {}, "", 0, -1 },
+        // Refused by the platform: no ADB_LOG line follows.
+        { { "DMLogging out_path_name is relative/x", "tovak_handler ERR >> 120" }, "", 0, -1 },
+        { { "DMLogging out_path_name is /sdcard/a", "ADB_LOG out_path_name is /sdcard/", "DMLogging out_path_name is bad" }, "/sdcard/a", 0, -1 },
+        { { "DMLogging out_path_name is /sdcard/a", "ADB_LOG out_path_name is /sdcard/", "[!] TOVAKD Started ver 1" }, "", 0, -1 },
+        { { "Number of event ID = 2200", ">> getVariousInfoOnEventLogMessage", "handler_add_event, event id = 5",
+            "handler_rm_log, log id = 16687", "handler_add_msg ssid = 0x5, mask = 0x18" }, "", 3, 2200 },
+        // A second log on sends nothing, so edits stay pending; a log off clears the masks.
+        { { "handler_rm_event, event id = 5", "process log_on", "Current log state is already LOG_STATE_START so do nothing" }, "", 1, -1 },
+        { { "handler_rm_msg ssid = 0x5", "process log_off" }, "", 0, -1 },
+        { { "handler_rm_msg ssid = 0x5", "process log_on", ">> getVariousInfoOnEventLogMessage" }, "", 0, -1 },
+        // Lines of other tags never count.
+        { { "handler_get_events output length = 5120" }, "", 0, -1 },
+    };
+    // clang-format on
+    for (const Case& c : cases) {
+        TempDir root;
+        ASSERT_EQ(0, system(("mkdir -p " + root.path() + "/sim").c_str()));
+        std::string text = "11-25 14:00:00.000  4  4 D OTHER   : handler_add_event, event id = 9\n";
+        for (const char* m : c.messages)
+            text += std::string("11-25 14:00:00.000  4  5 D TOVAK   : ") + m + "\n";
+        ASSERT_TRUE(write_file(root.path() + "/sim/logcat.txt", text));
+        CtlOptions opt;
+        opt.root = root.path();
+        CtlLogFacts f = ctl_log_facts(opt);
+        EXPECT_TRUE(f.known);
+        EXPECT_EQ(c.out_path, f.out_path) << text;
+        EXPECT_EQ(c.pending, f.pending_edits) << text;
+        EXPECT_EQ(c.events, f.event_count) << text;
+    }
+    CtlOptions nowhere;
+    nowhere.root = "/nonexistent";
+    EXPECT_FALSE(ctl_log_facts(nowhere).known);
+}
+
 TEST(TovakctlStatus, PointsAtWhatLooksWrong)
 {
     TempDir root;
@@ -285,21 +481,116 @@ TEST(TovakctlStatus, PointsAtWhatLooksWrong)
     EXPECT_NE(std::string::npos, r.out.find("/data/media/0/dm.cfg holds the negative <BufferSize> -5")) << r.out;
 }
 
+// The members the README promises in every --json object: command, id and
+// refused always, reply_len when a reply came, failure when none did.
+TEST(TovakctlJson, EverySubcommandHasTheDocumentedMembers)
+{
+    std::vector<std::vector<std::string>> runs = { { "status" }, { "raw", "0x0f" } };
+    for (const Exchange& x : exchanges)
+        runs.push_back(x.args);
+    std::map<uint32_t, Reply> answers;
+    for (const Exchange& x : exchanges)
+        answers.emplace(x.id, x.reply);
+    for (const auto& args : runs) {
+        for (bool answered : { true, false }) {
+            std::vector<std::string> with_json = args;
+            with_json.push_back("--json");
+            Canned daemon(answered ? answers : std::map<uint32_t, Reply>{});
+            CtlRun r = ctl(with_json, daemon.client_fd());
+            nlohmann::json j = nlohmann::json::parse(r.out, nullptr, false);
+            ASSERT_TRUE(j.is_object()) << args[0] << ": " << r.out << r.err;
+            EXPECT_EQ(ctl_first_word(args[0]) == "capture" ? args[0] + " " + args[1] : args[0], j["command"]) << r.out;
+            ASSERT_TRUE(j.contains("id")) << r.out;
+            EXPECT_TRUE(args[0] == "status" ? j["id"].is_null() : j["id"].is_number()) << r.out;
+            ASSERT_TRUE(j.contains("refused")) << r.out;
+            EXPECT_TRUE(j["refused"].is_boolean() || j["refused"] == "unknown") << r.out;
+            if (!answered) {
+                // Commands that ask first meet the closed session at their next send.
+                EXPECT_EQ(0u, j.value("failure", "").find("closed_")) << args[0] << ": " << r.out;
+                EXPECT_TRUE(j["error"].is_string()) << r.out;
+            } else if (args[0] != "status") {
+                EXPECT_TRUE(j["reply_len"].is_number()) << r.out;
+            } else {
+                EXPECT_TRUE(j["warnings"].is_array()) << r.out;
+            }
+        }
+    }
+}
+
 TEST(TovakctlHelp, HelpAndCompletionComeFromTheTable)
 {
-    CtlRun help = ctl({ "--help" }), completion = ctl({ "completion", "bash" });
+    // Help and completion never contact the daemon: the socket leads nowhere.
+    auto local = [](std::vector<std::string> args) {
+        args.insert(args.begin(), { "--socket", "/nonexistent/s" });
+        return ctl(args);
+    };
+    CtlRun help = local({ "--help" }), completion = local({ "completion", "bash" });
     EXPECT_EQ(0, help.rc);
+    EXPECT_NE(std::string::npos, help.out.find("\nlogging:\n  status ")) << "status first";
     for (size_t i = 0; i < tovak_command_count; i++) {
-        std::string name = tovak_commands[i].name;
-        EXPECT_NE(std::string::npos, help.out.find(name)) << name;
-        EXPECT_NE(std::string::npos, completion.out.find(name.substr(0, name.find(' ')) + " ")) << name;
-        CtlRun one = ctl({ name.substr(0, name.find(' ')), "--help" });
+        std::string name = tovak_commands[i].name, word = name.substr(0, name.find(' '));
+        EXPECT_NE(nullptr, ctl_group_of(word)) << word << " is in no group of --help";
+        EXPECT_NE(std::string::npos, help.out.find("\n  " + name)) << name;
+        CtlRun one = local({ word, "--help" });
         EXPECT_EQ(0, one.rc);
-        EXPECT_NE(std::string::npos, one.out.find("usage: tovakctl " + name.substr(0, name.find(' ')))) << one.out;
+        EXPECT_EQ(0u, one.out.find("usage: tovakctl " + word)) << one.out;
+        EXPECT_EQ(1u, count(one.out, "usage: ")) << "usage once: " << one.out;
+        EXPECT_NE(std::string::npos, one.out.find("\nExample: tovakctl " + word)) << one.out;
+        EXPECT_EQ(one.out, local({ "help", word }).out);
     }
+    // What changes something says when, and whether it lasts.
+    for (const char* word : { "add-event", "out-path", "category-rm", "log-size", "capture" }) {
+        std::string text = local({ word, "--help" }).out;
+        EXPECT_NE(std::string::npos, text.find("\nTakes effect: ")) << text;
+        EXPECT_NE(std::string::npos, text.find("\nSurvives a restart of tovakd: ")) << text;
+    }
+    EXPECT_NE(std::string::npos, local({ "out-path", "--help" }).out.find("restart of tovakd: no"));
+    EXPECT_NE(std::string::npos, local({ "add-event", "--help" }).out.find("at the next log on"));
+    EXPECT_EQ(0u, local({ "--version" }).out.find("tovakctl "));
+
     TempDir dir;
     ASSERT_TRUE(write_file(dir.path() + "/c.bash", completion.out));
     EXPECT_EQ(0, system(("bash -n " + dir.path() + "/c.bash").c_str()));
+    CtlRun zsh = local({ "completion", "zsh" });
+    EXPECT_EQ(2, zsh.rc);
+    EXPECT_NE(std::string::npos, zsh.err.find("only bash")) << zsh.err;
+
+    // Values: names, and the ids dm.cfg holds for the remove commands.
+    ASSERT_EQ(0, system(("mkdir -p " + dir.path() + "/data/media/0").c_str()));
+    ASSERT_TRUE(write_file(dir.path() + "/data/media/0/dm.cfg",
+                           "<EventIDs>\n01498, 00007\n</EventIDs>\n<LogCodes>0x412f</LogCodes>\n"
+                           "<MessageLevels>\n00005/03,00005/04,03006/03\n</MessageLevels>\n"));
+    const std::pair<const char*, const char*> values[] = {
+        { "rm-event", "1498\n7\n" }, { "rm-log", "0x412f\n" }, { "rm-msg", "5\n3006\n" },
+        { "category-rm", "main\nradio\nevents\nsystem\n" }, { "capture", "on\noff\n" }, { "dpl", "on\noff\n" },
+    };
+    for (const auto& [word, expect] : values)
+        EXPECT_EQ(expect, ctl({ "-r", dir.path(), "completion", "values", word }).out) << word;
+}
+
+// The manual pages the build makes and installs render without a warning.
+TEST(TovakctlHelp, ManualPagesRender)
+{
+    if (system("command -v groff >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "groff is not installed";
+    std::string man_dir = SimDevice::bin("tovakctl");
+    man_dir = man_dir.substr(0, man_dir.rfind("/bin/")) + "/man";
+    for (const char* page : { "tovakctl.1", "tovak-sim.1" }) {
+        std::string path = man_dir + "/" + page;
+        ASSERT_TRUE(file_exists(path)) << path;
+        TempDir dir;
+        std::string out = dir.path() + "/out", err = dir.path() + "/err";
+        // -P-cbou: plain text, without the terminal's overstrikes.
+        ASSERT_EQ(0, system(("groff -man -Tutf8 -P-cbou -ww " + path + " >" + out + " 2>" + err).c_str()));
+        EXPECT_EQ("", read_file(err)) << page;
+        EXPECT_NE(std::string::npos, read_file(out).find("SYNOPSIS")) << page;
+        if (std::string(page) != "tovakctl.1")
+            continue;
+        std::string text = read_file(out);
+        for (size_t i = 0; i < tovak_command_count; i++)
+            EXPECT_TRUE(std::regex_search(text, std::regex("\n +" + std::string(tovak_commands[i].name) + "[ \n]")))
+                << tovak_commands[i].name;
+    }
 }
 
 } // namespace

@@ -1,0 +1,295 @@
+// What a command did on the phone, beyond what its reply holds: tovakctl
+// asks over the same session before and after it, and looks at the
+// device's files where it can see them.
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+
+#include "tovakctl.h"
+
+// Where the platform writes the modem log until an output path is set.
+#define DEFAULT_MODEM_LOG_DIR "/sdcard/diag_logs"
+// Where capture commits go until an output path is set.
+#define DEFAULT_CAPTURE_DIR "/sdcard/syslog"
+
+namespace {
+
+bool is(const TovakCommand& row, uint32_t id)
+{
+    return row.id == id;
+}
+
+bool edits_items(const TovakCommand& row)
+{
+    switch (row.id) {
+    case CMD_ADD_EVENT: case CMD_RM_EVENT: case CMD_ADD_LOG: case CMD_RM_LOG: case CMD_ADD_MSG: case CMD_RM_MSG:
+        return true;
+    }
+    return false;
+}
+
+// Regular files directly in dir, with their sizes.
+std::map<std::string, long long> list_files(const std::string& dir)
+{
+    std::map<std::string, long long> files;
+    DIR* d = opendir(dir.c_str());
+    for (dirent* e; d && (e = readdir(d));) {
+        struct stat st;
+        std::string path = dir + "/" + e->d_name;
+        if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode))
+            files[path] = st.st_size;
+    }
+    if (d)
+        closedir(d);
+    return files;
+}
+
+std::string read_text(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::string parent_dir(const std::string& path)
+{
+    size_t slash = path.rfind('/');
+    return slash == std::string::npos || slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::string strip_slash(std::string dir)
+{
+    while (dir.size() > 1 && dir.back() == '/')
+        dir.pop_back();
+    return dir;
+}
+
+// The device's path for a file seen here.
+std::string device_name(const CtlOptions& opt, const std::string& file)
+{
+    std::string media = opt.root + "/data/media/0/";
+    if (!opt.root.empty() && file.compare(0, media.size(), media) == 0)
+        return "/sdcard/" + file.substr(media.size());
+    return opt.root.empty() ? file : file.substr(opt.root.size());
+}
+
+} // namespace
+
+std::string ctl_config_element(const std::string& file, const std::string& tag)
+{
+    std::ifstream in(file);
+    std::string text, line;
+    while (std::getline(in, line))
+        text += line.substr(0, line.find('#')) + "\n";
+    size_t open = text.find("<" + tag + ">");
+    size_t close = open == std::string::npos ? open : text.find("</" + tag + ">", open);
+    if (close == std::string::npos)
+        return "";
+    std::string value = text.substr(open + tag.size() + 2, close - open - tag.size() - 2);
+    value.erase(std::remove_if(value.begin(), value.end(), [](char ch) { return ch == '\n' || ch == ' ' || ch == '\t'; }),
+                value.end());
+    return value;
+}
+
+CtlEffects::CtlEffects(const CtlOptions& opt, TovakClient& client, const TovakCommand& row, const TovakArgs& args)
+    : opt_(opt), client_(client), row_(row), args_(args)
+{
+}
+
+std::vector<std::string> CtlEffects::watched_dirs() const
+{
+    std::vector<std::string> dirs;
+    std::string out = ctl_log_facts(opt_).out_path;
+    bool capture = is(row_, CMD_ADBLOG_COMMIT);
+    dirs.push_back(capture ? DEFAULT_CAPTURE_DIR : DEFAULT_MODEM_LOG_DIR);
+    if (!out.empty())
+        dirs.push_back(strip_slash(capture ? parent_dir(out) : out));
+    std::vector<std::string> files;
+    for (const std::string& d : dirs) {
+        std::string f = ctl_device_file(opt_, d);
+        if (!f.empty() && std::find(files.begin(), files.end(), f) == files.end())
+            files.push_back(f);
+    }
+    return files;
+}
+
+void CtlEffects::before()
+{
+    if (edits_items(row_) || is(row_, CMD_LOG_ON) || is(row_, CMD_LOG_OFF) || is(row_, CMD_COMMIT_LOG))
+        client_.get_log_state(&logging_);
+    if (edits_items(row_)) {
+        std::string path;
+        if (client_.get_config_file(&path).done())
+            config_ = ctl_device_file(opt_, path);
+        config_before_ = config_.empty() ? "" : read_text(config_);
+        uint16_t id = uint16_t(args_[0].num);
+        if (is(row_, CMD_ADD_EVENT) || is(row_, CMD_RM_EVENT)) {
+            std::vector<uint16_t> ids;
+            known_ = client_.get_events(&ids).done();
+            present_ = std::count(ids.begin(), ids.end(), id) > 0;
+        } else if (is(row_, CMD_ADD_LOG) || is(row_, CMD_RM_LOG)) {
+            std::vector<uint16_t> ids;
+            known_ = client_.get_logs(&ids).done();
+            present_ = std::count(ids.begin(), ids.end(), id) > 0;
+        } else {
+            std::vector<TovakMsgEntry> msgs;
+            known_ = client_.get_msgs(&msgs).done();
+            for (const TovakMsgEntry& m : msgs)
+                if (m.ssid == id) {
+                    present_ = true;
+                    // The listing holds only the low 16 bits.
+                    same_mask_ = is(row_, CMD_ADD_MSG) && args_[1].num <= 0xffff && m.mask == uint32_t(args_[1].num);
+                }
+        }
+    } else if (is(row_, CMD_ADBLOG_ON) || is(row_, CMD_ADBLOG_OFF) || is(row_, CMD_ADBLOG_COMMIT)) {
+        known_ = client_.get_capture_state(&capture_).done();
+    } else if (is(row_, CMD_ADBLOG_ADD_CATEGORY) || is(row_, CMD_ADBLOG_RM_CATEGORY)) {
+        std::vector<bool> enabled;
+        known_ = client_.get_categories(&enabled).done() && args_[0].num < int64_t(enabled.size());
+        present_ = known_ && enabled[size_t(args_[0].num)];
+    } else if (is(row_, CMD_GET_AUTOSAVE) || is(row_, CMD_SET_AUTOSAVE)) {
+        uint32_t v = 0;
+        known_ = client_.get_autosave(&v).done();
+        present_ = v != 0;
+    } else if (is(row_, CMD_DPL_SET_STATE)) {
+        known_ = client_.get_dpl_state(&present_).done();
+    }
+    if (is(row_, CMD_COMMIT_LOG) || is(row_, CMD_LOG_OFF) || is(row_, CMD_ADBLOG_COMMIT))
+        for (const std::string& dir : watched_dirs())
+            for (const auto& f : list_files(dir))
+                files_before_.insert(f.first);
+}
+
+void CtlEffects::unchanged(const std::string& why, CtlEffect* e)
+{
+    e->lines.push_back("nothing changed: " + why);
+    e->json.emplace_back("changed", "false");
+}
+
+void CtlEffects::after(TovakShown* shown, CtlEffect* e)
+{
+    bool worked = shown->verdict == TovakVerdict::done || shown->verdict == TovakVerdict::unknown;
+    if (!worked)
+        return;
+    const bool asked_on = !args_.empty() && args_[0].num != 0;
+    if (edits_items(row_)) {
+        bool adds = is(row_, CMD_ADD_EVENT) || is(row_, CMD_ADD_LOG) || is(row_, CMD_ADD_MSG);
+        if (known_ && adds && present_ && (!is(row_, CMD_ADD_MSG) || same_mask_))
+            unchanged("it was already there", e);
+        else if (known_ && !adds && !present_)
+            unchanged("it was not there", e);
+        else if (known_)
+            e->json.emplace_back("changed", "true");
+        bool changed = known_ && !(adds ? present_ && (!is(row_, CMD_ADD_MSG) || same_mask_) : !present_);
+        if (changed && !config_.empty() && read_text(config_) == config_before_) {
+            std::string warning = "tovakd could not save it: " + device_name(opt_, config_) + " did not change "
+                                  "(read-only, or full?); the change lasts only until tovakd restarts";
+            e->warnings.push_back(warning);
+            e->json.emplace_back("warning", tovak_json_string(warning));
+            e->json.emplace_back("saved", "false");
+        } else if (logging_) {
+            e->lines.push_back("saved in the configuration file; the modem gets it at the next log on, not now "
+                               "(to apply it now: tovakctl log-off, then tovakctl log-on)");
+            e->json.emplace_back("pending", "true");
+        } else {
+            e->lines.push_back("saved in the configuration file; the modem gets it at the next log on");
+            e->json.emplace_back("pending", "false");
+        }
+        limit_warning(e);
+    } else if (is(row_, CMD_LOG_ON) && logging_) {
+        unchanged("logging was already on, so tovakd sent nothing to the modem (edits made since the last log on "
+                  "reach it after tovakctl log-off, then tovakctl log-on)",
+                  e);
+    } else if (is(row_, CMD_LOG_OFF) && !logging_) {
+        // The state check after log-off cannot tell this apart.
+        *shown = { TovakVerdict::refused, "logging was already off: tovakd refuses a log off then" };
+    } else if ((is(row_, CMD_ADBLOG_ON) || is(row_, CMD_ADBLOG_OFF)) && known_ && capture_ == is(row_, CMD_ADBLOG_ON)) {
+        unchanged(std::string("capture was already ") + (capture_ ? "on" : "off"), e);
+    } else if (is(row_, CMD_ADBLOG_COMMIT) && known_ && !capture_) {
+        *shown = { TovakVerdict::refused, "capture is off, and tovakd commits nothing then (tovakctl capture on)" };
+        return;
+    } else if ((is(row_, CMD_ADBLOG_ADD_CATEGORY) || is(row_, CMD_ADBLOG_RM_CATEGORY)) && known_) {
+        bool add = is(row_, CMD_ADBLOG_ADD_CATEGORY);
+        std::vector<bool> enabled;
+        // The reply never tells; the categories do.
+        if (client_.get_categories(&enabled).done() && size_t(args_[0].num) < enabled.size())
+            *shown = enabled[size_t(args_[0].num)] == add
+                         ? TovakShown{ TovakVerdict::done, "" }
+                         : TovakShown{ TovakVerdict::refused, std::string("the category is still ") + (add ? "off" : "on") };
+        if (present_ == add)
+            unchanged(std::string("the category was already ") + (add ? "on" : "off"), e);
+        e->lines.push_back(std::string("category ") + (add ? "on" : "off") + " until tovakd restarts, unless tovakctl categories-save follows");
+    } else if (is(row_, CMD_SET_AUTOSAVE) && known_ && present_ == asked_on) {
+        unchanged(std::string("autosave was already ") + (present_ ? "on" : "off"), e);
+    } else if (is(row_, CMD_LOG_SIZE)) {
+        log_size(e);
+    }
+    if (is(row_, CMD_COMMIT_LOG) || is(row_, CMD_LOG_OFF) || is(row_, CMD_ADBLOG_COMMIT))
+        new_files(shown, e);
+}
+
+void CtlEffects::limit_warning(CtlEffect* e)
+{
+    // Only the event count shows in tovakd's log (at a log on); a log
+    // code's equipment limits do not.
+    CtlLogFacts facts = ctl_log_facts(opt_);
+    int64_t id = args_[0].num;
+    if (is(row_, CMD_ADD_EVENT) && facts.event_count > 0 && id >= facts.event_count) {
+        std::string warning = "the modem reports " + std::to_string(facts.event_count) + " event ids (0 to " +
+                              std::to_string(facts.event_count - 1) + "): it will not log event " + std::to_string(id);
+        e->warnings.push_back(warning);
+        e->json.emplace_back("warning", tovak_json_string(warning));
+    }
+}
+
+void CtlEffects::log_size(CtlEffect* e)
+{
+    std::string path, kept;
+    if (client_.get_config_file(&path).done()) {
+        std::string file = ctl_device_file(opt_, path);
+        if (!file.empty())
+            kept = ctl_config_element(file, "BufferSize");
+    }
+    e->lines.push_back("size asked " + std::to_string(args_[0].num) + " bytes, in use " + std::to_string(taken_size) +
+                       " (what the platform took), dm.cfg keeps " + (kept.empty() ? "(not visible here)" : kept) +
+                       (kept == std::to_string(args_[0].num) && taken_size != args_[0].num
+                            ? " (the platform adjusts it again at every start)"
+                            : ""));
+    e->json.emplace_back("asked", std::to_string(args_[0].num));
+    e->json.emplace_back("in_use", std::to_string(taken_size));
+    e->json.emplace_back("config_keeps", kept.empty() ? "null" : kept);
+}
+
+void CtlEffects::new_files(TovakShown* shown, CtlEffect* e)
+{
+    bool capture = is(row_, CMD_ADBLOG_COMMIT);
+    std::vector<std::string> dirs = watched_dirs();
+    std::vector<std::string> items;
+    if (dirs.empty()) {
+        e->lines.push_back("the device's files are not visible from here, so tovakctl cannot list what was written");
+        return;
+    }
+    for (const std::string& dir : dirs)
+        for (const auto& [file, size] : list_files(dir))
+            if (files_before_.count(file) == 0) {
+                std::string name = device_name(opt_, file);
+                e->lines.push_back("wrote " + name + " (" + std::to_string(size) + " bytes)");
+                items.push_back(tovak_json_object({ { "path", tovak_json_string(name) }, { "size", std::to_string(size) } }));
+            }
+    e->json.emplace_back("files", tovak_json_array(items));
+    if (!items.empty()) {
+        if (capture)
+            *shown = { TovakVerdict::done, "" };
+        return;
+    }
+    if (is(row_, CMD_LOG_OFF))
+        e->lines.push_back("no modem log file was written: log off writes none (tovakctl commit does, before it)");
+    else if (capture)
+        e->lines.push_back("no capture file was written: the capture may hold nothing yet, or the commit failed");
+    else
+        e->lines.push_back(std::string("no modem log file was written") +
+                           (logging_ ? ": the commit failed, or the modem has sent nothing yet"
+                                     : ": logging is off, so the modem sent nothing to commit"));
+}
