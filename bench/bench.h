@@ -66,6 +66,8 @@ public:
     }
     bool failed() const { return failed_; }
     void print(FILE* out) const;
+    // The table as Markdown, with the date and the machine it was taken on.
+    void markdown(FILE* out) const;
     nlohmann::json json() const;
 
 private:

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <latch>
 #include <map>
 #include <thread>
@@ -99,6 +100,33 @@ void Report::print(FILE* out) const
         if (!f.note.empty())
             text += " (" + f.note + ")";
         fprintf(out, "%s\n", text.substr(0, text.find_last_not_of(' ') + 1).c_str());
+    }
+}
+
+void Report::markdown(FILE* out) const
+{
+    // Dated and placed, so a pasted table says where it came from.
+    char when[32] = "";
+    const time_t now = time(nullptr);
+    struct tm utc;
+    if (gmtime_r(&now, &utc) != nullptr)
+        strftime(when, sizeof when, "%Y-%m-%d %H:%M UTC", &utc);
+    nlohmann::json m = machine_info();
+    fprintf(out, "Taken %s on %ld cores, %s, %s.\n\n", when, m["cores"].get<long>(), m["cpu"].get<std::string>().c_str(),
+            m["kernel"].get<std::string>().c_str());
+    for (const std::string& n : notes_)
+        fprintf(out, "- %s\n", n.c_str());
+    if (!notes_.empty())
+        fprintf(out, "\n");
+    fprintf(out, "| figure | tovakd | baseline | baseline value | ratio | goal | met |\n|---|---|---|---|---|---|---|\n");
+    for (const Figure& f : figures_) {
+        const int met = f.met();
+        const std::string verdict = f.goal.kind == Goal::none ? "" : met < 0 ? "?" : met ? "yes" : "**no**";
+        std::string name = label(f);
+        if (!f.note.empty())
+            name += " (" + f.note + ")";
+        fprintf(out, "| %s | %s | %s | %s | %s | %s | %s |\n", name.c_str(), number(f.value).c_str(), f.baseline.c_str(),
+                number(f.base).c_str(), number(f.ratio()).c_str(), f.goal.text().c_str(), verdict.c_str());
     }
 }
 

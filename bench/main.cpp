@@ -22,10 +22,11 @@ const Section SECTIONS[] = {
 void usage(FILE* out)
 {
     fprintf(out,
-            "usage: tovak-bench [--json] [--quick] [--only SECTION,...] [--faults] [--logread-mb N]\n"
+            "usage: tovak-bench [--json | --markdown] [--quick] [--only SECTION,...] [--faults] [--logread-mb N]\n"
             "  Measures tovakd on simulated devices against baselines taken in the same run\n"
             "  and prints one table: each figure, its baseline, the ratio and the goal.\n"
             "  --json      the same as JSON\n"
+            "  --markdown  the same as a Markdown table, dated, for bench/README.md\n"
             "  --quick     a fifth of the work, to try things out (figures are rougher)\n"
             "  --only      sections: roundtrip, capture, edits, logon, idle, logread\n"
             "  --faults    instead of the sections: other sessions' p99 while a fault is\n"
@@ -57,10 +58,13 @@ int main(int argc, char** argv)
 {
     Options opt;
     bool json = false;
+    bool markdown = false;
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
         if (a == "--json") {
             json = true;
+        } else if (a == "--markdown") {
+            markdown = true;
         } else if (a == "--quick") {
             opt.quick = true;
         } else if (a == "--logread-mb" && i + 1 < argc) {
@@ -110,6 +114,8 @@ int main(int argc, char** argv)
     }
     if (json) {
         printf("%s\n", report.json().dump(1).c_str());
+    } else if (markdown) {
+        report.markdown(stdout);
     } else {
         nlohmann::json m = machine_info();
         printf("machine: %ld cores, %s, %s\n", m["cores"].get<long>(), m["cpu"].get<std::string>().c_str(),

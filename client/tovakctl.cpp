@@ -337,6 +337,8 @@ int parse_options(const std::vector<std::string>& args, Ctl& c, std::vector<std:
         }
         if (a == "--") {
             rest = true;
+            if (!words->empty() && (*words)[0] == "log-read")
+                words->push_back(a);
             continue;
         }
         std::string name = a.substr(0, a.find('=')), value;

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# bench.sh [--json] [--quick] [--only SECTION,...] [--faults]: builds a
+# bench.sh [--json | --markdown] [--quick] [--only SECTION,...] [--faults]: builds a
 # Release tree (build-release) and prints the benchmark table: each figure
 # of tovakd, its baseline measured in the same run, the ratio and the goal.
 # A few minutes on two cores; not part of the tests.

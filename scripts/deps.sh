@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ libgtest-dev googletest bubblewrap nlohmann-json3-dev procps clang-14 libclang-rt-14-dev tshark
-    blueprint-tools checkpolicy setools m4 android-liblog-dev android-libcutils-dev)
+    blueprint-tools checkpolicy setools m4 android-liblog-dev android-libcutils-dev clang-format-14 groff)
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # test.sh [STAGE...]: builds and runs the tests in stages, in this order:
-#   plain  every test, plain build
+#   plain  the format check, then every test, plain build
 #   asan   every test under AddressSanitizer and UndefinedBehaviorSanitizer
 #   tsan   the concurrent tests (ctest label "concurrent") under ThreadSanitizer
 #   fuzz   each libFuzzer target for TOVAK_FUZZ_SECONDS (default 45) with
@@ -33,6 +33,11 @@ end() {
 
 plain() {
     begin "plain build"
+    "$top/scripts/format.sh" --check >/dev/null || {
+        "$top/scripts/format.sh" --check | tail -n 20
+        echo "test.sh: C++ files not formatted; scripts/format.sh formats them"
+        return 1
+    }
     "$top/scripts/build.sh" "$top/build"
     ctest --test-dir "$top/build" -j "$jobs" --output-on-failure --timeout 600
     end plain

@@ -57,6 +57,15 @@ bool lock_held(const std::string& root)
     return held;
 }
 
+bool socket_answers(const std::string& root)
+{
+    int fd = unix_socket_connect((root + "/" SIM_CLIENT_SOCKET).c_str(), 200);
+    if (fd < 0)
+        return false;
+    close(fd);
+    return true;
+}
+
 void sleep_ms(int ms)
 {
     std::this_thread::sleep_for(std::chrono::milliseconds(ms));
@@ -200,7 +209,9 @@ int down(const std::string& root)
     if (kill(pid, SIGTERM) != 0)
         die("cannot stop the launcher (pid " + std::to_string(pid) + "): " + strerror(errno));
     for (int64_t deadline = now_ms() + SERVICE_WAIT_MS; now_ms() < deadline; sleep_ms(20)) {
-        if (!lock_held(root)) {
+        // The sandbox's last processes may outlive the launcher by a moment:
+        // stopped means nothing answers on the socket either.
+        if (!lock_held(root) && !socket_answers(root)) {
             printf("tovak-sim: stopped: tovakd, the device simulator and the sandbox on %s\n", root.c_str());
             return 0;
         }
