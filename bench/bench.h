@@ -24,10 +24,10 @@ double seconds_between(Clock::time_point from, Clock::time_point to);
 double percentile(const std::vector<double>& sorted, double p);
 
 struct Options {
-    bool quick = false;  // a few seconds in all, for trying the program out
-    bool faults = false; // the fault runs instead of the table's figures
+    bool quick = false;            // a few seconds in all, for trying the program out
+    bool faults = false;           // the fault runs instead of the table's figures
     std::vector<std::string> only; // sections to run; empty: all
-    int logread_mb = 8; // size of the generated files the log reading section reads
+    int logread_mb = 8;            // size of the generated files the log reading section reads
     bool wants(const char* section) const;
     // n, or a fifth of it (at least 1) when quick.
     int count(int n) const { return quick ? std::max(1, n / 5) : n; }

@@ -240,6 +240,6 @@ void bench_capture(const Options& opt, Report& report)
     std::string order = tovakd.got.ordered ? "" : "entries out of order";
     report.add({ "capture", "entries/s", tovakd.rate(), "cat", cat.rate(), { Goal::ratio_at_least, 0.9 }, order });
     report.add({ "capture", "MB/s", tovakd.mb_rate(), "cat", cat.mb_rate(), {}, "" });
-    report.add({ "capture", "entries lost", double(tovakd.lost()), "cat", double(cat.lost()), { Goal::value_below, 1 },
-                 "" });
+    report.add(
+        { "capture", "entries lost", double(tovakd.lost()), "cat", double(cat.lost()), { Goal::value_below, 1 }, "" });
 }

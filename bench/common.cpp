@@ -112,21 +112,23 @@ void Report::markdown(FILE* out) const
     if (gmtime_r(&now, &utc) != nullptr)
         strftime(when, sizeof when, "%Y-%m-%d %H:%M UTC", &utc);
     nlohmann::json m = machine_info();
-    fprintf(out, "Taken %s on %ld cores, %s, %s.\n\n", when, m["cores"].get<long>(), m["cpu"].get<std::string>().c_str(),
-            m["kernel"].get<std::string>().c_str());
+    fprintf(out, "Taken %s on %ld cores, %s, %s.\n\n", when, m["cores"].get<long>(),
+            m["cpu"].get<std::string>().c_str(), m["kernel"].get<std::string>().c_str());
     for (const std::string& n : notes_)
         fprintf(out, "- %s\n", n.c_str());
     if (!notes_.empty())
         fprintf(out, "\n");
-    fprintf(out, "| figure | tovakd | baseline | baseline value | ratio | goal | met |\n|---|---|---|---|---|---|---|\n");
+    fprintf(out,
+            "| figure | tovakd | baseline | baseline value | ratio | goal | met |\n|---|---|---|---|---|---|---|\n");
     for (const Figure& f : figures_) {
         const int met = f.met();
         const std::string verdict = f.goal.kind == Goal::none ? "" : met < 0 ? "?" : met ? "yes" : "**no**";
         std::string name = label(f);
         if (!f.note.empty())
             name += " (" + f.note + ")";
-        fprintf(out, "| %s | %s | %s | %s | %s | %s | %s |\n", name.c_str(), number(f.value).c_str(), f.baseline.c_str(),
-                number(f.base).c_str(), number(f.ratio()).c_str(), f.goal.text().c_str(), verdict.c_str());
+        fprintf(out, "| %s | %s | %s | %s | %s | %s | %s |\n", name.c_str(), number(f.value).c_str(),
+                f.baseline.c_str(), number(f.base).c_str(), number(f.ratio()).c_str(), f.goal.text().c_str(),
+                verdict.c_str());
     }
 }
 

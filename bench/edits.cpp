@@ -73,8 +73,8 @@ void bench_edits(const Options& opt, Report& report)
         report.error(errors > 0 ? "edits: add-event commands failed" : "edits: the atomic save failed");
         return;
     }
-    report.note("edits: " + std::to_string(n) + " add-event commands, one client, in turns of " +
-                std::to_string(turn) + " with as many saves; dm.cfg of " + std::to_string(cfg.size()) + " bytes");
-    report.add({ "edits (0x06)", "commands/s", n / daemon_s, "atomic save", n / save_s, { Goal::ratio_at_least, 0.8 },
-                 "" });
+    report.note("edits: " + std::to_string(n) + " add-event commands, one client, in turns of " + std::to_string(turn) +
+                " with as many saves; dm.cfg of " + std::to_string(cfg.size()) + " bytes");
+    report.add(
+        { "edits (0x06)", "commands/s", n / daemon_s, "atomic save", n / save_s, { Goal::ratio_at_least, 0.8 }, "" });
 }

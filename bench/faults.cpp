@@ -45,18 +45,27 @@ const Fault FAULTS[] = {
     { "stalled logger", for_buffers("on"), for_buffers("off"), false,
       [](TovakClient& c) { return c.capture_commit().status == TovakStatus::ok; } },
     // No logd: every log line the sessions write has nowhere to go.
-    { "absent logger", { { "fault", "logger-absent", "on" } }, { { "fault", "logger-absent", "off" } }, false,
+    { "absent logger",
+      { { "fault", "logger-absent", "on" } },
+      { { "fault", "logger-absent", "off" } },
+      false,
       [](TovakClient& c) {
           bool on;
           return c.get_log_state(&on).status == TovakStatus::ok;
       } },
     // Saves and capture commits fail for want of room.
-    { "full disk", { { "disk", "fill", "/sdcard" } }, { { "disk", "free", "/sdcard" } }, true,
+    { "full disk",
+      { { "disk", "fill", "/sdcard" } },
+      { { "disk", "free", "/sdcard" } },
+      true,
       [](TovakClient& c) {
           return c.add_event(1000).status == TovakStatus::ok && c.capture_commit().status == TovakStatus::ok;
       } },
     // Log on waits for answers that never come.
-    { "silent modem", { { "fault", "silent", "on" } }, { { "fault", "silent", "off" } }, false,
+    { "silent modem",
+      { { "fault", "silent", "on" } },
+      { { "fault", "silent", "off" } },
+      false,
       [](TovakClient& c) { return c.log_on().status == TovakStatus::ok; } },
 };
 
@@ -113,8 +122,9 @@ RoundTrips others(const SimDevice& dev, const Fault& fault, int per_client)
 
 void run_fault(const Options& opt, Report& report, const Fault& fault, bool can_mount, const std::string& no_mount)
 {
-    Figure f{ std::string("fault: ") + fault.name, "others' p99 us", NAN, "clean", NAN, { Goal::ratio_at_most, 2.0 },
-              "" };
+    Figure f{
+        std::string("fault: ") + fault.name, "others' p99 us", NAN, "clean", NAN, { Goal::ratio_at_most, 2.0 }, ""
+    };
     if (fault.small_sdcard && !can_mount) {
         f.note = "skipped: " + no_mount;
         report.add(f);

@@ -77,9 +77,9 @@ void bench_idle_sessions(const Options& opt, Report& report)
             break;
         fds.push_back(fd);
     }
-    bool all = int(fds.size()) == sessions &&
-               wait_until([&] { return proc_status(pid, "Threads") >= threads_alone + sessions; },
-                          std::chrono::seconds(60));
+    bool all =
+        int(fds.size()) == sessions &&
+        wait_until([&] { return proc_status(pid, "Threads") >= threads_alone + sessions; }, std::chrono::seconds(60));
     const long rss = proc_status(pid, "VmRSS");
     const long threads = proc_status(pid, "Threads");
     std::vector<double> crowded = new_clients(dev.socket_path(), probes, &errors);
@@ -91,10 +91,15 @@ void bench_idle_sessions(const Options& opt, Report& report)
         return;
     }
     const std::string with = "with " + std::to_string(sessions) + " idle";
-    report.add({ what, "daemon RSS MB", rss / 1024.0, "no session", rss_alone / 1024.0, { Goal::value_below, 200 },
+    report.add({ what,
+                 "daemon RSS MB",
+                 rss / 1024.0,
+                 "no session",
+                 rss_alone / 1024.0,
+                 { Goal::value_below, 200 },
                  std::to_string(threads) + " threads" });
-    report.add({ "new client " + with, "p50 us", percentile(crowded, 0.5), "none idle", percentile(alone, 0.5), {},
-                 "" });
-    report.add({ "new client " + with, "p99 us", percentile(crowded, 0.99), "none idle", percentile(alone, 0.99), {},
-                 "" });
+    report.add(
+        { "new client " + with, "p50 us", percentile(crowded, 0.5), "none idle", percentile(alone, 0.5), {}, "" });
+    report.add(
+        { "new client " + with, "p99 us", percentile(crowded, 0.99), "none idle", percentile(alone, 0.99), {}, "" });
 }

@@ -139,8 +139,12 @@ void bench_log_on(const Options& opt, Report& report)
         LogOnTimes t;
         if (!measure(opt, report, factory, &t))
             continue;
-        report.add({ factory ? "log on, factory dm.cfg" : "log on, built-in config", "ms (worst)", t.worst_ms,
-                     "its " + std::to_string(t.requests) + " diag requests", t.replay_ms, { Goal::value_below, 50 },
+        report.add({ factory ? "log on, factory dm.cfg" : "log on, built-in config",
+                     "ms (worst)",
+                     t.worst_ms,
+                     "its " + std::to_string(t.requests) + " diag requests",
+                     t.replay_ms,
+                     { Goal::value_below, 50 },
                      "" });
     }
 }

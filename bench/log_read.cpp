@@ -1,9 +1,9 @@
 // Log reading: tovakctl log-read listing a generated modem log, against
 // tshark -r listing a generated capture of the same size; and tovakctl's
 // peak memory at that size against an eighth of it.
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -52,7 +52,8 @@ Child run_quiet(const std::vector<std::string>& argv)
     c.max_rss_kb = ru.ru_maxrss;
     c.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
     if (!c.ok)
-        c.why = argv[0] + " exited with " + std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
+        c.why = argv[0] + " exited with " +
+                std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
     return c;
 }
 
@@ -146,7 +147,8 @@ void bench_log_read(const Options& opt, Report& report)
         Child a = run_quiet({ ctl, "log-read", log });
         Child b = run_quiet({ tshark, "-r", pcap });
         Child s = run_quiet({ ctl, "log-read", small });
-        for (auto [got, best] : { std::pair{ &a, &best_ctl }, std::pair{ &b, &best_tshark }, std::pair{ &s, &best_small } }) {
+        for (auto [got, best] :
+             { std::pair{ &a, &best_ctl }, std::pair{ &b, &best_tshark }, std::pair{ &s, &best_small } }) {
             if (!got->ok) {
                 report.error("log read: " + got->why);
                 return;

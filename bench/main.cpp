@@ -15,24 +15,23 @@ struct Section {
 };
 
 const Section SECTIONS[] = {
-    { "roundtrip", bench_round_trips }, { "capture", bench_capture }, { "edits", bench_edits },
-    { "logon", bench_log_on },         { "idle", bench_idle_sessions }, { "logread", bench_log_read },
+    { "roundtrip", bench_round_trips }, { "capture", bench_capture },    { "edits", bench_edits },
+    { "logon", bench_log_on },          { "idle", bench_idle_sessions }, { "logread", bench_log_read },
 };
 
 void usage(FILE* out)
 {
-    fprintf(out,
-            "usage: tovak-bench [--json | --markdown] [--quick] [--only SECTION,...] [--faults] [--logread-mb N]\n"
-            "  Measures tovakd on simulated devices against baselines taken in the same run\n"
-            "  and prints one table: each figure, its baseline, the ratio and the goal.\n"
-            "  --json      the same as JSON\n"
-            "  --markdown  the same as a Markdown table, dated, for bench/README.md\n"
-            "  --quick     a fifth of the work, to try things out (figures are rougher)\n"
-            "  --only      sections: roundtrip, capture, edits, logon, idle, logread\n"
-            "  --faults    instead of the sections: other sessions' p99 while a fault is\n"
-            "              injected (stalled logger, absent logger, full disk, silent modem)\n"
-            "  --logread-mb  size in MiB of the files logread reads (default 8; 500 for\n"
-            "              the full measure)\n");
+    fprintf(out, "usage: tovak-bench [--json | --markdown] [--quick] [--only SECTION,...] [--faults] [--logread-mb N]\n"
+                 "  Measures tovakd on simulated devices against baselines taken in the same run\n"
+                 "  and prints one table: each figure, its baseline, the ratio and the goal.\n"
+                 "  --json      the same as JSON\n"
+                 "  --markdown  the same as a Markdown table, dated, for bench/README.md\n"
+                 "  --quick     a fifth of the work, to try things out (figures are rougher)\n"
+                 "  --only      sections: roundtrip, capture, edits, logon, idle, logread\n"
+                 "  --faults    instead of the sections: other sessions' p99 while a fault is\n"
+                 "              injected (stalled logger, absent logger, full disk, silent modem)\n"
+                 "  --logread-mb  size in MiB of the files logread reads (default 8; 500 for\n"
+                 "              the full measure)\n");
 }
 
 // 10,000 idle sessions need as many descriptors here and in the daemon,

@@ -146,8 +146,7 @@ void bench_round_trips(const Options& opt, Report& report)
         const RoundTrips &d = tovakd.at[i], &r = raw.at[i], &l = logged.at[i];
         std::string name = "round trips " + std::to_string(CLIENTS[i]) + (CLIENTS[i] == 1 ? " client" : " clients");
         bool goals = CLIENTS[i] <= 16;
-        add(report, name, "req/s", d.rate(), l.rate(), r.rate(),
-            goals ? Goal{ Goal::ratio_at_least, 0.8 } : Goal{});
+        add(report, name, "req/s", d.rate(), l.rate(), r.rate(), goals ? Goal{ Goal::ratio_at_least, 0.8 } : Goal{});
         add(report, name, "p50 us", d.p50_us, l.p50_us, r.p50_us);
         add(report, name, "p99 us", d.p99_us, l.p99_us, r.p99_us,
             CLIENTS[i] == 16 ? Goal{ Goal::ratio_at_most, 2.0 } : Goal{});

@@ -25,7 +25,12 @@ bool is(const TovakCommand& row, uint32_t id)
 bool edits_items(const TovakCommand& row)
 {
     switch (row.id) {
-    case CMD_ADD_EVENT: case CMD_RM_EVENT: case CMD_ADD_LOG: case CMD_RM_LOG: case CMD_ADD_MSG: case CMD_RM_MSG:
+    case CMD_ADD_EVENT:
+    case CMD_RM_EVENT:
+    case CMD_ADD_LOG:
+    case CMD_RM_LOG:
+    case CMD_ADD_MSG:
+    case CMD_RM_MSG:
         return true;
     }
     return false;
@@ -88,7 +93,8 @@ std::string ctl_config_element(const std::string& file, const std::string& tag)
     if (close == std::string::npos)
         return "";
     std::string value = text.substr(open + tag.size() + 2, close - open - tag.size() - 2);
-    value.erase(std::remove_if(value.begin(), value.end(), [](char ch) { return ch == '\n' || ch == ' ' || ch == '\t'; }),
+    value.erase(std::remove_if(value.begin(), value.end(),
+                               [](char ch) { return ch == '\n' || ch == ' ' || ch == '\t'; }),
                 value.end());
     return value;
 }
@@ -184,7 +190,8 @@ void CtlEffects::after(TovakShown* shown, CtlEffect* e)
             e->json.emplace_back("changed", "true");
         bool changed = known_ && !(adds ? present_ && (!is(row_, CMD_ADD_MSG) || same_mask_) : !present_);
         if (changed && !config_.empty() && read_text(config_) == config_before_) {
-            std::string warning = "tovakd could not save it: " + device_name(opt_, config_) + " did not change "
+            std::string warning = "tovakd could not save it: " + device_name(opt_, config_) +
+                                  " did not change "
                                   "(read-only, or full?); the change lasts only until tovakd restarts";
             e->warnings.push_back(warning);
             e->json.emplace_back("warning", tovak_json_string(warning));
@@ -215,12 +222,14 @@ void CtlEffects::after(TovakShown* shown, CtlEffect* e)
         std::vector<bool> enabled;
         // The reply never tells; the categories do.
         if (client_.get_categories(&enabled).done() && size_t(args_[0].num) < enabled.size())
-            *shown = enabled[size_t(args_[0].num)] == add
-                         ? TovakShown{ TovakVerdict::done, "" }
-                         : TovakShown{ TovakVerdict::refused, std::string("the category is still ") + (add ? "off" : "on") };
+            *shown =
+                enabled[size_t(args_[0].num)] == add
+                    ? TovakShown{ TovakVerdict::done, "" }
+                    : TovakShown{ TovakVerdict::refused, std::string("the category is still ") + (add ? "off" : "on") };
         if (present_ == add)
             unchanged(std::string("the category was already ") + (add ? "on" : "off"), e);
-        e->lines.push_back(std::string("category ") + (add ? "on" : "off") + " until tovakd restarts, unless tovakctl categories-save follows");
+        e->lines.push_back(std::string("category ") + (add ? "on" : "off") +
+                           " until tovakd restarts, unless tovakctl categories-save follows");
     } else if (is(row_, CMD_SET_AUTOSAVE) && known_ && present_ == asked_on) {
         unchanged(std::string("autosave was already ") + (present_ ? "on" : "off"), e);
     } else if (is(row_, CMD_LOG_SIZE)) {
@@ -276,7 +285,8 @@ void CtlEffects::new_files(TovakShown* shown, CtlEffect* e)
             if (files_before_.count(file) == 0) {
                 std::string name = device_name(opt_, file);
                 e->lines.push_back("wrote " + name + " (" + std::to_string(size) + " bytes)");
-                items.push_back(tovak_json_object({ { "path", tovak_json_string(name) }, { "size", std::to_string(size) } }));
+                items.push_back(
+                    tovak_json_object({ { "path", tovak_json_string(name) }, { "size", std::to_string(size) } }));
             }
     e->json.emplace_back("files", tovak_json_array(items));
     if (!items.empty()) {

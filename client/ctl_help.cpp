@@ -38,8 +38,8 @@ struct Guide {
     const char* effect;
     const char* lasts;
 };
-const char* const groups[] = { "logging", "items", "modem log", "capture", "configuration", "device", "diagnostics",
-                               "reading logs", "help" };
+const char* const groups[] = { "logging", "items",       "modem log",    "capture", "configuration",
+                               "device",  "diagnostics", "reading logs", "help" };
 #define SAVED "yes: saved in dm.cfg at once"
 #define NEXT_LOG_ON "saved at once; reaches the modem at the next log on (while logging is on: log-off, then log-on)"
 // clang-format off
@@ -301,17 +301,18 @@ std::string ctl_man_page()
             out = "\\&" + out;
         return out;
     };
-    std::string m = ".TH TOVAKCTL 1 \"\" \"tovakctl " TOVAKCTL_VERSION "\" \"User Commands\"\n"
-                    ".SH NAME\ntovakctl \\- commands to the modem diagnostics daemon tovakd\n"
-                    ".SH SYNOPSIS\n.B tovakctl\n[\\fIOPTIONS\\fR] \\fISUBCOMMAND\\fR [\\fIARGS\\fR]\n"
-                    ".SH DESCRIPTION\n"
-                    "tovakctl sends one command to tovakd and says what the phone did: whether an edit reaches the "
-                    "modem now or at the next log on, which files a commit wrote, what lasts until a restart.\n"
-                    ".SH OPTIONS\n"
-                    ".TP\n\\fB\\-r\\fR, \\fB\\-\\-root\\fR \\fIROOT\\fR\na simulated device at ROOT (environment: TOVAK_ROOT)\n"
-                    ".TP\n\\fB\\-s\\fR, \\fB\\-\\-socket\\fR \\fIPATH\\fR\ntovakd's socket (environment: TOVAK_SOCKET)\n"
-                    ".TP\n\\fB\\-j\\fR, \\fB\\-\\-json\\fR\none JSON object on standard output\n"
-                    ".TP\n\\fB\\-t\\fR, \\fB\\-\\-timeout\\fR \\fISECONDS\\fR\nbounds connecting, sending and each reply\n";
+    std::string m =
+        ".TH TOVAKCTL 1 \"\" \"tovakctl " TOVAKCTL_VERSION "\" \"User Commands\"\n"
+        ".SH NAME\ntovakctl \\- commands to the modem diagnostics daemon tovakd\n"
+        ".SH SYNOPSIS\n.B tovakctl\n[\\fIOPTIONS\\fR] \\fISUBCOMMAND\\fR [\\fIARGS\\fR]\n"
+        ".SH DESCRIPTION\n"
+        "tovakctl sends one command to tovakd and says what the phone did: whether an edit reaches the "
+        "modem now or at the next log on, which files a commit wrote, what lasts until a restart.\n"
+        ".SH OPTIONS\n"
+        ".TP\n\\fB\\-r\\fR, \\fB\\-\\-root\\fR \\fIROOT\\fR\na simulated device at ROOT (environment: TOVAK_ROOT)\n"
+        ".TP\n\\fB\\-s\\fR, \\fB\\-\\-socket\\fR \\fIPATH\\fR\ntovakd's socket (environment: TOVAK_SOCKET)\n"
+        ".TP\n\\fB\\-j\\fR, \\fB\\-\\-json\\fR\none JSON object on standard output\n"
+        ".TP\n\\fB\\-t\\fR, \\fB\\-\\-timeout\\fR \\fISECONDS\\fR\nbounds connecting, sending and each reply\n";
     for (const char* group : groups) {
         std::string part;
         for (const Guide& g : guides) {
@@ -319,7 +320,8 @@ std::string ctl_man_page()
                 continue;
             std::string help = ctl_subcommand_help(g.word);
             // The usage lines end at the first blank line; the forms say them.
-            std::string body = help.substr(help.find("\n\n") == std::string::npos ? help.size() : help.find("\n\n") + 2);
+            std::string body =
+                help.substr(help.find("\n\n") == std::string::npos ? help.size() : help.find("\n\n") + 2);
             // The first form is the tag; any others open the body.
             std::istringstream forms(ctl_usage_of(g.word));
             std::string tag = ".TP\n";
@@ -330,7 +332,9 @@ std::string ctl_man_page()
             std::istringstream lines(body);
             for (std::string line; std::getline(lines, line);)
                 if (!line.empty())
-                    part += esc(line.substr(line.find_first_not_of(' ') == std::string::npos ? 0 : line.find_first_not_of(' '))) + "\n.br\n";
+                    part += esc(line.substr(
+                                line.find_first_not_of(' ') == std::string::npos ? 0 : line.find_first_not_of(' '))) +
+                            "\n.br\n";
         }
         if (!part.empty()) {
             std::string title = group;
@@ -362,8 +366,10 @@ std::vector<std::string> ctl_completion_values(const CtlOptions& opt, const std:
             values.insert(values.end(), { "phantom", "statistics" });
     }
     // The ids the remove commands can take: what dm.cfg holds.
-    const char* tag = word == "rm-event" ? "EventIDs" : word == "rm-log" ? "LogCodes" : word == "rm-msg" ? "MessageLevels"
-                                                                                                     : nullptr;
+    const char* tag = word == "rm-event" ? "EventIDs"
+                      : word == "rm-log" ? "LogCodes"
+                      : word == "rm-msg" ? "MessageLevels"
+                                         : nullptr;
     std::string file = tag ? ctl_device_file(opt, "/sdcard/dm.cfg") : "";
     std::istringstream items(file.empty() ? "" : ctl_config_element(file, tag));
     for (std::string item; std::getline(items, item, ',');) {
@@ -389,7 +395,8 @@ std::string ctl_completion_bash()
            "    local cur=${COMP_WORDS[COMP_CWORD]} sub= n=0 i words= opts=()\n"
            "    for ((i = 1; i < COMP_CWORD; i++)); do\n"
            "        case ${COMP_WORDS[i]} in\n"
-           "        --socket | --root | --timeout | -s | -r | -t) opts+=(\"${COMP_WORDS[i]}\" \"${COMP_WORDS[i+1]}\"); ((i++)) ;;\n"
+           "        --socket | --root | --timeout | -s | -r | -t) opts+=(\"${COMP_WORDS[i]}\" \"${COMP_WORDS[i+1]}\"); "
+           "((i++)) ;;\n"
            "        -*) ;;\n"
            "        *) if [ -z \"$sub\" ]; then sub=${COMP_WORDS[i]}; else ((n++)); fi ;; esac\n"
            "    done\n"
@@ -398,11 +405,14 @@ std::string ctl_completion_bash()
            "    --socket | -s) COMPREPLY=($(compgen -f -- \"$cur\")); return ;;\n"
            "    --timeout | -t) return ;; esac\n"
            "    if [ -z \"$sub\" ]; then\n"
-           "        words=\"" + names + "--socket --root --json --timeout --help --version\"\n"
+           "        words=\"" +
+           names +
+           "--socket --root --json --timeout --help --version\"\n"
            "    elif [ $n -eq 0 ]; then\n"
            "        case $sub in\n"
            "        out-path | set-config-file) COMPREPLY=($(compgen -f -- \"$cur\")); return ;;\n"
-           "        *) words=\"$(\"${COMP_WORDS[0]}\" \"${opts[@]}\" completion values \"$sub\" 2>/dev/null) --help\" ;; esac\n"
+           "        *) words=\"$(\"${COMP_WORDS[0]}\" \"${opts[@]}\" completion values \"$sub\" 2>/dev/null) --help\" "
+           ";; esac\n"
            "    else\n"
            "        words=\"--help --json\"\n"
            "    fi\n"

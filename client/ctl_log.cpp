@@ -135,7 +135,7 @@ CtlLogFacts ctl_log_facts(const CtlOptions& opt)
         } else if (starts("process log_off")) {
             f.pending_edits = 0;
         } else if ((starts("handler_add_event,") || starts("handler_rm_event,") || starts("handler_add_log,") ||
-                          starts("handler_rm_log,") || starts("handler_add_msg ") || starts("handler_rm_msg "))) {
+                    starts("handler_rm_log,") || starts("handler_add_msg ") || starts("handler_rm_msg "))) {
             f.pending_edits++;
         }
     }

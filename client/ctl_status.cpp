@@ -54,13 +54,17 @@ void config_file(const CtlOptions& opt, const std::string& path, bool logging, S
                                       : "LogState " + log_state + ", BufferSize " + config_value(file, "BufferSize");
     s->add("config file", path + " (" + detail + ")", "config_file",
            tovak_json_object({ { "path", tovak_json_string(path) },
-                               { "exists", file.empty() ? "null" : exists ? "true" : "false" },
+                               { "exists", file.empty() ? "null"
+                                           : exists     ? "true"
+                                                        : "false" },
                                { "log_state", tovak_json_string(log_state) } }));
     if (path.size() < 7 || path.compare(path.size() - 7, 7, "/dm.cfg") != 0)
-        s->warnings.push_back("the configuration file is " + path + ", not a dm.cfg: saves go there, but after a "
+        s->warnings.push_back("the configuration file is " + path +
+                              ", not a dm.cfg: saves go there, but after a "
                               "restart tovakd reads " STARTUP_CONFIG " again");
     if (!file.empty() && !exists)
-        s->warnings.push_back(path + " does not exist: until a change is saved there, tovakd's settings live only in memory");
+        s->warnings.push_back(path +
+                              " does not exist: until a change is saved there, tovakd's settings live only in memory");
     if (log_state == "on" && !logging)
         s->warnings.push_back("logging is off while " + path + " says LogState on (tovakctl log-on starts it)");
 }
@@ -89,20 +93,24 @@ void logging_part(const CtlOptions& opt, TovakClient& client, bool logging, Stat
     CtlLogFacts facts = ctl_log_facts(opt);
     known = facts.known;
     path = facts.out_path;
-    s->add("out path", !known ? "unknown (tovakd tells it only in its log, not visible here)"
-                       : path.empty() ? "the platform's default (not set since tovakd started)"
-                                      : path + " (until tovakd restarts: dm.cfg does not keep it)",
+    s->add("out path",
+           !known         ? "unknown (tovakd tells it only in its log, not visible here)"
+           : path.empty() ? "the platform's default (not set since tovakd started)"
+                          : path + " (until tovakd restarts: dm.cfg does not keep it)",
            "out_path", path.empty() ? "null" : tovak_json_string(path));
     if (logging && facts.pending_edits > 0)
-        s->warnings.push_back(std::to_string(facts.pending_edits) + " item edit(s) made while logging is on are in "
+        s->warnings.push_back(std::to_string(facts.pending_edits) +
+                              " item edit(s) made while logging is on are in "
                               "dm.cfg but not in the modem: they reach it at the next log on (tovakctl log-off, then "
                               "tovakctl log-on)");
     if (client.get_events(&events).done() && client.get_logs(&codes).done() && client.get_msgs(&msgs).done())
-        s->add("items", std::to_string(events.size()) + " event ids, " + std::to_string(codes.size()) + " log codes, " +
-                            std::to_string(msgs.size()) + " message SSIDs",
-               "items", tovak_json_object({ { "events", std::to_string(events.size()) },
-                                            { "log_codes", std::to_string(codes.size()) },
-                                            { "messages", std::to_string(msgs.size()) } }));
+        s->add("items",
+               std::to_string(events.size()) + " event ids, " + std::to_string(codes.size()) + " log codes, " +
+                   std::to_string(msgs.size()) + " message SSIDs",
+               "items",
+               tovak_json_object({ { "events", std::to_string(events.size()) },
+                                   { "log_codes", std::to_string(codes.size()) },
+                                   { "messages", std::to_string(msgs.size()) } }));
     if (client.get_dpl_state(&dpl).done() && client.get_dpl_ifaces(&dpl_ids).done()) {
         for (uint16_t id : dpl_ids)
             ids.append(ids.empty() ? "" : ",").append(std::to_string(id));
@@ -138,8 +146,9 @@ void capture_part(TovakClient& client, Status* s)
         bool lasts = kept == '?' || (kept == '1') == enabled[i];
         s->text += "  " + name + std::string(name.size() < 12 ? 12 - name.size() : 1, ' ') +
                    (enabled[i] ? "on, " : "off, ") + std::to_string(bytes) + " bytes" +
-                   (lasts ? "" : std::string(" (until tovakd restarts: dm.cfg says ") + (kept == '1' ? "on" : "off") +
-                                     "; tovakctl categories-save keeps it)") +
+                   (lasts ? ""
+                          : std::string(" (until tovakd restarts: dm.cfg says ") + (kept == '1' ? "on" : "off") +
+                                "; tovakctl categories-save keeps it)") +
                    "\n";
         items.push_back(tovak_json_object({ { "name", tovak_json_string(name) },
                                             { "on", enabled[i] ? "true" : "false" },
@@ -162,17 +171,21 @@ int ctl_status(const CtlOptions& opt, TovakClient& client, std::ostream& out, st
         std::string size = ctl_device_file(opt, STARTUP_CONFIG);
         size = size.empty() ? "" : config_value(size, "BufferSize");
         s.warnings.push_back("tovakd refuses every logging command because its start-up of modem logging failed" +
-                             (size.compare(0, 1, "-") == 0 ? ": " STARTUP_CONFIG " holds the negative <BufferSize> " + size
-                                                           : std::string(" (see its log)")));
+                             (size.compare(0, 1, "-") == 0
+                                  ? ": " STARTUP_CONFIG " holds the negative <BufferSize> " + size
+                                  : std::string(" (see its log)")));
         s.add("logging", "unknown (refused)", "logging", "null");
     }
     if (client.last_status() == TovakStatus::ok)
         capture_part(client, &s);
     if (client.last_status() != TovakStatus::ok) {
         if (opt.json)
-            out << tovak_json_object({ { "command", "\"status\"" }, { "id", "null" }, { "refused", "\"unknown\"" },
-                                       { "error", tovak_json_string(client.error()) },
-                                       { "failure", tovak_json_string(ctl_failure_kind(client, client.last_status())) } })
+            out << tovak_json_object(
+                       { { "command", "\"status\"" },
+                         { "id", "null" },
+                         { "refused", "\"unknown\"" },
+                         { "error", tovak_json_string(client.error()) },
+                         { "failure", tovak_json_string(ctl_failure_kind(client, client.last_status())) } })
                 << "\n";
         err << "tovakctl: status: " << client.error() << "\n";
         return client.last_status() == TovakStatus::timeout ? CTL_EXIT_TIMEOUT : CTL_EXIT_FAILED;

@@ -31,20 +31,34 @@ struct Crc {
 };
 const Crc crc;
 
-uint16_t u16at(const uint8_t* p) { return uint16_t(p[0] | p[1] << 8); }
-uint32_t u32at(const uint8_t* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
-uint64_t u64at(const uint8_t* p) { return uint64_t(u32at(p)) | uint64_t(u32at(p + 4)) << 32; }
+uint16_t u16at(const uint8_t* p)
+{
+    return uint16_t(p[0] | p[1] << 8);
+}
+uint32_t u32at(const uint8_t* p)
+{
+    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+}
+uint64_t u64at(const uint8_t* p)
+{
+    return uint64_t(u32at(p)) | uint64_t(u32at(p + 4)) << 32;
+}
 
 } // namespace
 
 const char* lr_kind_name(LrKind k)
 {
     switch (k) {
-    case LrKind::log: return "log";
-    case LrKind::event: return "event";
-    case LrKind::message: return "message";
-    case LrKind::other: return "other";
-    case LrKind::bad: return "bad";
+    case LrKind::log:
+        return "log";
+    case LrKind::event:
+        return "event";
+    case LrKind::message:
+        return "message";
+    case LrKind::other:
+        return "other";
+    case LrKind::bad:
+        return "bad";
     }
     return "?";
 }
@@ -235,8 +249,7 @@ void LrDiagReader::packet(const uint8_t* p, size_t len)
     }
 }
 
-std::string lr_format_message(const char* fmt, size_t fmt_len, const uint32_t* args, size_t nargs,
-                              std::string* problem)
+std::string lr_format_message(const char* fmt, size_t fmt_len, const uint32_t* args, size_t nargs, std::string* problem)
 {
     std::string out;
     size_t next = 0, missing = 0;
@@ -300,7 +313,14 @@ std::string lr_format_message(const char* fmt, size_t fmt_len, const uint32_t* a
         case '%':
             out += '%';
             break;
-        case 'd': case 'i': case 'u': case 'x': case 'X': case 'o': case 'c': case 'p': {
+        case 'd':
+        case 'i':
+        case 'u':
+        case 'x':
+        case 'X':
+        case 'o':
+        case 'c':
+        case 'p': {
             uint64_t value = 0;
             ok = take(&v) && ok;
             value = v;
@@ -318,8 +338,7 @@ std::string lr_format_message(const char* fmt, size_t fmt_len, const uint32_t* a
                 break;
             }
             // Precision only when given: it would cancel the 0 flag.
-            const std::string f =
-                "%" + flags + "*" + (prec >= 0 ? ".*" : "") + (conv == 'c' ? "" : "ll") + conv;
+            const std::string f = "%" + flags + "*" + (prec >= 0 ? ".*" : "") + (conv == 'c' ? "" : "ll") + conv;
             const bool is_signed = conv == 'd' || conv == 'i';
             const long long sv = longs >= 2 ? (long long)(int64_t(value)) : (long long)(int32_t(uint32_t(value)));
             const unsigned long long uv = value;
@@ -452,15 +471,21 @@ void LrSummary::add(const LrRecord& r)
         if (r.code == LR_DPL_CODE && r.body_len >= 3)
             ifaces[r.body[2]]++;
         break;
-    case LrKind::event: events[r.event_id]++; break;
+    case LrKind::event:
+        events[r.event_id]++;
+        break;
     case LrKind::message:
         ssids[r.ssid]++;
         for (uint8_t l = 0; l < 32; l++)
             if (r.level_mask >> l & 1)
                 messages.insert({ r.ssid, l });
         break;
-    case LrKind::other: others[r.cmd]++; break;
-    case LrKind::bad: bad++; break;
+    case LrKind::other:
+        others[r.cmd]++;
+        break;
+    case LrKind::bad:
+        bad++;
+        break;
     }
 }
 
@@ -509,8 +534,11 @@ std::string lr_item_text(const LrItem& i)
         snprintf(buf, sizeof buf, "event %u", i.id);
         name = lr_event_name(i.id);
         break;
-    case 'M': snprintf(buf, sizeof buf, "message SSID %u level %u", i.id, i.level); break;
-    default: snprintf(buf, sizeof buf, "DPL interface %u", i.id);
+    case 'M':
+        snprintf(buf, sizeof buf, "message SSID %u level %u", i.id, i.level);
+        break;
+    default:
+        snprintf(buf, sizeof buf, "DPL interface %u", i.id);
     }
     return name ? std::string(buf) + " (" + name + ")" : std::string(buf);
 }

@@ -22,10 +22,10 @@ int lr_kind_by_name(const std::string& word);
 // live until the callback returns.
 struct LrRecord {
     LrKind kind = LrKind::bad;
-    uint64_t offset = 0;   // of the frame in the file
+    uint64_t offset = 0; // of the frame in the file
     bool has_time = false;
-    uint64_t stamp = 0;    // the modem's own: 1.25 ms units since 1980-01-06 in bits 16-63
-    uint8_t cmd = 0;       // first byte of the packet
+    uint64_t stamp = 0; // the modem's own: 1.25 ms units since 1980-01-06 in bits 16-63
+    uint8_t cmd = 0;    // first byte of the packet
     // Log packet: code and body. Event: id and payload.
     uint16_t code = 0;
     uint16_t event_id = 0;
@@ -48,10 +48,7 @@ int64_t lr_stamp_us(uint64_t stamp);
 class LrDiagReader {
 public:
     using Sink = std::function<void(const LrRecord&)>;
-    explicit LrDiagReader(Sink sink)
-        : sink_(std::move(sink))
-    {
-    }
+    explicit LrDiagReader(Sink sink) : sink_(std::move(sink)) {}
     void feed(const uint8_t* data, size_t len);
     // The end of the file: a frame still open ran past it.
     void finish();
@@ -65,11 +62,11 @@ private:
     std::vector<uint8_t> pkt_; // the frame so far, unescaped
     bool escaped_ = false;
     bool overlong_ = false;
-    uint64_t pos_ = 0;         // bytes fed so far
-    uint64_t start_ = 0;       // where the open frame began
-    uint64_t last_stamp_ = 0;  // for events that carry only part of it
+    uint64_t pos_ = 0;        // bytes fed so far
+    uint64_t start_ = 0;      // where the open frame began
+    uint64_t last_stamp_ = 0; // for events that carry only part of it
     uint64_t frames_ = 0;
-    LrRecord rec_;             // reused
+    LrRecord rec_; // reused
 };
 
 // The text of a modem message from its format and 32-bit arguments; a %s,
@@ -154,11 +151,7 @@ bool lr_looks_like_capture(const uint8_t* data, size_t len);
 class LrCaptureReader {
 public:
     using Sink = std::function<void(const LrLogEntry&)>;
-    LrCaptureReader(Sink sink, bool events)
-        : sink_(std::move(sink))
-        , events_(events)
-    {
-    }
+    LrCaptureReader(Sink sink, bool events) : sink_(std::move(sink)), events_(events) {}
     void feed(const uint8_t* data, size_t len);
     void finish();
 

@@ -1,8 +1,8 @@
 // Android log capture files: logger entries one after another, each a
 // header (u16 payload length, u16 header size or 0 for 20 bytes, pid, tid,
 // seconds, nanoseconds, and in larger headers more) and its payload.
-#include <ctime>
 #include <cstring>
+#include <ctime>
 #include <sstream>
 
 #include "log_read.h"

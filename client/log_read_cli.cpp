@@ -149,9 +149,9 @@ bool passes(const Filters& f, const LrRecord& r)
     if (!f.kinds.empty() && !f.kinds.count(int(r.kind)))
         return false;
     const bool any_id = !f.codes.empty() || !f.events.empty() || !f.ssids.empty();
-    if (any_id && !((r.kind == LrKind::log && f.codes.count(r.code)) ||
-                    (r.kind == LrKind::event && f.events.count(r.event_id)) ||
-                    (r.kind == LrKind::message && f.ssids.count(r.ssid))))
+    if (any_id &&
+        !((r.kind == LrKind::log && f.codes.count(r.code)) || (r.kind == LrKind::event && f.events.count(r.event_id)) ||
+          (r.kind == LrKind::message && f.ssids.count(r.ssid))))
         return false;
     if ((f.since_set || f.until_set) && !r.has_time)
         return false;
@@ -192,7 +192,9 @@ void print_record(std::ostream& out, const std::string& file, const LrRecord& r,
             snprintf(buf, sizeof buf, "\"0x%02X\"", r.cmd);
             out << ",\"command\":" << buf << ",\"length\":" << r.body_len;
             break;
-        case LrKind::bad: out << ",\"length\":" << r.body_len; break;
+        case LrKind::bad:
+            out << ",\"length\":" << r.body_len;
+            break;
         }
         if (!r.problem.empty())
             out << ",\"problem\":" << json_text(r.problem);
@@ -258,8 +260,8 @@ void print_entry(std::ostream& out, const std::string& file, const LrLogEntry& e
         const int64_t t = entry_us(e);
         out << "{\"file\":" << json_text(file) << ",\"offset\":" << e.offset;
         if (e.problem.empty() || !e.tag.empty() || e.sec) {
-            out << ",\"time\":\"" << utc_text(t) << "\",\"unix\":" << unix_text(t)
-                << ",\"pid\":" << e.pid << ",\"tid\":" << e.tid;
+            out << ",\"time\":\"" << utc_text(t) << "\",\"unix\":" << unix_text(t) << ",\"pid\":" << e.pid
+                << ",\"tid\":" << e.tid;
             if (e.binary)
                 out << ",\"event\":" << json_text(e.tag) << ",\"values\":" << json_text(e.msg);
             else
@@ -304,7 +306,8 @@ void read_file(const Run& run, const std::string& path, std::ostream& out, std::
                 if (!e.problem.empty())
                     tot.bad_entries++;
                 const int64_t t = entry_us(e);
-                if (!e.problem.empty() || !((run.f.since_set && t < run.f.since) || (run.f.until_set && t > run.f.until)))
+                if (!e.problem.empty() ||
+                    !((run.f.since_set && t < run.f.since) || (run.f.until_set && t > run.f.until)))
                     if (!run.summary)
                         print_entry(out, path, e, run.json, run.tags);
             },
@@ -341,7 +344,8 @@ void read_file(const Run& run, const std::string& path, std::ostream& out, std::
     fclose(in);
 }
 
-template <typename M> void counts(std::ostream& out, const char* title, const M& m, bool hex, const char* (*name)(uint16_t))
+template <typename M>
+void counts(std::ostream& out, const char* title, const M& m, bool hex, const char* (*name)(uint16_t))
 {
     if (m.empty())
         return;
@@ -354,7 +358,8 @@ template <typename M> void counts(std::ostream& out, const char* title, const M&
     }
 }
 
-template <typename M> std::string json_counts(const M& m, bool hex)
+template <typename M>
+std::string json_counts(const M& m, bool hex)
 {
     std::string s = "{";
     char buf[16];
@@ -475,7 +480,8 @@ int ctl_log_read(const CtlOptions& opt, const std::vector<std::string>& words, s
         } else if (a == "--since" || a == "--until") {
             int64_t t = 0;
             if (!parse_time(v, &t))
-                return usage(err, "bad " + a + " '" + v + "': expected UTC YYYY-MM-DD HH:MM:SS[.fff] or seconds since 1970");
+                return usage(err,
+                             "bad " + a + " '" + v + "': expected UTC YYYY-MM-DD HH:MM:SS[.fff] or seconds since 1970");
             (a == "--since" ? run.f.since : run.f.until) = t;
             (a == "--since" ? run.f.since_set : run.f.until_set) = true;
         } else if (a == "--config") {

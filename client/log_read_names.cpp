@@ -46,7 +46,8 @@ const Named EVENTS[] = {
 };
 // clang-format on
 
-template <size_t N> const char* find(const Named (&table)[N], uint16_t id)
+template <size_t N>
+const char* find(const Named (&table)[N], uint16_t id)
 {
     for (const Named& n : table)
         if (n.id == id)

@@ -77,8 +77,8 @@ bool lr_gsmtap_of(const LrRecord& r, uint8_t* type, uint8_t* subtype, const uint
         if (pdu < 1 || pdu > 8 || len != n - head || len == 0)
             return false;
         const RrcChannel& ch = RRC_CHANNELS[pdu - 1];
-        const uint32_t earfcn = wide ? uint32_t(b[6] | b[7] << 8 | b[8] << 16 | uint32_t(b[9]) << 24)
-                                     : uint32_t(b[6] | b[7] << 8);
+        const uint32_t earfcn =
+            wide ? uint32_t(b[6] | b[7] << 8 | b[8] << 16 | uint32_t(b[9]) << 24) : uint32_t(b[6] | b[7] << 8);
         *type = GSMTAP_TYPE_LTE_RRC;
         *subtype = ch.subtype;
         *msg = b + head;
@@ -86,7 +86,10 @@ bool lr_gsmtap_of(const LrRecord& r, uint8_t* type, uint8_t* subtype, const uint
         *arfcn = uint16_t((earfcn & 0x3FFF) | (ch.uplink ? GSMTAP_ARFCN_UPLINK : 0));
         return true;
     }
-    case 0xB0E2: case 0xB0E3: case 0xB0EC: case 0xB0ED:
+    case 0xB0E2:
+    case 0xB0E3:
+    case 0xB0EC:
+    case 0xB0ED:
         // Plain NAS messages after a 4-byte version header.
         if (n <= 4)
             return false;

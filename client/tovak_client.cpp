@@ -31,7 +31,9 @@ std::string seconds(int ms)
 
 } // namespace
 
-TovakClient::TovakClient(int timeout_ms) : timeout_ms_(timeout_ms) {}
+TovakClient::TovakClient(int timeout_ms) : timeout_ms_(timeout_ms)
+{
+}
 
 TovakClient::~TovakClient()
 {
@@ -137,7 +139,8 @@ TovakStatus TovakClient::read_reply(tovak_pkt* reply)
     while (got < TOVAK_PKT_SIZE) {
         if (!wait_ready(POLLIN, deadline))
             return fail(TovakStep::receive, TovakStatus::timeout,
-                        "no reply within " + seconds(timeout_ms_) + ": tovakd is still busy with the request, or stuck");
+                        "no reply within " + seconds(timeout_ms_) +
+                            ": tovakd is still busy with the request, or stuck");
         ssize_t n = recv(fd_, out + got, TOVAK_PKT_SIZE - got, MSG_DONTWAIT);
         if (n == 0 || (n < 0 && errno == ECONNRESET))
             return fail(TovakStep::receive, TovakStatus::closed,
@@ -221,4 +224,3 @@ TovakResult TovakClient::run(const TovakCommand& row, const TovakArgs& args, Tov
     return call_with(row.id, args,
                      [&](const tovak_pkt& rsp) { return row.show(rsp, row.key, report ? report : &ignored); });
 }
-

@@ -85,22 +85,25 @@ public:
     // Typed helpers, one per row: the request fields, then where the reply's
     // value goes. Outputs are set only when the reply holds them; arguments
     // the daemon is known to refuse are refused here (status error).
-#define TOVAK_METHOD(id, method, name, syntax, f1, f2, reply, ...)                                              \
-    TovakResult method(TOVAK_FIELD_##f1(TOVAK_DECLARE, a1) TOVAK_FIELD_##f2(TOVAK_DECLARE, a2)                   \
-                           TovakReply##reply::Out* out = nullptr)                                              \
-    {                                                                                                         \
-        return call<TovakReply##reply>(id, { TOVAK_FIELD_##f1(TOVAK_PASS, a1) TOVAK_FIELD_##f2(TOVAK_PASS, a2) }, out); \
+#define TOVAK_METHOD(id, method, name, syntax, f1, f2, reply, ...)                                                \
+    TovakResult method(TOVAK_FIELD_##f1(TOVAK_DECLARE, a1) TOVAK_FIELD_##f2(TOVAK_DECLARE, a2)                    \
+                           TovakReply##reply::Out* out = nullptr)                                                 \
+    {                                                                                                             \
+        return call<TovakReply##reply>(id, { TOVAK_FIELD_##f1(TOVAK_PASS, a1) TOVAK_FIELD_##f2(TOVAK_PASS, a2) }, \
+                                       out);                                                                      \
     }
     TOVAK_COMMANDS(TOVAK_METHOD)
 #undef TOVAK_METHOD
 
 private:
-    template <class R> TovakResult call(uint32_t id, const TovakArgs& args, typename R::Out* out)
+    template <class R>
+    TovakResult call(uint32_t id, const TovakArgs& args, typename R::Out* out)
     {
         typename R::Out ignored{};
         return call_with(id, args, [&](const tovak_pkt& rsp) { return R::decode(rsp, out ? out : &ignored); });
     }
-    TovakResult call_with(uint32_t id, const TovakArgs& args, const std::function<TovakShown(const tovak_pkt&)>& decode);
+    TovakResult call_with(uint32_t id, const TovakArgs& args,
+                          const std::function<TovakShown(const tovak_pkt&)>& decode);
     // Waits until fd_ is ready for events or the deadline passes.
     bool wait_ready(short events, int64_t deadline_ms);
     TovakStatus fail(TovakStep step, TovakStatus status, const std::string& why);

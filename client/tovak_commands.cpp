@@ -22,7 +22,10 @@ public:
     uint32_t room() const { return TOVAK_PKT_DATA_SIZE - byte_buffer_length(&bb_); }
     bool u16(uint64_t v) { return v <= 0xffff && room() >= 2 && byte_buffer_write_u16(&bb_, uint16_t(v)); }
     bool u32(uint64_t v) { return v <= UINT32_MAX && room() >= 4 && byte_buffer_write_u32(&bb_, uint32_t(v)); }
-    bool bytes(const void* p, size_t n) { return n <= room() && (n == 0 || byte_buffer_write_bytes(&bb_, p, uint32_t(n))); }
+    bool bytes(const void* p, size_t n)
+    {
+        return n <= room() && (n == 0 || byte_buffer_write_bytes(&bb_, p, uint32_t(n)));
+    }
     // The text and its zero byte.
     bool text(const std::string& t) { return t.find('\0') == std::string::npos && bytes(t.c_str(), t.size() + 1); }
     bool finish(bool ok)
@@ -36,8 +39,8 @@ private:
     byte_buffer bb_;
 };
 
-
-template <class R> TovakShown show_reply(const tovak_pkt& rsp, const char* key, TovakReport* rep)
+template <class R>
+TovakShown show_reply(const tovak_pkt& rsp, const char* key, TovakReport* rep)
 {
     typename R::Out value{};
     TovakShown shown = R::decode(rsp, &value);
@@ -50,9 +53,19 @@ template <class R> TovakShown show_reply(const tovak_pkt& rsp, const char* key, 
 
 // The table.
 
-#define TOVAK_ROW(id, method, name, syntax, f1, f2, reply, limit, gate, key, help, refusal, waits)                 \
-    { id,        name,  syntax, { TovakField::f1, TovakField::f2 }, limit, TovakGate::gate, key,                    \
-      show_reply<TovakReply##reply>, TovakReply##reply::confirm, help, refusal, waits },
+#define TOVAK_ROW(id, method, name, syntax, f1, f2, reply, limit, gate, key, help, refusal, waits) \
+    { id,                                                                                          \
+      name,                                                                                        \
+      syntax,                                                                                      \
+      { TovakField::f1, TovakField::f2 },                                                          \
+      limit,                                                                                       \
+      TovakGate::gate,                                                                             \
+      key,                                                                                         \
+      show_reply<TovakReply##reply>,                                                               \
+      TovakReply##reply::confirm,                                                                  \
+      help,                                                                                        \
+      refusal,                                                                                     \
+      waits },
 const TovakCommand tovak_commands[] = { TOVAK_COMMANDS(TOVAK_ROW) };
 const size_t tovak_command_count = sizeof tovak_commands / sizeof tovak_commands[0];
 // Every command of the daemon's table but 2, which ends the session.
@@ -121,8 +134,8 @@ static bool number_word(const std::string& word, const char* what, uint64_t min,
         args->emplace_back(int64_t(v));
         return true;
     }
-    *why = std::string("bad ") + what + " '" + word + "': expected " + (hex ? "a hex number" : "a number") +
-           " from " + bound(min, hex) + " to " + bound(max, hex);
+    *why = std::string("bad ") + what + " '" + word + "': expected " + (hex ? "a hex number" : "a number") + " from " +
+           bound(min, hex) + " to " + bound(max, hex);
     // Hex digits without the prefix, where decimal is the default.
     if (!hex && tovak_parse_number(word, max, true, &v) && v >= min)
         *why += " (hex? write 0x" + word + ")";
@@ -160,7 +173,8 @@ bool tovak_parse_words(const TovakCommand& row, const std::vector<std::string>& 
         const std::string& w = words[i];
         TovakField f = row.fields[i];
         // Words for a choice of two values: the first means 1, phantom means 0.
-        const char* choice[2] = { f == TovakField::on_off ? "off" : "phantom", f == TovakField::on_off ? "on" : "statistics" };
+        const char* choice[2] = { f == TovakField::on_off ? "off" : "phantom",
+                                  f == TovakField::on_off ? "on" : "statistics" };
         bool ok = true;
         if (f == TovakField::on_off || f == TovakField::kind) {
             ok = w == choice[0] || w == choice[1];
@@ -178,8 +192,15 @@ bool tovak_parse_words(const TovakCommand& row, const std::vector<std::string>& 
             ok = levels_words(words, i, args, why);
         } else if (f == TovakField::u16 || f == TovakField::hex16 || f == TovakField::u32 || f == TovakField::size) {
             bool hex = f == TovakField::hex16, size = f == TovakField::size;
-            ok = number_word(w, hex ? "log code" : size ? "size" : "number", size,
-                             size ? row.limit : f == TovakField::u32 ? UINT32_MAX : 0xffff, hex, args, why);
+            ok = number_word(w,
+                             hex    ? "log code"
+                             : size ? "size"
+                                    : "number",
+                             size,
+                             size                   ? row.limit
+                             : f == TovakField::u32 ? UINT32_MAX
+                                                    : 0xffff,
+                             hex, args, why);
         } else {
             args->emplace_back(w);
         }

@@ -118,15 +118,15 @@ TOVAK_REPLY_KIND(NoReply, TovakNone, -1)   // never written
 TOVAK_REPLY_KIND(Committed, TovakNone, -1) // length 0 whether or not it committed
 TOVAK_REPLY_KIND(LogOn, TovakNone, 1)      // 4 zero bytes whatever happened
 TOVAK_REPLY_KIND(LogOff, TovakNone, 0)
-TOVAK_REPLY_KIND(Status, TovakNone, -1)    // i32 0, or -1
-TOVAK_REPLY_KIND(LogSize, int32_t, -1)     // i32 size taken, or -1
+TOVAK_REPLY_KIND(Status, TovakNone, -1) // i32 0, or -1
+TOVAK_REPLY_KIND(LogSize, int32_t, -1)  // i32 size taken, or -1
 TOVAK_REPLY_KIND(U32, uint32_t, -1)
-TOVAK_REPLY_KIND(Flag, bool, -1)           // u32 0 or 1
+TOVAK_REPLY_KIND(Flag, bool, -1) // u32 0 or 1
 TOVAK_REPLY_KIND(Pair, TovakPair, -1)
 TOVAK_REPLY_KIND(Ids, std::vector<uint16_t>, -1) // ascending u16, no count
 TOVAK_REPLY_KIND(HexIds, std::vector<uint16_t>, -1)
 TOVAK_REPLY_KIND(Msgs, std::vector<TovakMsgEntry>, -1)
-TOVAK_REPLY_KIND(Path, std::string, -1)    // u16 count, text, zero byte
+TOVAK_REPLY_KIND(Path, std::string, -1) // u16 count, text, zero byte
 TOVAK_REPLY_KIND(Categories, std::vector<bool>, -1)
 TOVAK_REPLY_KIND(Names, std::vector<std::string>, -1)
 TOVAK_REPLY_KIND(DplIfaces, std::vector<TovakDplIface>, -1)
@@ -168,10 +168,10 @@ bool tovak_req_raw(tovak_pkt* req, uint32_t cmd, const std::vector<uint8_t>& pay
 extern const char* const tovak_category_names[4];
 
 // Longest texts the daemon takes.
-#define TOVAK_CONFIG_NAME_MAX 91 // 0x11: the name must fit a 92-byte property value
+#define TOVAK_CONFIG_NAME_MAX 91  // 0x11: the name must fit a 92-byte property value
 #define TOVAK_SYSTEM_TEXT_MAX 198 // 0x13: count at most 199
-#define TOVAK_MSISDN_MAX 18 // 0x48: count at most 19
-#define TOVAK_OUT_PATH_MAX 99 // 0x04: copied into 100 bytes
+#define TOVAK_MSISDN_MAX 18       // 0x48: count at most 19
+#define TOVAK_OUT_PATH_MAX 99     // 0x04: copied into 100 bytes
 
 #define TOVAK_MODEM_DATA_PHANTOM 0u
 #define TOVAK_MODEM_DATA_STATISTICS 1u

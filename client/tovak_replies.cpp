@@ -51,7 +51,8 @@ TovakShown unexpected(const tovak_pkt& rsp, const std::string& what)
 }
 
 // A reply of one length is read by then(); an untouched one is a refusal.
-template <class F> TovakShown fixed(const tovak_pkt& rsp, uint32_t want, F then)
+template <class F>
+TovakShown fixed(const tovak_pkt& rsp, uint32_t want, F then)
 {
     if (rsp.len == want)
         return then(Reader(rsp));
@@ -59,7 +60,8 @@ template <class F> TovakShown fixed(const tovak_pkt& rsp, uint32_t want, F then)
 }
 
 // A reply of any length within the frame, which no list fills.
-template <class F> TovakShown within(const tovak_pkt& rsp, F then)
+template <class F>
+TovakShown within(const tovak_pkt& rsp, F then)
 {
     if (rsp.len < UNTOUCHED_LEN)
         return then(Reader(rsp));
@@ -132,8 +134,10 @@ void report_ids(const std::vector<uint16_t>& ids, const char* key, TovakReport* 
 
 // Replies.
 
-#define NOTHING_TO_REPORT(kind) \
-    void TovakReply##kind::report(const Out&, const char*, TovakReport*) {}
+#define NOTHING_TO_REPORT(kind)                                          \
+    void TovakReply##kind::report(const Out&, const char*, TovakReport*) \
+    {                                                                    \
+    }
 NOTHING_TO_REPORT(Empty)
 NOTHING_TO_REPORT(NoReply)
 NOTHING_TO_REPORT(Committed)
@@ -175,7 +179,7 @@ TovakShown TovakReplyStatus::decode(const tovak_pkt& rsp, Out*)
 {
     return fixed(rsp, 4, [&](Reader r) {
         int32_t v = int32_t(u32_of(r));
-        return v == 0 ? done
+        return v == 0    ? done
                : v == -1 ? TovakShown{ TovakVerdict::refused, "tovakd answered -1" }
                          : unexpected(rsp, "expected 0 or -1, got " + std::to_string(v));
     });
@@ -320,7 +324,7 @@ TovakShown TovakReplyCategories::decode(const tovak_pkt& rsp, Out* enabled)
         for (uint32_t i = 0; i < rsp.len / 4 && r.u32(&v) && v <= 1; i++)
             enabled->push_back(v == 1);
         return rsp.len % 4 == 0 && enabled->size() == rsp.len / 4 ? done
-                                                                   : unexpected(rsp, "expected u32 values of 0 or 1");
+                                                                  : unexpected(rsp, "expected u32 values of 0 or 1");
     });
 }
 
@@ -379,7 +383,8 @@ void TovakReplyDplIfaces::report(const Out& ifaces, const char* key, TovakReport
     std::vector<std::string> lines, json;
     for (const TovakDplIface& i : ifaces) {
         lines.push_back(std::to_string(i.id) + " " + i.desc);
-        json.push_back(tovak_json_object({ { "id", std::to_string(i.id) }, { "description", tovak_json_string(i.desc) } }));
+        json.push_back(
+            tovak_json_object({ { "id", std::to_string(i.id) }, { "description", tovak_json_string(i.desc) } }));
     }
     report_list(key, lines, json, rep);
 }

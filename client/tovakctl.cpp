@@ -44,7 +44,8 @@ void print_json(Ctl& c, const std::string& name, uint32_t id, std::vector<std::p
 {
     // tovakctl's own subcommands send several commands, or none of their own.
     bool own = ctl_is_extra(name) && name != "raw";
-    members.insert(members.begin(), { { "command", tovak_json_string(name) }, { "id", own ? "null" : std::to_string(id) } });
+    members.insert(members.begin(),
+                   { { "command", tovak_json_string(name) }, { "id", own ? "null" : std::to_string(id) } });
     c.out << tovak_json_object(members) << "\n";
 }
 
@@ -69,7 +70,8 @@ bool parse_seconds(const std::string& text, int* ms)
 class Progress {
 public:
     Progress(const Ctl& c, const std::string& name, const char* waits)
-        : head_("tovakctl: " + name + ": "), waits_(waits ? waits : "tovakd's reply"),
+        : head_("tovakctl: " + name + ": "),
+          waits_(waits ? waits : "tovakd's reply"),
           active_(&c.err == &std::cerr && isatty(STDERR_FILENO))
     {
         if (active_)
@@ -83,7 +85,8 @@ public:
         auto s = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start_).count();
         if (!active_ || s < 1)
             return;
-        std::string line = head_ + std::to_string(s) + " s, waiting for " + waits_ + (last_.empty() ? "" : "; tovakd: " + last_);
+        std::string line =
+            head_ + std::to_string(s) + " s, waiting for " + waits_ + (last_.empty() ? "" : "; tovakd: " + last_);
         winsize ws = {};
         size_t width = ioctl(STDERR_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 1 ? ws.ws_col - 1 : 79;
         std::cerr << "\r\033[K" << line.substr(0, width) << std::flush;
@@ -120,13 +123,15 @@ int failure(Ctl& c, const TovakClient& client, const std::string& name, uint32_t
                          ", a command it knows: it may have ended while handling it (see its log)"
                    : "tovakd closed the session without a reply: it has no command " + ctl_hex_id(id);
     if (status == TovakStatus::timeout && client.step() == TovakStep::receive && row && row->confirm >= 0)
-        what += std::string("; logging may still go ") + (row->confirm ? "on" : "off") +
-                ": check with `tovakctl state`";
+        what +=
+            std::string("; logging may still go ") + (row->confirm ? "on" : "off") + ": check with `tovakctl state`";
     else if (status == TovakStatus::timeout && client.step() == TovakStep::receive && row && row->waits)
         what += "; it may still finish: check with `tovakctl status`";
     if (c.opt.json)
-        print_json(c, name, id, { { "refused", "\"unknown\"" }, { "error", tovak_json_string(what) },
-                                  { "failure", tovak_json_string(ctl_failure_kind(client, status)) } });
+        print_json(c, name, id,
+                   { { "refused", "\"unknown\"" },
+                     { "error", tovak_json_string(what) },
+                     { "failure", tovak_json_string(ctl_failure_kind(client, status)) } });
     c.err << "tovakctl: " << name << ": " << what << "\n";
     // A daemon that vanished mid-command is as unsure an outcome as a time-out.
     bool vanished = status == TovakStatus::closed && row;
@@ -138,7 +143,7 @@ int failure(Ctl& c, const TovakClient& client, const std::string& name, uint32_t
 std::string explain_refusal(TovakClient& client, const TovakCommand& row)
 {
     bool logging = row.gate == TovakGate::logging;
-    TovakResult probe = logging ? client.get_capture_limits()
+    TovakResult probe = logging                          ? client.get_capture_limits()
                         : row.gate == TovakGate::capture ? client.get_capture_state()
                                                          : TovakResult();
     if (probe.status == TovakStatus::ok && probe.shown.verdict == TovakVerdict::refused)
@@ -204,8 +209,9 @@ int run_row(Ctl& c, const TovakCommand& row, const std::vector<std::string>& wor
     bool failed = res.shown.verdict == TovakVerdict::refused || res.shown.verdict == TovakVerdict::unexpected;
     if (c.opt.json) {
         json.insert(json.begin(), { { "reply_len", std::to_string(res.reply_len) },
-                                    { "refused", res.shown.verdict == TovakVerdict::unknown ? "\"unknown\""
-                                                 : res.shown.verdict == TovakVerdict::refused ? "true" : "false" } });
+                                    { "refused", res.shown.verdict == TovakVerdict::unknown   ? "\"unknown\""
+                                                 : res.shown.verdict == TovakVerdict::refused ? "true"
+                                                                                              : "false" } });
         if (!res.shown.note.empty())
             json.emplace_back(res.shown.verdict == TovakVerdict::unexpected ? "error" : "note",
                               tovak_json_string(res.shown.note));
@@ -271,7 +277,9 @@ int run_raw(Ctl& c, const std::vector<std::string>& words)
     }
     if (c.opt.json)
         print_json(c, "raw", req.cmd,
-                   { { "reply_len", std::to_string(rsp.len) }, { "refused", "\"unknown\"" }, { "payload", tovak_json_string(hex) } });
+                   { { "reply_len", std::to_string(rsp.len) },
+                     { "refused", "\"unknown\"" },
+                     { "payload", tovak_json_string(hex) } });
     else
         c.out << "len " << rsp.len << "\npayload " << hex << "\n";
     return CTL_EXIT_OK;
@@ -283,7 +291,10 @@ struct GlobalOption {
     const char* short_name;
 };
 const GlobalOption global_options[] = {
-    { "--socket", "-s" }, { "--root", "-r" }, { "--timeout", "-t" }, { "--json", "-j" },
+    { "--socket", "-s" },
+    { "--root", "-r" },
+    { "--timeout", "-t" },
+    { "--json", "-j" },
 };
 // What the subcommands themselves take.
 const char* const subcommand_options[] = { "--mask", "--help", "-h", "--man" };
@@ -423,7 +434,9 @@ std::string ctl_failure_kind(const TovakClient& client, TovakStatus status)
     const char* step = client.step() == TovakStep::connect ? "connect"
                        : client.step() == TovakStep::send  ? "send"
                                                            : "receive";
-    return std::string(status == TovakStatus::timeout ? "timeout_" : status == TovakStatus::closed ? "closed_" : "error_") +
+    return std::string(status == TovakStatus::timeout  ? "timeout_"
+                       : status == TovakStatus::closed ? "closed_"
+                                                       : "error_") +
            step;
 }
 
@@ -501,7 +514,8 @@ int tovakctl_main(const std::vector<std::string>& args, std::ostream& out, std::
         return CTL_EXIT_OK;
     }
     if (word == "completion")
-        return usage_error(c, word, words.empty() ? "name a shell: bash" : "unknown shell '" + words[0] + "': only bash");
+        return usage_error(c, word,
+                           words.empty() ? "name a shell: bash" : "unknown shell '" + words[0] + "': only bash");
     if (word == "raw")
         return run_raw(c, words);
     if (word == "log-read")
@@ -521,8 +535,8 @@ int tovakctl_main(const std::vector<std::string>& args, std::ostream& out, std::
         if (name != word) {
             if (!words.empty() && words[0] == name.substr(word.size() + 1))
                 return run_row(c, *row, std::vector<std::string>(words.begin() + 1, words.end()));
-        } else if (rows.size() == 1 || (int(words.size()) >= tovak_min_words(*row) &&
-                                        int(words.size()) <= tovak_max_words(*row))) {
+        } else if (rows.size() == 1 ||
+                   (int(words.size()) >= tovak_min_words(*row) && int(words.size()) <= tovak_max_words(*row))) {
             return run_row(c, *row, words);
         }
     }

@@ -26,8 +26,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     diag_hdlc_dest_type to = { framed.data(), framed.data() + framed.size() - 1 };
     diag_hdlc_encode(&from, &to);
     std::vector<uint8_t> again(h.dest_idx);
-    diag_hdlc_decode_type back = { framed.data(), 0, unsigned(static_cast<uint8_t*>(to.dest) - framed.data()),
-                                   again.data(), 0, unsigned(again.size()), 0 };
+    diag_hdlc_decode_type back = {
+        framed.data(),          0, unsigned(static_cast<uint8_t*>(to.dest) - framed.data()), again.data(), 0,
+        unsigned(again.size()), 0
+    };
     if (!diag_hdlc_decode(&back) || back.dest_idx != h.dest_idx || memcmp(again.data(), dest.data(), h.dest_idx) != 0)
         abort();
     return 0;

@@ -17,8 +17,8 @@
 
 #include "adblog/adblog_cmds.h"
 #include "daemon/tovak.h"
-#include "logging/tovak_logging.h"
 #include "linked_devsim.h"
+#include "logging/tovak_logging.h"
 #include "protocol/tovak_pkt.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)

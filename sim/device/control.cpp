@@ -15,7 +15,8 @@ namespace {
 
 using Args = std::vector<std::string>;
 
-template <typename T> bool parse_num(const std::string& s, T* out)
+template <typename T>
+bool parse_num(const std::string& s, T* out)
 {
     int base = 10;
     const char* b = s.data();

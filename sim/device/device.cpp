@@ -4,11 +4,7 @@
 #include "sim_link.h"
 
 Device::Device(const std::string& root, const std::string& sim_dir)
-    : disk(root)
-    , modem(faults)
-    , logger(sim_dir)
-    , qmi(sim_dir)
-    , system(root, sim_dir)
+    : disk(root), modem(faults), logger(sim_dir), qmi(sim_dir), system(root, sim_dir)
 {
 }
 

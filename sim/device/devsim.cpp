@@ -97,8 +97,7 @@ struct Delayed {
 class Server {
 public:
     Server(const std::string& root, bool remote, bool quiet, const std::vector<std::string>& without_logs)
-        : root_(root)
-        , device_(root, root + "/" SIM_DIR)
+        : root_(root), device_(root, root + "/" SIM_DIR)
     {
         if (!sim_make_dirs(root + "/dev/socket") || !sim_make_dirs(root + "/dev/log"))
             die("cannot create " + root + "/dev/socket and /dev/log: " + strerror(errno));
@@ -209,8 +208,8 @@ void Server::serve_link(std::list<LinkConn>::iterator it)
         if (!a.send)
             continue;
         if (a.delay_ms > 0)
-            delayed_.push_back({ clock_ns(CLOCK_MONOTONIC) + uint64_t(a.delay_ms) * 1000000ull, it->id,
-                                 std::move(a.bytes) });
+            delayed_.push_back(
+                { clock_ns(CLOCK_MONOTONIC) + uint64_t(a.delay_ms) * 1000000ull, it->id, std::move(a.bytes) });
         else
             send_link(it->fd, a.bytes);
     }
@@ -335,8 +334,11 @@ void Server::run()
         // queue between two drains of the FIFO.
         const uint64_t tick_ns = device_.logger.flooding() ? 1000000 : 10000000;
         std::vector<pollfd> fds = {
-            { sig_fd, POLLIN, 0 }, { diag_, POLLIN, 0 }, { qmi_, POLLIN, 0 },
-            { ctl_, POLLIN, 0 },   { logdw_, short(logdw_ >= 0 ? POLLIN : 0), 0 },
+            { sig_fd, POLLIN, 0 },
+            { diag_, POLLIN, 0 },
+            { qmi_, POLLIN, 0 },
+            { ctl_, POLLIN, 0 },
+            { logdw_, short(logdw_ >= 0 ? POLLIN : 0), 0 },
         };
         for (int b = 0; b < LOG_BUFFER_COUNT; b++) {
             bool want = !device_.logger.queue(b).empty() && !device_.logger.stalled(b);

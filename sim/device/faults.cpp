@@ -11,8 +11,10 @@
 
 nlohmann::json Faults::status() const
 {
-    return { { "drop", drop_next },           { "corrupt", corrupt_next },
-             { "delay_ms", delay_ms },        { "silent", modem_silent },
+    return { { "drop", drop_next },
+             { "corrupt", corrupt_next },
+             { "delay_ms", delay_ms },
+             { "silent", modem_silent },
              { "logger_absent", logger_absent } };
 }
 

@@ -8,10 +8,10 @@
 #include <nlohmann/json.hpp>
 
 struct Faults {
-    unsigned drop_next = 0;    // diag answers not sent
-    unsigned corrupt_next = 0; // diag answers sent with a wrong CRC
-    int delay_ms = 0;          // every diag answer waits this long
-    bool modem_silent = false; // the modem answers nothing and logs nothing
+    unsigned drop_next = 0;     // diag answers not sent
+    unsigned corrupt_next = 0;  // diag answers sent with a wrong CRC
+    int delay_ms = 0;           // every diag answer waits this long
+    bool modem_silent = false;  // the modem answers nothing and logs nothing
     bool logger_absent = false; // logd is gone: its socket is not there
 
     void clear_answers()
@@ -31,10 +31,7 @@ struct Faults {
 class DiskFiller {
 public:
     // root prefixes the device paths given (empty inside the sandbox).
-    explicit DiskFiller(std::string root)
-        : root_(std::move(root))
-    {
-    }
+    explicit DiskFiller(std::string root) : root_(std::move(root)) {}
     ~DiskFiller();
     // Fills the filesystem holding path until it is full; "" or why not.
     std::string fill(const std::string& path);

@@ -39,9 +39,9 @@ std::vector<uint8_t> segment(int proto, uint32_t seq, size_t* csum_at)
         put16(s, 2, 443);
         put16(s, 4, uint16_t(seq >> 16));
         put16(s, 6, uint16_t(seq * 1448));
-        s[12] = 5 << 4;       // data offset
-        s[13] = 0x18;         // PSH ACK
-        put16(s, 14, 64240);  // window
+        s[12] = 5 << 4;      // data offset
+        s[13] = 0x18;        // PSH ACK
+        put16(s, 14, 64240); // window
         *csum_at = 16;
     } else if (proto == PROTO_UDP) {
         s.assign(8, 0);

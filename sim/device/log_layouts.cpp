@@ -47,8 +47,22 @@ void fill_wcdma_signalling(const RecordContext&, uint64_t* v, std::vector<uint8_
 void fill_rach_trigger(const RecordContext& c, uint64_t* v, std::vector<uint8_t>&)
 {
     const Cell cell = cell_at(c);
-    const uint64_t vals[] = { 1, 1, 0, 5, 1, 15, 0, 0x12345678u + (c.seq & 0xFF), 0x9A, 0,
-                              c.seq % 64, 0xFF, 7, 0, uint64_t(-cell.rsrp_dbm - 60), cell.rnti };
+    const uint64_t vals[] = { 1,
+                              1,
+                              0,
+                              5,
+                              1,
+                              15,
+                              0,
+                              0x12345678u + (c.seq & 0xFF),
+                              0x9A,
+                              0,
+                              c.seq % 64,
+                              0xFF,
+                              7,
+                              0,
+                              uint64_t(-cell.rsrp_dbm - 60),
+                              cell.rnti };
     memcpy(v, vals, sizeof vals);
 }
 
@@ -71,8 +85,8 @@ void fill_lte_rrc(const RecordContext& c, uint64_t* v, std::vector<uint8_t>& tai
     // PHICH resource one, the frame number's top 8 bits, 10 spare bits.
     const uint8_t sfn8 = uint8_t(cell.sfn >> 2);
     tail = { uint8_t(0x68 | sfn8 >> 6), uint8_t((sfn8 & 0x3F) << 2), 0 };
-    const uint64_t vals[] = { 15, 9, 0, 0, cell.pci, cell.earfcn, uint64_t(cell.sfn << 4 | cell.subfn), 1, 0,
-                              tail.size() };
+    const uint64_t vals[] = { 15, 9, 0,          0, cell.pci, cell.earfcn, uint64_t(cell.sfn << 4 | cell.subfn),
+                              1,  0, tail.size() };
     memcpy(v, vals, sizeof vals);
 }
 
@@ -80,16 +94,25 @@ void fill_nas(uint16_t code, const RecordContext& c, uint64_t* v, std::vector<ui
 {
     const uint8_t pti = uint8_t(1 + c.seq % 254);
     switch (code) {
-    case 0xB0EC: tail = { 0x07, 0x61 }; break;      // EMM information
-    case 0xB0ED: tail = { 0x07, 0x4A }; break;      // tracking area update complete
-    case 0xB0E2: tail = { 0x02, pti, 0xD9 }; break; // ESM information request
-    default: tail = { 0x02, pti, 0xDA }; break;     // ESM information response
+    case 0xB0EC:
+        tail = { 0x07, 0x61 };
+        break; // EMM information
+    case 0xB0ED:
+        tail = { 0x07, 0x4A };
+        break; // tracking area update complete
+    case 0xB0E2:
+        tail = { 0x02, pti, 0xD9 };
+        break; // ESM information request
+    default:
+        tail = { 0x02, pti, 0xDA };
+        break; // ESM information response
     }
     const uint64_t vals[] = { 1, 9, 5, 0 };
     memcpy(v, vals, sizeof vals);
 }
 
-template <uint16_t CODE> void fill_nas_code(const RecordContext& c, uint64_t* v, std::vector<uint8_t>& tail)
+template <uint16_t CODE>
+void fill_nas_code(const RecordContext& c, uint64_t* v, std::vector<uint8_t>& tail)
 {
     fill_nas(CODE, c, v, tail);
 }

@@ -25,10 +25,10 @@ struct LayoutField {
 struct LogLayout {
     uint16_t code; // 0 for the generic body
     const char* name;
-    uint16_t fixed_len;               // declared: bytes of all fields together
-    std::vector<LayoutField> fields;  // in body order
-    int tail_len_field;               // field holding the tail's length; -1: the tail runs to the end
-    double rate;                      // records per second while the code is enabled
+    uint16_t fixed_len;              // declared: bytes of all fields together
+    std::vector<LayoutField> fields; // in body order
+    int tail_len_field;              // field holding the tail's length; -1: the tail runs to the end
+    double rate;                     // records per second while the code is enabled
     void (*fill)(const RecordContext& c, uint64_t* values, std::vector<uint8_t>& tail);
 };
 

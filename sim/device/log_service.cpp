@@ -26,8 +26,7 @@ std::string canned_text(const char* text, uint64_t n)
 
 } // namespace
 
-LogService::LogService(const std::string& sim_dir)
-    : logcat_path_(sim_dir + "/logcat.txt")
+LogService::LogService(const std::string& sim_dir) : logcat_path_(sim_dir + "/logcat.txt")
 {
     sim_make_dirs(sim_dir);
     logcat_fd_ = open(logcat_path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
@@ -195,8 +194,8 @@ nlohmann::json LogService::status() const
     for (int b = 0; b < LOG_BUFFER_COUNT; b++) {
         const LogQueue& q = queues_[b];
         logger[log_buffer_name(b)] = {
-            { "queued", q.entries() }, { "queued_bytes", q.bytes() }, { "received", q.received() },
-            { "written", q.written() }, { "dropped", q.dropped() },   { "stalled", stalled_[b] },
+            { "queued", q.entries() },         { "queued_bytes", q.bytes() }, { "received", q.received() },
+            { "written", q.written() },        { "dropped", q.dropped() },    { "stalled", stalled_[b] },
             { "flood_left", floods_[b].left },
         };
     }

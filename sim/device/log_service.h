@@ -60,7 +60,7 @@ private:
     } floods_[LOG_BUFFER_COUNT];
 
     bool chatter_ = false;
-    bool booted_ = false;   // the boot burst was said
+    bool booted_ = false; // the boot burst was said
     double chatter_due_ = 0;
     double event_due_ = 0;
     uint64_t chatter_seq_ = 0;

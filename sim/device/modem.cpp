@@ -6,8 +6,7 @@
 #include "le.h"
 #include "sim_link.h"
 
-Modem::Modem(ModemRanges ranges)
-    : dpl_(default_dpl_ifaces())
+Modem::Modem(ModemRanges ranges) : dpl_(default_dpl_ifaces())
 {
     set_ranges(std::move(ranges));
 }

@@ -79,9 +79,9 @@ private:
     void refresh_items() const;
 
     ModemRanges ranges_;
-    std::vector<bool> events_;                      // by event id
-    std::array<std::vector<bool>, 16> log_masks_;   // by equipment id, then item
-    std::map<uint16_t, uint32_t> msg_masks_;        // SSID -> level mask
+    std::vector<bool> events_;                    // by event id
+    std::array<std::vector<bool>, 16> log_masks_; // by equipment id, then item
+    std::map<uint16_t, uint32_t> msg_masks_;      // SSID -> level mask
     bool event_reporting_ = false;
     std::vector<DplIface> dpl_;
 

@@ -51,9 +51,12 @@ nlohmann::json modem_json(Modem& m)
         { "msg_masks", msgs },
         { "event_reporting", m.event_reporting() },
         { "dpl", dpl },
-        { "traffic", { { "bytes", m.traffic_bytes() }, { "frames", m.traffic_frames() },
-                       { "produced", m.produced() }, { "dropped", m.dropped() },
-                       { "natural_rate", m.natural_rate() } } },
+        { "traffic",
+          { { "bytes", m.traffic_bytes() },
+            { "frames", m.traffic_frames() },
+            { "produced", m.produced() },
+            { "dropped", m.dropped() },
+            { "natural_rate", m.natural_rate() } } },
     };
 }
 
@@ -105,8 +108,7 @@ LinkAnswer link_result(int32_t value, const std::vector<uint8_t>& data)
     return a;
 }
 
-ModemService::ModemService(Faults& faults)
-    : faults_(faults)
+ModemService::ModemService(Faults& faults) : faults_(faults)
 {
 }
 
@@ -290,8 +292,8 @@ nlohmann::json ModemService::status()
     remote["enabled"] = remote_enabled_;
     json reqs = json::array();
     for (const RequestRecord& r : requests_)
-        reqs.push_back({ { "modem", r.modem }, { "request", r.request }, { "answer", r.answer },
-                         { "outcome", r.outcome } });
+        reqs.push_back(
+            { { "modem", r.modem }, { "request", r.request }, { "answer", r.answer }, { "outcome", r.outcome } });
     return {
         { "modems", { { "local", local }, { "remote", remote } } },
         { "mode", mode_ },

@@ -24,8 +24,8 @@ public:
 
 private:
     std::vector<uint8_t> data_;
-    size_t head_ = 0;             // first byte still held
-    std::deque<uint32_t> sizes_;  // of the frames held, oldest first
+    size_t head_ = 0;            // first byte still held
+    std::deque<uint32_t> sizes_; // of the frames held, oldest first
     uint64_t dropped_ = 0;
 };
 
@@ -34,9 +34,9 @@ enum class ItemKind : uint8_t { log, event, message, dpl };
 // One enabled thing a modem reports, with its share of the rate.
 struct TrafficItem {
     ItemKind kind;
-    uint16_t id;   // log code, event id, SSID or interface id
-    uint8_t level; // message level
-    double rate;   // per second, when the rate is the items' own
+    uint16_t id;    // log code, event id, SSID or interface id
+    uint8_t level;  // message level
+    double rate;    // per second, when the rate is the items' own
     double due = 1; // a newly enabled item reports at once
 };
 

@@ -27,8 +27,7 @@ std::string file_part(const std::string& s)
 
 } // namespace
 
-QmiService::QmiService(std::string sim_dir)
-    : sim_dir_(std::move(sim_dir))
+QmiService::QmiService(std::string sim_dir) : sim_dir_(std::move(sim_dir))
 {
     // Statistics in three units of different sizes; no phantom data.
     set_units(1, { 100, 150, 200 });

@@ -14,8 +14,7 @@
 #include "sim_files.h"
 
 SystemService::SystemService(std::string root, std::string sim_dir)
-    : property_dir_(root + SIM_PROPERTY_DIR)
-    , state_file_(std::move(sim_dir) + "/tovakd.state")
+    : property_dir_(root + SIM_PROPERTY_DIR), state_file_(std::move(sim_dir) + "/tovakd.state")
 {
 }
 
@@ -82,7 +81,7 @@ int parse_signal(const std::string& s)
     static const struct {
         const char* name;
         int sig;
-    } names[] = { { "KILL", SIGKILL }, { "TERM", SIGTERM }, { "INT", SIGINT }, { "HUP", SIGHUP },
+    } names[] = { { "KILL", SIGKILL }, { "TERM", SIGTERM }, { "INT", SIGINT },   { "HUP", SIGHUP },
                   { "ABRT", SIGABRT }, { "SEGV", SIGSEGV }, { "STOP", SIGSTOP }, { "CONT", SIGCONT },
                   { "QUIT", SIGQUIT }, { "USR1", SIGUSR1 }, { "USR2", SIGUSR2 } };
     std::string n = s.compare(0, 3, "SIG") == 0 ? s.substr(3) : s;

@@ -29,8 +29,8 @@ int devsim_request(const std::string& root, const std::vector<std::string>& args
         request.append(a).push_back('\0');
     timeval limit = { 10, 0 };
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    bool sent = send(fd, request.data(), request.size(), MSG_NOSIGNAL) == ssize_t(request.size()) &&
-                shutdown(fd, SHUT_WR) == 0;
+    bool sent =
+        send(fd, request.data(), request.size(), MSG_NOSIGNAL) == ssize_t(request.size()) && shutdown(fd, SHUT_WR) == 0;
     char buf[4096];
     for (ssize_t n; sent && (n = read(fd, buf, sizeof buf)) > 0;)
         reply.append(buf, size_t(n));

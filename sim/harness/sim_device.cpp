@@ -129,9 +129,9 @@ static pid_t spawn(const std::vector<std::string>& argv, int out_fd, int err_fd,
             dup2(out_fd, STDOUT_FILENO);
         if (err_fd >= 0)
             dup2(err_fd, STDERR_FILENO);
-        if (tmpfs_at != nullptr && (unshare(CLONE_NEWNS) != 0 ||
-                                    mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                                    mount("tmpfs", tmpfs_at, "tmpfs", MS_NOSUID | MS_NODEV, tmpfs_opts) != 0)) {
+        if (tmpfs_at != nullptr &&
+            (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+             mount("tmpfs", tmpfs_at, "tmpfs", MS_NOSUID | MS_NODEV, tmpfs_opts) != 0)) {
             static const char why[] = "cannot mount a small /sdcard: needs root and mount namespaces\n";
             (void)!write(STDERR_FILENO, why, sizeof why - 1);
             _exit(126);
@@ -217,8 +217,8 @@ std::string SimDevice::failure() const
 
 std::string SimDevice::sanitizer_report() const
 {
-    static const char* const marks[] = { "WARNING: ThreadSanitizer", "ERROR: AddressSanitizer",
-                                         "ERROR: LeakSanitizer", "runtime error:" };
+    static const char* const marks[] = { "WARNING: ThreadSanitizer", "ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
+                                         "runtime error:" };
     // The daemon's and the simulator's stderr reach the launcher's.
     for (const std::string& text : { read_file(launcher_err_), daemon_stdout() }) {
         for (const char* mark : marks) {

@@ -47,4 +47,3 @@ private:
     size_t header_len_ = 0;
     bool raw_ = false; // the stream is no logger entries
 };
-

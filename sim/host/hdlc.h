@@ -21,7 +21,10 @@ uint16_t hdlc_crc16_update(uint16_t crc, uint8_t byte);
 std::vector<uint8_t> hdlc_frame(const uint8_t* pkt, size_t len, uint16_t crc_xor = 0);
 // The same frame appended to out; its length.
 size_t hdlc_frame_append(std::vector<uint8_t>& out, const uint8_t* pkt, size_t len, uint16_t crc_xor = 0);
-inline std::vector<uint8_t> hdlc_frame(const std::vector<uint8_t>& pkt) { return hdlc_frame(pkt.data(), pkt.size()); }
+inline std::vector<uint8_t> hdlc_frame(const std::vector<uint8_t>& pkt)
+{
+    return hdlc_frame(pkt.data(), pkt.size());
+}
 
 enum class HdlcResult { ok, incomplete, bad_escape, bad_crc, too_short, too_long };
 

@@ -66,8 +66,7 @@ void default_iface_record(uint8_t ifid, uint8_t* rec)
 int set_iface_logging(const uint8_t* rec, void* rsp, int rsp_len)
 {
     std::vector<uint8_t> fields;
-    bool ok = dpl_request(DPL_SET_IFACE_LOGGING, std::vector<uint8_t>(rec, rec + DIAG_DPL_IFACE_RECORD_SIZE),
-                          &fields);
+    bool ok = dpl_request(DPL_SET_IFACE_LOGGING, std::vector<uint8_t>(rec, rec + DIAG_DPL_IFACE_RECORD_SIZE), &fields);
     if (rsp && rsp_len > 0) {
         memset(rsp, 0, size_t(rsp_len));
         if (ok)
@@ -101,8 +100,7 @@ void diag_hdlc_encode(struct diag_send_desc_type* src, struct diag_hdlc_dest_typ
     // The state carries where a frame left off when the output area filled
     // up: the phase in bits 16 and up, the running CRC in the low 16 bits.
     enum { PHASE_BODY = 1, PHASE_CRC_LO, PHASE_CRC_HI, PHASE_FLAG, PHASE_DONE };
-    if (src == nullptr || dest == nullptr || src->pkt == nullptr || dest->dest == nullptr ||
-        dest->dest_last == nullptr)
+    if (src == nullptr || dest == nullptr || src->pkt == nullptr || dest->dest == nullptr || dest->dest_last == nullptr)
         return;
     const uint8_t* p = static_cast<const uint8_t*>(src->pkt);
     const uint8_t* last = static_cast<const uint8_t*>(src->last);
@@ -312,8 +310,7 @@ int diag_dpl_get_iface_desc(uint8_t ifid, struct diag_dpl_iface_desc* desc)
     desc->ifid = ifid;
     desc->desc[0] = '\0';
     std::vector<uint8_t> fields;
-    if (!dpl_request(DPL_IFACE_DESC, { ifid }, &fields) || fields.size() < 3 || fields[0] != ifid ||
-        fields[1] != 0)
+    if (!dpl_request(DPL_IFACE_DESC, { ifid }, &fields) || fields.size() < 3 || fields[0] != ifid || fields[1] != 0)
         return 0;
     size_t n = std::min<size_t>({ fields[2], fields.size() - 3, DIAG_DPL_DESC_SIZE - 1 });
     memcpy(desc->desc, fields.data() + 3, n);

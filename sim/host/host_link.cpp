@@ -78,8 +78,7 @@ std::string sim_host_path(const char* device_path)
     return pool().root + device_path;
 }
 
-SimLink::SimLink(const char* device_path)
-    : path_(sim_host_path(device_path))
+SimLink::SimLink(const char* device_path) : path_(sim_host_path(device_path))
 {
     {
         std::lock_guard<std::mutex> lock(pool().mutex);

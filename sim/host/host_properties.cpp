@@ -49,8 +49,8 @@ int sim_property_set_in(const char* dir, const char* key, const char* value)
     const std::string path = std::string(dir) + "/" + key;
     // A private temporary name per writer; the rename publishes it whole.
     static std::atomic<unsigned> counter{ 0 };
-    const std::string tmp_name = std::string(dir) + "/." + key + "." + std::to_string(getpid()) + "." +
-                                 std::to_string(counter.fetch_add(1));
+    const std::string tmp_name =
+        std::string(dir) + "/." + key + "." + std::to_string(getpid()) + "." + std::to_string(counter.fetch_add(1));
     const char* tmp = tmp_name.c_str();
     int fd = open(tmp, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (fd < 0)

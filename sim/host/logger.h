@@ -9,7 +9,13 @@
 #include <string>
 #include <vector>
 
-enum LogBufferId { LOG_BUFFER_MAIN = 0, LOG_BUFFER_RADIO = 1, LOG_BUFFER_EVENTS = 2, LOG_BUFFER_SYSTEM = 3, LOG_BUFFER_COUNT = 4 };
+enum LogBufferId {
+    LOG_BUFFER_MAIN = 0,
+    LOG_BUFFER_RADIO = 1,
+    LOG_BUFFER_EVENTS = 2,
+    LOG_BUFFER_SYSTEM = 3,
+    LOG_BUFFER_COUNT = 4
+};
 
 const char* log_buffer_name(int id);
 // -1 for an unknown name.
@@ -50,10 +56,7 @@ std::vector<uint8_t> make_logdw(int buffer, const LogEntry& e);
 // when it is full. A FIFO may take part of an entry; the rest follows.
 class LogQueue {
 public:
-    explicit LogQueue(size_t max_bytes = 256 * 1024)
-        : max_bytes_(max_bytes)
-    {
-    }
+    explicit LogQueue(size_t max_bytes = 256 * 1024) : max_bytes_(max_bytes) {}
     void push(const std::vector<uint8_t>& entry) { push(entry.data(), entry.size()); }
     void push(const uint8_t* entry, size_t len);
     // Writes what fd takes without blocking; false when fd failed.

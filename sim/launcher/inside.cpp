@@ -79,8 +79,9 @@ public:
         char when[32];
         time_t t = time(nullptr);
         strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S", localtime(&t));
-        write_all(STDOUT_FILENO, std::string(midline_ ? "\n" : "") + "--- tovak-sim: tovakd start " + std::to_string(starts_) + " (pid " +
-                                     std::to_string(pid_) + ") at " + when + " ---\n");
+        write_all(STDOUT_FILENO, std::string(midline_ ? "\n" : "") + "--- tovak-sim: tovakd start " +
+                                     std::to_string(starts_) + " (pid " + std::to_string(pid_) + ") at " + when +
+                                     " ---\n");
         save_state();
     }
 

@@ -99,7 +99,8 @@ void mark_stopped(const std::string& root)
     std::istringstream in(read_text(path));
     std::string text;
     for (std::string line; std::getline(in, line);)
-        if (line.compare(0, 4, "pid ") != 0 && line.compare(0, 6, "state ") != 0 && line.compare(0, 11, "stopped_at ") != 0)
+        if (line.compare(0, 4, "pid ") != 0 && line.compare(0, 6, "state ") != 0 &&
+            line.compare(0, 11, "stopped_at ") != 0)
             text += line + "\n";
     time_t t = time(nullptr);
     char when[32];

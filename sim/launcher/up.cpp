@@ -77,8 +77,8 @@ void provision(const UpOptions& opt)
         if (rename(part.c_str(), etc.c_str()) != 0)
             die("cannot create " + etc + ": " + strerror(errno));
     }
-    for (const char* dir : { "/data/media/0", "/data/local", "/data/property", "/dev/log", "/dev/ps_socket",
-                             "/dev/socket" })
+    for (const char* dir :
+         { "/data/media/0", "/data/local", "/data/property", "/dev/log", "/dev/ps_socket", "/dev/socket" })
         make_dirs(root + dir);
     std::string props = root + "/data/property";
     int rc = opt.bootcomplete ? sim_property_set_in(props.c_str(), "dev.bootcomplete", "1")
@@ -102,8 +102,8 @@ void check_up(UpOptions* opt)
     if (longest.size() > UNIX_SOCKET_PATH_MAX)
         die("ROOT is too long: its sockets (" + longest + ", " + std::to_string(longest.size()) +
             " bytes) must fit a socket address of " + std::to_string(UNIX_SOCKET_PATH_MAX) +
-            " bytes; choose a ROOT of at most " + std::to_string(opt->root.size() - (longest.size() - UNIX_SOCKET_PATH_MAX)) +
-            " characters");
+            " bytes; choose a ROOT of at most " +
+            std::to_string(opt->root.size() - (longest.size() - UNIX_SOCKET_PATH_MAX)) + " characters");
     if (!is_dir(opt->root + "/system/etc"))
         for (const char* name : FACTORY_FILES)
             if (access((opt->etc + "/" + name).c_str(), R_OK) != 0)
@@ -171,17 +171,36 @@ std::vector<std::string> sandbox_command(const UpOptions& opt, const std::string
         args.insert(args.end(), { "--unshare-user", "--uid", "0", "--gid", "0" });
     add_system_dirs(args);
     args.insert(args.end(), {
-                                "--proc", "/proc",
-                                "--dev", "/dev",
-                                "--tmpfs", "/tmp",
-                                "--bind", r + "/data", "/data",
-                                opt.sdcard_readonly ? "--ro-bind" : "--bind", r + "/data/media/0", "/sdcard",
-                                "--ro-bind", r + "/system", "/system",
-                                "--bind", r + "/dev/log", "/dev/log",
-                                "--bind", r + "/dev/ps_socket", "/dev/ps_socket",
-                                "--bind", r + "/dev/socket", "/dev/socket",
-                                "--bind", r + "/" SIM_DIR, "/" SIM_DIR,
-                                "--ro-bind", bin, bin,
+                                "--proc",
+                                "/proc",
+                                "--dev",
+                                "/dev",
+                                "--tmpfs",
+                                "/tmp",
+                                "--bind",
+                                r + "/data",
+                                "/data",
+                                opt.sdcard_readonly ? "--ro-bind" : "--bind",
+                                r + "/data/media/0",
+                                "/sdcard",
+                                "--ro-bind",
+                                r + "/system",
+                                "/system",
+                                "--bind",
+                                r + "/dev/log",
+                                "/dev/log",
+                                "--bind",
+                                r + "/dev/ps_socket",
+                                "/dev/ps_socket",
+                                "--bind",
+                                r + "/dev/socket",
+                                "/dev/socket",
+                                "--bind",
+                                r + "/" SIM_DIR,
+                                "/" SIM_DIR,
+                                "--ro-bind",
+                                bin,
+                                bin,
                             });
     if (opt.sdcard_readonly)
         args.insert(args.end(), { "--ro-bind", r + "/data/media/0", "/data/media/0" });

@@ -82,12 +82,14 @@ protected:
     // satisfy check, or the deadline passes.
     bool commit_until(const std::string& capture, const std::function<bool(const std::vector<Entry>&)>& check)
     {
-        return wait_until([&] {
-            send(CMD_ADBLOG_COMMIT);
-            std::vector<Entry> entries;
-            auto files = newest_files();
-            return files.count(capture) && parse_entries(files[capture], &entries) && check(entries);
-        }, std::chrono::seconds(30));
+        return wait_until(
+            [&] {
+                send(CMD_ADBLOG_COMMIT);
+                std::vector<Entry> entries;
+                auto files = newest_files();
+                return files.count(capture) && parse_entries(files[capture], &entries) && check(entries);
+            },
+            std::chrono::seconds(30));
     }
     bool logger_idle(const std::string& buffer)
     {
@@ -203,7 +205,8 @@ TEST_F(Capture, CommitsGoOnceWhereTheOutPathSaysAndOnlyEnabledOnesGo)
     for (const char* line : { ": 0: log/main\n", ": 1: log/radio\n", ": 2: log/events\n", ": 3: log/system\n" })
         EXPECT_NE(std::string::npos, dev.daemon_stdout().find(line)) << line;
     const std::string once = dev.path("data/media/0/once");
-    EXPECT_EQ(0u, reply_u32(send(CMD_OUT_PATH, Bytes{ '/', 's', 'd', 'c', 'a', 'r', 'd', '/', 'o', 'n', 'c', 'e', '/', 'd', 0 })));
+    EXPECT_EQ(0u, reply_u32(send(CMD_OUT_PATH,
+                                 Bytes{ '/', 's', 'd', 'c', 'a', 'r', 'd', '/', 'o', 'n', 'c', 'e', '/', 'd', 0 })));
     EXPECT_EQ(0u, send(CMD_ADBLOG_COMMIT).len);
     send(CMD_ADBLOG_SET_SIZE, le({ { 1, 4 }, { 600000, 4 } }));
     send(CMD_ADBLOG_ADD_CATEGORY, u32(2));

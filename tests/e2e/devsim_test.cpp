@@ -19,20 +19,24 @@ TEST(DevsimInSandbox, WrappedAndEventsCapturesOpenInTshark)
     // Sixteen megabytes of main entries through a 10 MB ring: it wraps.
     ASSERT_EQ(0, devsim_ctl(dev.root(), { "flood", "main", "200000", "400000" }));
     ASSERT_EQ(0, devsim_ctl(dev.root(), { "flood", "events", "1000", "500" }));
-    ASSERT_TRUE(wait_until([&] {
-        nlohmann::json l = devsim_status(dev.root())["logger"];
-        return l["main"]["flood_left"] == 0 && l["events"]["flood_left"] == 0 && l["main"]["queued"] == 0;
-    }, std::chrono::seconds(60)));
+    ASSERT_TRUE(wait_until(
+        [&] {
+            nlohmann::json l = devsim_status(dev.root())["logger"];
+            return l["main"]["flood_left"] == 0 && l["events"]["flood_left"] == 0 && l["main"]["queued"] == 0;
+        },
+        std::chrono::seconds(60)));
     std::map<std::string, std::string> newest; // by name prefix
-    ASSERT_TRUE(wait_until([&] {
-        client->capture_commit();
-        for (const auto& f : std::filesystem::directory_iterator(dev.path("data/media/0/syslog"))) {
-            std::string p = f.path().string(), name = f.path().filename().string();
-            name = name.substr(0, name.find('_'));
-            newest[name] = std::max(newest[name], p);
-        }
-        return newest.count("adbevents") && read_file(newest["adbmain"]).size() > 9000000;
-    }, std::chrono::seconds(60)));
+    ASSERT_TRUE(wait_until(
+        [&] {
+            client->capture_commit();
+            for (const auto& f : std::filesystem::directory_iterator(dev.path("data/media/0/syslog"))) {
+                std::string p = f.path().string(), name = f.path().filename().string();
+                name = name.substr(0, name.find('_'));
+                newest[name] = std::max(newest[name], p);
+            }
+            return newest.count("adbevents") && read_file(newest["adbmain"]).size() > 9000000;
+        },
+        std::chrono::seconds(60)));
     if (system("tshark -v >/dev/null 2>&1") != 0)
         GTEST_SKIP() << "tshark is not installed (scripts/deps.sh installs it)";
     for (const char* name : { "adbmain", "adbevents" }) {
@@ -44,7 +48,9 @@ TEST(DevsimInSandbox, WrappedAndEventsCapturesOpenInTshark)
         ASSERT_TRUE(pos == data.size() && entries > 2) << name << ": whole entries, more than tshark's 2 quirk";
         std::string out, err;
         EXPECT_EQ(0, SimDevice::run({ "/usr/bin/env", "tshark", "-X", "read_format:Android Logcat Binary format", "-r",
-                                      newest[name], "-T", "fields", "-e", "logcat.pid" }, &out, &err)) << err;
+                                      newest[name], "-T", "fields", "-e", "logcat.pid" },
+                                    &out, &err))
+            << err;
         EXPECT_EQ(entries, std::count(out.begin(), out.end(), '\n')) << name << ": every entry decoded";
     }
 }

@@ -73,27 +73,39 @@ Bytes apply(uint32_t cmd, Settings& s, const Disk& disk, uint16_t n)
         return u16(id);
     };
     switch (cmd) {
-    case CMD_ADD_EVENT: s.events.insert(uint16_t(1000 + n)); return u16(1000 + n);
-    case CMD_RM_EVENT: return take(s.events, 1498);
-    case CMD_ADD_LOG: s.logs.insert(uint16_t(0x4100 + n)); return u16(0x4100 + n);
-    case CMD_RM_LOG: return take(s.logs, 0x412f);
+    case CMD_ADD_EVENT:
+        s.events.insert(uint16_t(1000 + n));
+        return u16(1000 + n);
+    case CMD_RM_EVENT:
+        return take(s.events, 1498);
+    case CMD_ADD_LOG:
+        s.logs.insert(uint16_t(0x4100 + n));
+        return u16(0x4100 + n);
+    case CMD_RM_LOG:
+        return take(s.logs, 0x412f);
     case CMD_LOG_ON:
         // dm.cfg is reloaded first: an edit whose save failed is gone after it.
         if (!s.logging && disk)
             s = *disk;
         s.logging = true;
         break;
-    case CMD_LOG_OFF: s.logging = false; break;
-    case CMD_ADBLOG_ON: s.capture = true; break;
-    case CMD_ADBLOG_OFF: s.capture = false; break;
+    case CMD_LOG_OFF:
+        s.logging = false;
+        break;
+    case CMD_ADBLOG_ON:
+        s.capture = true;
+        break;
+    case CMD_ADBLOG_OFF:
+        s.capture = false;
+        break;
     }
     return {};
 }
 
 // The random workload draws from these; edits and log on come up most.
-const uint32_t SCRIPT[] = { CMD_ADD_EVENT, CMD_ADD_EVENT, CMD_ADD_EVENT, CMD_RM_EVENT,  CMD_ADD_LOG,
-                            CMD_RM_LOG,    CMD_LOG_ON,    CMD_LOG_ON,    CMD_LOG_OFF,   CMD_ADBLOG_ON,
-                            CMD_ADBLOG_OFF, CMD_ADBLOG_COMMIT };
+const uint32_t SCRIPT[] = { CMD_ADD_EVENT, CMD_ADD_EVENT, CMD_ADD_EVENT,  CMD_RM_EVENT,
+                            CMD_ADD_LOG,   CMD_RM_LOG,    CMD_LOG_ON,     CMD_LOG_ON,
+                            CMD_LOG_OFF,   CMD_ADBLOG_ON, CMD_ADBLOG_OFF, CMD_ADBLOG_COMMIT };
 
 // What the campaign injected, by kind, and what it checked.
 struct Tally {
@@ -241,7 +253,8 @@ public:
         ASSERT_TRUE(client && client->send_bytes(&req, sizeof req) == TovakStatus::ok);
         if (kill == nullptr) {
             EXPECT_EQ(TovakStatus::ok, client->read_reply(&reply)) << client->error();
-            const auto took = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - sent);
+            const auto took =
+                std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - sent);
             typical_us_[cmd] = std::max(typical_us_[cmd], int(took.count()));
             memory = next;
             saved = disk_ok ? std::optional(memory) : saved;
@@ -287,11 +300,13 @@ public:
                        client->get_log_state(&on).status == TovakStatus::ok;
             },
             std::chrono::seconds(60)))
-            << "tovakd does not serve after its restart\n" << dev.failure();
+            << "tovakd does not serve after its restart\n"
+            << dev.failure();
         EXPECT_EQ(starts + 1, dev.daemon_starts()) << "tovakd ended by itself\n" << dev.failure();
         const Disk now = disk();
         EXPECT_TRUE(now == saved || (interrupted && disk_ok && now == *interrupted))
-            << "dm.cfg after the kill: " << testing::PrintToString(now) << "\nlast saved: " << testing::PrintToString(saved);
+            << "dm.cfg after the kill: " << testing::PrintToString(now)
+            << "\nlast saved: " << testing::PrintToString(saved);
         saved = now;
         memory = now ? *now : builtin();
         EXPECT_EQ(memory, served()) << "what tovakd came back with";
@@ -323,8 +338,10 @@ public:
             EXPECT_TRUE(!e.cut || e.lead > 0 || may_be_cut_.count(f))
                 << f << " is torn after its last whole entry: " << e.messages.size() << " entries, then "
                 << data.size() - e.at << " bytes at " << e.at << " of " << data.size() << ": "
-                << hex_text(std::vector<uint8_t>(data.begin() + long(e.at), data.begin() + long(std::min(data.size(), e.at + 48))))
-                << "; it begins " << hex_text(std::vector<uint8_t>(data.begin(), data.begin() + long(std::min<size_t>(data.size(), 24))));
+                << hex_text(std::vector<uint8_t>(data.begin() + long(e.at),
+                                                 data.begin() + long(std::min(data.size(), e.at + 48))))
+                << "; it begins "
+                << hex_text(std::vector<uint8_t>(data.begin(), data.begin() + long(std::min<size_t>(data.size(), 24))));
             tally_.begun_inside += e.lead > 0;
             tally_.capture_entries += int(e.messages.size());
             tally_.capture_files++;
@@ -408,7 +425,8 @@ public:
         std::shuffle(order.begin(), order.end(), rng);
         const std::set<int> kill_at(order.begin(), order.begin() + kills);
         for (int i = 0; i < steps && !testing::Test::HasFatalFailure(); i++) {
-            run(SCRIPT[std::uniform_int_distribution<size_t>(0, std::size(SCRIPT) - 1)(rng)], kill_at.count(i) ? &rng : nullptr);
+            run(SCRIPT[std::uniform_int_distribution<size_t>(0, std::size(SCRIPT) - 1)(rng)],
+                kill_at.count(i) ? &rng : nullptr);
             check_files();
         }
     }

@@ -187,7 +187,7 @@ TEST_F(Hostile, ConcurrentFloodsAndLyingFramesLeaveEditsAnswered)
         idle.push_back(fd);
     }
     // Only commands that read: what the liars send must not undo the edits.
-    const uint32_t reads[] = { CMD_GET_EVENTS, CMD_GET_LOGS, CMD_GET_MSG,         CMD_GET_BUFFER_SIZE,
+    const uint32_t reads[] = { CMD_GET_EVENTS,    CMD_GET_LOGS,        CMD_GET_MSG,       CMD_GET_BUFFER_SIZE,
                                CMD_GET_LOG_STATE, CMD_GET_CONFIG_FILE, CMD_DPL_GET_STATE, CMD_ADBLOG_GET_STATE };
     std::atomic<bool> stop{ false };
     std::atomic<int> sent{ 0 };

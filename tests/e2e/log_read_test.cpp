@@ -114,8 +114,8 @@ std::vector<Bytes> pcap_ip_records(const std::string& file)
         if (at + 16 + len > file.size())
             break;
         Bytes rec(file.begin() + long(at + 16), file.begin() + long(at + 16 + len));
-        const bool gsmtap = rec.size() > 28 && rec[0] == 0x45 && rec[9] == 17 && rec[12] == 127 && rec[22] == 0x12 &&
-                            rec[23] == 0x79;
+        const bool gsmtap =
+            rec.size() > 28 && rec[0] == 0x45 && rec[9] == 17 && rec[12] == 127 && rec[22] == 0x12 && rec[23] == 0x79;
         if (!gsmtap)
             out.push_back(rec);
         at += 16 + len;
@@ -145,8 +145,9 @@ TEST_F(LogRead, AFactorySessionHasEverythingConfiguredAndExportsWhatWiresharkDec
     ASSERT_GT(exported, 50u) << out;
 
     // Every packet decodes to the end with Wireshark's own dissectors.
-    const std::vector<std::string> base = { "-r", pcap, "-o", "ip.check_checksum:TRUE", "-o",
-                                            "tcp.check_checksum:TRUE", "-o", "udp.check_checksum:TRUE" };
+    const std::vector<std::string> base = {
+        "-r", pcap, "-o", "ip.check_checksum:TRUE", "-o", "tcp.check_checksum:TRUE", "-o", "udp.check_checksum:TRUE"
+    };
     auto fields = [&](std::vector<std::string> more) {
         std::vector<std::string> a = base;
         a.insert(a.end(), more.begin(), more.end());
@@ -163,18 +164,19 @@ TEST_F(LogRead, AFactorySessionHasEverythingConfiguredAndExportsWhatWiresharkDec
                            stack == "raw:ip:icmp:data" || stack.find("raw:ipv6:") == 0;
         EXPECT_TRUE(known) << stack << " x" << n;
     }
-    EXPECT_EQ(std::vector<std::string>{},
-              fields({ "-Y", "_ws.malformed || _ws.expert.severity >= \"warning\"", "-T", "fields", "-e", "frame.number" }))
+    EXPECT_EQ(std::vector<std::string>{}, fields({ "-Y", "_ws.malformed || _ws.expert.severity >= \"warning\"", "-T",
+                                                   "fields", "-e", "frame.number" }))
         << "malformed or warned frames";
 
     // The RRC messages are the simulator's MIBs, the NAS messages its four.
-    std::vector<std::string> rrc = fields({ "-Y", "lte_rrc", "-T", "fields", "-e", "lte-rrc.BCCH_BCH_Message_element" });
+    std::vector<std::string> rrc =
+        fields({ "-Y", "lte_rrc", "-T", "fields", "-e", "lte-rrc.BCCH_BCH_Message_element" });
     EXPECT_GE(rrc.size(), 10u);
     for (const std::string& r : rrc)
         EXPECT_NE("", r);
     std::set<std::string> nas;
-    for (const std::string& n : fields({ "-Y", "nas-eps", "-T", "fields", "-e", "nas_eps.nas_msg_emm_type",
-                                         "-e", "nas_eps.nas_msg_esm_type" }))
+    for (const std::string& n : fields(
+             { "-Y", "nas-eps", "-T", "fields", "-e", "nas_eps.nas_msg_emm_type", "-e", "nas_eps.nas_msg_esm_type" }))
         nas.insert(n);
     EXPECT_EQ((std::set<std::string>{ "0x61\t", "0x4a\t", "\t0xd9", "\t0xda" }), nas);
 

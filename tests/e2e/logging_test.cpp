@@ -87,7 +87,8 @@ TEST_F(Logging, LogOnSendsExactlyTheConfiguredMasksWithTheModemsRanges)
     EXPECT_EQ("local:7300000003000000070000006009", pass[2].substr(0, 34));
     EXPECT_EQ("local:73000000030000000b000000000a", pass[3].substr(0, 34));
     EXPECT_EQ("local:7d04000078000000", pass[4].substr(0, 22));
-    EXPECT_EQ(1, std::count_if(pass.begin(), pass.end(), [](auto& r) { return r.rfind("local:7d040b280d28", 0) == 0; }));
+    EXPECT_EQ(1,
+              std::count_if(pass.begin(), pass.end(), [](auto& r) { return r.rfind("local:7d040b280d28", 0) == 0; }));
 
     // A second log on changes nothing; log off clears and resets DPL.
     ctl({ "clear-requests" });
@@ -125,7 +126,8 @@ TEST_F(Logging, LostDamagedAndLateAnswersAreSkippedNotRepeated)
         std::vector<std::string> outcomes; // of the first requests
     };
     const Case cases[] = {
-        { "lost then damaged", { { "fault", "drop", "1" }, { "fault", "corrupt", "3" } },
+        { "lost then damaged",
+          { { "fault", "drop", "1" }, { "fault", "corrupt", "3" } },
           { "dropped", "corrupted", "corrupted", "corrupted", "answered" } },
         { "late", { { "fault", "delay", "3500" } }, {} },
     };
@@ -226,7 +228,8 @@ std::set<std::tuple<char, int, int>> stream_items(const std::string& bytes, size
         else if (pkt.size() >= 5 && pkt[0] == 0x60)
             items.insert({ 'E', (pkt[3] | pkt[4] << 8) & 0x0fff, 0 });
         else if (pkt.size() >= 20 && pkt[0] == 0x79)
-            items.insert({ 'M', pkt[14] | pkt[15] << 8, __builtin_ctz(pkt[16] | pkt[17] << 8 | pkt[18] << 16 | pkt[19] << 24) });
+            items.insert(
+                { 'M', pkt[14] | pkt[15] << 8, __builtin_ctz(pkt[16] | pkt[17] << 8 | pkt[18] << 16 | pkt[19] << 24) });
         else
             items.insert({ '?', pkt[0], 0 });
     }

@@ -277,8 +277,8 @@ TEST_F(Limits, EachFieldAtItsEdgeAndOnePast)
     struct Size {
         uint32_t asked, in_force;
     };
-    for (Size s : { Size{ 499999, 500000 }, { 500001, 500001 }, { 19999999, 19999999 }, { 20000001, 20000000 },
-                    { 1, 500000 } }) {
+    for (Size s :
+         { Size{ 499999, 500000 }, { 500001, 500001 }, { 19999999, 19999999 }, { 20000001, 20000000 }, { 1, 500000 } }) {
         send(CMD_ADBLOG_SET_SIZE, le({ { 3, 4 }, { s.asked, 4 } }));
         EXPECT_EQ(s.in_force, reply_u32(send(CMD_ADBLOG_GET_SIZE, u32(3)))) << s.asked;
         EXPECT_TRUE(cfg_has(",5000000," + std::to_string(s.asked) + "\n</AdbSizeInfo>")) << s.asked;

@@ -62,7 +62,8 @@ TEST(Robustness, ALongShellDiagnosticHoldsNoSocketAndHangUpsAreSeenMeanwhile)
         const size_t first = out.find("server: got disconnection", from);
         return first != std::string::npos && out.find("server: got disconnection", first + 1) != std::string::npos;
     })) << dev.daemon_stdout();
-    EXPECT_TRUE(std::regex_search(dev.daemon_stdout(), std::regex(R"(: num_of_consecutive_zero_read exceeds 10\n\d+: )")))
+    EXPECT_TRUE(
+        std::regex_search(dev.daemon_stdout(), std::regex(R"(: num_of_consecutive_zero_read exceeds 10\n\d+: )")))
         << "a message without its own newline still ends its line";
 }
 

@@ -26,7 +26,9 @@ Bytes shell(const std::string& text, int n = -1)
 bool sleeper_running()
 {
     // The duration is this test's own mark.
-    static const std::string mark("sleep\0" "7391\0", 11);
+    static const std::string mark("sleep\0"
+                                  "7391\0",
+                                  11);
     bool found = false;
     DIR* dir = opendir("/proc");
     while (dirent* e = dir ? readdir(dir) : nullptr)
@@ -161,7 +163,8 @@ TEST_F(Session, ConcurrentClientsEachGetWholeAnswers)
             for (int k = 0; c && k < 15; k++) {
                 tovak_pkt reply;
                 Bytes edit = t % 3 == 0 ? set : u16(uint32_t(t * 100 + k));
-                c->transact(t % 3 == 0 ? CMD_SET_CONFIG_FILE : CMD_ADD_EVENT, edit.data(), uint32_t(edit.size()), &reply);
+                c->transact(t % 3 == 0 ? CMD_SET_CONFIG_FILE : CMD_ADD_EVENT, edit.data(), uint32_t(edit.size()),
+                            &reply);
                 if (c->transact(CMD_GET_CONFIG_FILE, nullptr, 0, &reply) != TovakStatus::ok)
                     return;
                 std::string got(reinterpret_cast<const char*>(reply.data + 2), reply.len > 2 ? reply.len - 3 : 0);

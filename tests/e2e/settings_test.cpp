@@ -41,13 +41,36 @@ TEST_F(Settings, ItemListsAddRemoveAndListAlike)
         std::function<std::string(uint32_t)> saved;
     };
     const Kind kinds[] = {
-        { "events", CMD_ADD_EVENT, CMD_RM_EVENT, CMD_GET_EVENTS, 2, { 1498, 1499 }, u16,
+        { "events",
+          CMD_ADD_EVENT,
+          CMD_RM_EVENT,
+          CMD_GET_EVENTS,
+          2,
+          { 1498, 1499 },
+          u16,
           [](uint32_t v) { return std::to_string(100000 + v).substr(1); } },
-        { "log codes", CMD_ADD_LOG, CMD_RM_LOG, CMD_GET_LOGS, 2, { 0x412f, 0x713f }, u16,
-          [](uint32_t v) { char b[8]; snprintf(b, sizeof b, "0x%04x", v); return std::string(b); } },
+        { "log codes",
+          CMD_ADD_LOG,
+          CMD_RM_LOG,
+          CMD_GET_LOGS,
+          2,
+          { 0x412f, 0x713f },
+          u16,
+          [](uint32_t v) {
+              char b[8];
+              snprintf(b, sizeof b, "0x%04x", v);
+              return std::string(b);
+          } },
         // Messages list 16 bits of their mask; the file keeps all 32.
-        { "messages", CMD_ADD_MSG, CMD_RM_MSG, CMD_GET_MSG, 8, { 5, 0x18, 15, 0x18 },
-          [](uint32_t v) { return le({ { v, 2 }, { 0x10001, 4 } }); },
+        { "messages",
+          CMD_ADD_MSG,
+          CMD_RM_MSG,
+          CMD_GET_MSG,
+          8,
+          { 5, 0x18, 15, 0x18 },
+          [](uint32_t v) {
+              return le({ { v, 2 }, { 0x10001, 4 } });
+          },
           [](uint32_t v) { return std::to_string(100000 + v).substr(1) + "/16"; } },
     };
     for (const Kind& k : kinds) {
@@ -89,11 +112,11 @@ TEST_F(Settings, ConfigFileChoicesAreTakenOrRefusedAndSurviveARestart)
     };
     const Case cases[] = {
         { fits, int(fits.size() + 1), fits },
-        { fits + "g", int(fits.size() + 2), fits },   // too long for the property
-        { "/data/local/other.cfg", 100, fits },       // length past the limit
-        { "/data/local/other.cfg", 0xffff, fits },    // negative
+        { fits + "g", int(fits.size() + 2), fits },                  // too long for the property
+        { "/data/local/other.cfg", 100, fits },                      // length past the limit
+        { "/data/local/other.cfg", 0xffff, fits },                   // negative
         { "/data/local/other.cfgXYZ", 21, "/data/local/other.cfg" }, // the length ends it
-        { "/data/local/none.cfg", 21, "/data/local/none.cfg" }, // taken, though it fails to load
+        { "/data/local/none.cfg", 21, "/data/local/none.cfg" },      // taken, though it fails to load
     };
     for (const Case& c : cases) {
         EXPECT_EQ(c.current, choose(c.name, c.n)) << c.name << " " << c.n;
@@ -129,9 +152,12 @@ TEST_F(Settings, DplInterfacesAreListedProgrammedAndReset)
     EXPECT_EQ(0u, send(CMD_DPL_SET_IF, u16(300)).len);
     // 300's low byte; kinds 1 and 2 in variant 0, then in variant 1, the last cut
     // to the record's 68 bytes.
-    EXPECT_EQ("4b2a0400" "2c04000000000000"
-              "010000002c0000000000000000000000" "020000002c0000000000000000000000"
-              "010000002c0001000000000000000000" "020000002c00010000000000",
+    EXPECT_EQ("4b2a0400"
+              "2c04000000000000"
+              "010000002c0000000000000000000000"
+              "020000002c0000000000000000000000"
+              "010000002c0001000000000000000000"
+              "020000002c00010000000000",
               status()["requests"][0]["request"]);
     EXPECT_EQ((std::vector<uint32_t>{ 1, 15, 19, 300 }), list_of(send(CMD_DPL_GET_IF_LIST), 2, 4));
 

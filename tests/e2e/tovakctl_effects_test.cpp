@@ -72,7 +72,8 @@ TEST_F(CtlEffectsTest, OutputPathAndCaptureFilesWhereTheyLand)
     expect({ "status" }, 0, { "out path      /sdcard/mine/dm (until tovakd restarts" });
     expect({ "capture", "on" }, 0, {});
     expect({ "capture", "on" }, 0, { "nothing changed: capture was already on" });
-    ASSERT_TRUE(wait_until([&] { return run({ "capture-commit" }).out.find("wrote /sdcard/mine/adbmain_") != std::string::npos; }));
+    ASSERT_TRUE(wait_until(
+        [&] { return run({ "capture-commit" }).out.find("wrote /sdcard/mine/adbmain_") != std::string::npos; }));
     expect({ "category-rm", "events" }, 0, { "nothing changed: the category was already off" });
     expect({ "category-rm", "main" }, 0, { "category off until tovakd restarts" });
     expect({ "status" }, 0, { "main        off, 10000000 bytes (until tovakd restarts: dm.cfg says on" });

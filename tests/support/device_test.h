@@ -25,8 +25,14 @@ inline Bytes le(std::initializer_list<std::pair<uint32_t, int>> fields)
             b.push_back(uint8_t(value >> (8 * i)));
     return b;
 }
-inline Bytes u16(uint32_t v) { return le({ { v, 2 } }); }
-inline Bytes u32(uint32_t v) { return le({ { v, 4 } }); }
+inline Bytes u16(uint32_t v)
+{
+    return le({ { v, 2 } });
+}
+inline Bytes u32(uint32_t v)
+{
+    return le({ { v, 4 } });
+}
 
 inline uint32_t reply_u32(const tovak_pkt& r, size_t at = 0)
 {
@@ -80,7 +86,8 @@ protected:
     tovak_pkt send(uint32_t cmd, const Bytes& payload = {}, TovakClient* c = nullptr)
     {
         tovak_pkt reply = {};
-        EXPECT_EQ(TovakStatus::ok, (c ? c : client.get())->transact(cmd, payload.data(), uint32_t(payload.size()), &reply))
+        EXPECT_EQ(TovakStatus::ok,
+                  (c ? c : client.get())->transact(cmd, payload.data(), uint32_t(payload.size()), &reply))
             << "cmd " << cmd;
         return reply;
     }

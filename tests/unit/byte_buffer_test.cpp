@@ -39,7 +39,8 @@ TEST(ByteBuffer, WriterFillsItsAreaPackedAndNotOneBytePast)
     EXPECT_EQ(1u, byte_buffer_write_u16(&bb, 0x0102));
     EXPECT_EQ(1u, byte_buffer_write_u32(&bb, 0x03040506));
     EXPECT_EQ(1u, byte_buffer_write_u8(&bb, 0x07));
-    EXPECT_EQ((std::vector<uint8_t>{ 2, 1, 6, 5, 4, 3, 7, 0xee }), std::vector<uint8_t>(area.begin(), area.begin() + 8));
+    EXPECT_EQ((std::vector<uint8_t>{ 2, 1, 6, 5, 4, 3, 7, 0xee }),
+              std::vector<uint8_t>(area.begin(), area.begin() + 8));
     std::vector<uint8_t> fill(5120 - 7, 0x11);
     EXPECT_EQ(0u, byte_buffer_write_bytes(&bb, fill.data(), 5120 - 6));
     EXPECT_EQ(1u, byte_buffer_write_bytes(&bb, fill.data(), 5120 - 7));
@@ -72,7 +73,8 @@ TEST(ByteBuffer, RecordsNeverInitialisedOrGivenBadArgumentsAreRefused)
     EXPECT_EQ(0u, byte_buffer_length(nullptr));
     const std::string printed = testing::internal::GetCapturedStdout();
     size_t lines = 0;
-    for (size_t at = printed.find("byte_buffer ERR >> "); at != std::string::npos; at = printed.find("byte_buffer ERR >> ", at + 1))
+    for (size_t at = printed.find("byte_buffer ERR >> "); at != std::string::npos;
+         at = printed.find("byte_buffer ERR >> ", at + 1))
         lines++;
     EXPECT_EQ(12u, lines) << printed;
 

@@ -16,9 +16,9 @@
 
 namespace {
 
-#define FILE_HEAD                                                   \
-    "#KVD Configuration File\n#\n#history\n"                        \
-    "#ver. 1.2 20120716 rtkan add dpl information\n"                \
+#define FILE_HEAD                                    \
+    "#KVD Configuration File\n#\n#history\n"         \
+    "#ver. 1.2 20120716 rtkan add dpl information\n" \
     "#ver. 1.1 20120521 rtkan add LogState and BufferSize\n\n"
 
 // The factory dm.cfg, which is also the built-in default as the daemon
@@ -160,10 +160,33 @@ TEST_F(Config, FilesEndingAtEveryChunkEdgeReadWhole)
 // Any bytes load, and what is written from them reads back to itself.
 TEST_F(Config, AnyBytesLoadAndTheirSavedFormIsStable)
 {
-    const std::string pieces[] = { "<LogState>", "</LogState>", "<BufferSize>", "</BufferSize>", "<EventIDs>",
-                                   "</EventIDs>", "<LogCodes>", "</MessageLevels>", "<MessageLevels>", "<IfIDs>",
-                                   "<Category>", "</AdbSizeInfo>", "<AdbSizeInfo>", "on", "0x", "0X", "/", ",",
-                                   " ", "\n", "\r", "#", "<", "</", "99999999999", "-", "12" };
+    const std::string pieces[] = { "<LogState>",
+                                   "</LogState>",
+                                   "<BufferSize>",
+                                   "</BufferSize>",
+                                   "<EventIDs>",
+                                   "</EventIDs>",
+                                   "<LogCodes>",
+                                   "</MessageLevels>",
+                                   "<MessageLevels>",
+                                   "<IfIDs>",
+                                   "<Category>",
+                                   "</AdbSizeInfo>",
+                                   "<AdbSizeInfo>",
+                                   "on",
+                                   "0x",
+                                   "0X",
+                                   "/",
+                                   ",",
+                                   " ",
+                                   "\n",
+                                   "\r",
+                                   "#",
+                                   "<",
+                                   "</",
+                                   "99999999999",
+                                   "-",
+                                   "12" };
     std::mt19937 rng(20121221);
     std::vector<std::string> texts;
     for (int round = 0; round < 300; round++) {

@@ -34,9 +34,14 @@ TEST(Hdlc, FramesEscapesAndRefusesDamage)
     EXPECT_EQ("7e 7e 4b 7d 5e 7d 5d 00", hex_text(std::vector<uint8_t>(frame.begin(), frame.end() - 3)));
     ASSERT_EQ(HdlcResult::ok, hdlc_unframe(frame.data(), frame.size(), &out));
     EXPECT_EQ(pkt, out);
-    const struct { std::vector<uint8_t> frame; HdlcResult r; } bad[] = {
-        { hdlc_frame(pkt.data(), pkt.size(), 0xFFFF), HdlcResult::bad_crc }, { hex("60 7D 7E"), HdlcResult::bad_escape },
-        { hex("60 7E"), HdlcResult::too_short },                              { hex("60 01 02"), HdlcResult::incomplete },
+    const struct {
+        std::vector<uint8_t> frame;
+        HdlcResult r;
+    } bad[] = {
+        { hdlc_frame(pkt.data(), pkt.size(), 0xFFFF), HdlcResult::bad_crc },
+        { hex("60 7D 7E"), HdlcResult::bad_escape },
+        { hex("60 7E"), HdlcResult::too_short },
+        { hex("60 01 02"), HdlcResult::incomplete },
     };
     for (const auto& b : bad)
         EXPECT_EQ(b.r, hdlc_unframe(b.frame.data(), b.frame.size(), &out)) << hex_text(b.frame);
@@ -102,8 +107,8 @@ TEST(LogLayouts, EveryEmittedRecordDecodesWithItsRow)
     for (const EventLayout& e : event_layouts())
         events[6 + e.id / 8] |= uint8_t(1 << (e.id % 8));
     dpl.insert(dpl.end(), rec.begin(), rec.end());
-    for (const auto& req : { log_mask(4, 0x130, codes), log_mask(0xB, 0xA00, codes), events, dpl,
-                             std::vector<uint8_t>{ 0x60, 1 } })
+    for (const auto& req :
+         { log_mask(4, 0x130, codes), log_mask(0xB, 0xA00, codes), events, dpl, std::vector<uint8_t>{ 0x60, 1 } })
         ASSERT_NE(0x15, m.handle(req).at(0));
     m.produce(60, 2000, 2000000000000000000ull, 64 << 20);
 
@@ -160,5 +165,4 @@ TEST(Device, ControlVerbs)
     EXPECT_TRUE(st["faults"]["silent"] && st["logger"]["radio"]["stalled"]);
     EXPECT_EQ(nlohmann::json({ { "pid", 0 }, { "starts", 3 }, { "last_exit", "signal 9" } }), st["daemon"]);
     EXPECT_EQ(0, st["qmi"]["units"]["phantom"].size()) << "refused edit changed nothing";
-
 }

@@ -178,7 +178,7 @@ TEST_F(File, PlantedNamesNeitherRedirectNorStopSaves)
         EXPECT_EQ(c.left, kind(fixed));
         EXPECT_EQ("kept", read_file(form + "D/inside"));
         std::set<std::string> want = { "dm.cfg", "victim", ".dm.cfg.tmp.AAAAAAAL", ".dm.cfg.tmp.AAAAAAAD",
-                                        ".dm.cfg.tmp.AAAAAAA" };
+                                       ".dm.cfg.tmp.AAAAAAA" };
         if (c.left != 0)
             want.insert(".dm.cfg.tmp");
         EXPECT_EQ(want, names_in(dir.path()));

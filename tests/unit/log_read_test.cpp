@@ -307,9 +307,9 @@ TEST(LogReadConfig, MissingAndUnconfiguredItems)
     put(ev, 1606, 2);
     put(ev, stamp(), 8);
     LrSummary s;
-    const Bytes data = framed({ log_packet(0xB0C0, { 1 }), log_packet(0xB061, { 1 }), ev,
-                                message(5, 1u << 3 | 1u << 9, {}, "x"), log_packet(0x11EB, dpl),
-                                log_packet(0x11EB, dpl_other) });
+    const Bytes data =
+        framed({ log_packet(0xB0C0, { 1 }), log_packet(0xB061, { 1 }), ev, message(5, 1u << 3 | 1u << 9, {}, "x"),
+                 log_packet(0x11EB, dpl), log_packet(0x11EB, dpl_other) });
     LrDiagReader reader([&](const LrRecord& r) { s.add(r); });
     reader.feed(data.data(), data.size());
     std::vector<std::string> missing, extra;
@@ -372,18 +372,23 @@ TEST(LogReadPcap, ExactBytesOfEachEncapsulation)
         return out;
     };
     // pcap 2.4, raw IP; 2026-01-01 00:00:01.500 UTC.
-    EXPECT_EQ("d4c3b2a10200040000000000000000000000040065000000" "01b9556920a10700", hex(got, 0, 32));
+    EXPECT_EQ("d4c3b2a10200040000000000000000000000040065000000"
+              "01b9556920a10700",
+              hex(got, 0, 32));
     // IPv4 127.0.0.1 to itself, UDP 4729 both ways, GSMTAP v2 LTE RRC,
     // uplink EARFCN 6300, subtype 3 (UL-DCCH), then the message.
     EXPECT_EQ("2e0000002e000000"
               "4500002e0000000040117cbd7f0000017f000001"
-              "1279127900" "1a0000"
+              "1279127900"
+              "1a0000"
               "02040d00589c00000000000003000000"
               "4802",
               hex(got, 32, 8 + 46));
     size_t at = 32 + 8 + 46;
     // NAS: type 0x12, uplink flag, plain subtype.
-    EXPECT_EQ("02041200400000000000000000000000" "074a", hex(got, at + 16 + 28, 18));
+    EXPECT_EQ("02041200400000000000000000000000"
+              "074a",
+              hex(got, at + 16 + 28, 18));
     at += 16 + 46;
     // DPL: the IP packet alone.
     EXPECT_EQ("040000000400000060000000", hex(got, at + 8, 12));
@@ -470,7 +475,8 @@ TEST(LogReadCapture, BinaryEventsAreDecoded)
         EXPECT_EQ(c.used, used) << c.text;
     }
     EXPECT_EQ((std::map<uint32_t, std::string>{ { 2718, "e" }, { 72451, "sim_signal_strength" } }),
-              lr_event_tags("# comment\n2718 e\n72451 sim_signal_strength (rsrp|5)\nname 12\n12x y\n99999999999 big\n"));
+              lr_event_tags(
+                  "# comment\n2718 e\n72451 sim_signal_strength (rsrp|5)\nname 12\n12x y\n99999999999 big\n"));
 
     // Lists nested past any sense stop.
     Bytes deep(40, 3);
@@ -505,8 +511,9 @@ TEST_F(LogReadCtl, FiltersListAndJsonLines)
     put(ev, 1606 | 1 << 13, 2);
     put(ev, stamp(2000), 8);
     ev.push_back(4);
-    const std::string log = file("a.qmdl", framed({ log_packet(0xB0C0, { 1 }, stamp(1000)), ev,
-                                                    message(5, 8, { 7 }, "n=%d"), log_packet(0x412F, { 2 }, stamp(3000)) }));
+    const std::string log =
+        file("a.qmdl", framed({ log_packet(0xB0C0, { 1 }, stamp(1000)), ev, message(5, 8, { 7 }, "n=%d"),
+                                log_packet(0x412F, { 2 }, stamp(3000)) }));
     struct Case {
         std::vector<std::string> args;
         std::vector<std::string> kinds; // of the records listed, in order
@@ -533,7 +540,8 @@ TEST_F(LogReadCtl, FiltersListAndJsonLines)
     }
     std::string out;
     ASSERT_EQ(0, run({ log }, &out));
-    EXPECT_NE(std::string::npos, out.find("2026-01-01 00:00:01.000  log     0xB0C0  equip 11  len    1  LTE RRC")) << out;
+    EXPECT_NE(std::string::npos, out.find("2026-01-01 00:00:01.000  log     0xB0C0  equip 11  len    1  LTE RRC"))
+        << out;
     EXPECT_NE(std::string::npos, out.find("event   1606  LTE RRC state change  payload 04")) << out;
     EXPECT_NE(std::string::npos, out.find("message SSID 5 level 3  m.c:42  n=7")) << out;
 }

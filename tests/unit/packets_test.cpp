@@ -59,23 +59,31 @@ TEST_F(Packets, EventThenLogThenMessageMasksByteForByte)
         std::vector<std::string> packets;
     };
     const Case cases[] = {
-        { "first and last event of 16: three mask bytes; a code at the limit ends the walk", 16,
-          last_items(4, 8), { 6u << 16 | 5 },
+        { "first and last event of 16: three mask bytes; a code at the limit ends the walk",
+          16,
+          last_items(4, 8),
+          { 6u << 16 | 5 },
           "<EventIDs>0, 15, 24</EventIDs><LogCodes>0x4007, 0x4008, 0x4001</LogCodes>"
           "<MessageLevels>5/3, 5/4, 6/16, 7/1</MessageLevels>",
           { "82 00 00 00 10 00 01 80 00", "73 00 00 00 03 00 00 00 04 00 00 00 08 00 00 00 82",
             "7d 04 05 00 06 00 00 00 18 00 00 00 00 00 01 00" } },
-        { "N = 9 takes two bytes; last item 0 means no packet; ranges in table order", 9, last_items(1, 0),
-          { 10u << 16 | 10, 3u << 16 | 0 }, "<EventIDs>8</EventIDs><LogCodes>0x1000</LogCodes>"
+        { "N = 9 takes two bytes; last item 0 means no packet; ranges in table order",
+          9,
+          last_items(1, 0),
+          { 10u << 16 | 10, 3u << 16 | 0 },
+          "<EventIDs>8</EventIDs><LogCodes>0x1000</LogCodes>"
           "<MessageLevels>3/0, 3/31</MessageLevels>",
           { "82 00 00 00 09 00 00 01", "7d 04 0a 00 0a 00 00 00 00 00 00 00",
             "7d 04 00 00 03 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 01 00 00 80" } },
-        { "equipment 0 and 15, codes past a walk's end ignored", 8, [] {
+        { "equipment 0 and 15, codes past a walk's end ignored",
+          8,
+          [] {
               auto v = last_items(0, 10);
               v[15] = 4;
               return v;
           }(),
-          { 1u << 16 | 1 }, "<LogCodes>0x0000, 0x0009, 0x000a, 0x0003, 0xf003</LogCodes>",
+          { 1u << 16 | 1 },
+          "<LogCodes>0x0000, 0x0009, 0x000a, 0x0003, 0xf003</LogCodes>",
           { "82 00 00 00 08 00 00 00", "73 00 00 00 03 00 00 00 00 00 00 00 0a 00 00 00 09 02",
             "73 00 00 00 03 00 00 00 0f 00 00 00 04 00 00 00 08", "7d 04 01 00 01 00 00 00 00 00 00 00" } },
     };

@@ -102,8 +102,14 @@ CtlRun ctl(std::vector<std::string> args, int fd = -1)
     return { rc, out.str(), err.str() };
 }
 
-#define UNTOUCHED { TOVAK_PKT_DATA_SIZE, "" }
-#define CONFIG_PATH { 17, "0f00 '/sdcard/dm.cfg'00" }
+#define UNTOUCHED               \
+    {                           \
+        TOVAK_PKT_DATA_SIZE, "" \
+    }
+#define CONFIG_PATH                   \
+    {                                 \
+        17, "0f00 '/sdcard/dm.cfg'00" \
+    }
 
 struct Exchange {
     uint32_t id;
@@ -172,9 +178,16 @@ TEST(TovakctlTable, EveryRowsRequestBytesAndReplyReading)
         ids.insert(x.id);
         // The command's own reply first; then what tovakctl asks around it:
         // logging on, the start-up flags open, empty lists.
-        Canned daemon({ { x.id, x.reply }, { CMD_GET_LOG_STATE, { 4, "01000000" } }, { 0x3d, { 8, "" } },
-                        { 0x08, { 0, "" } }, { 0x0b, { 0, "" } }, { 0x0e, { 0, "" } }, { 0x33, { 4, "01000000" } },
-                        { 0x38, { 8, "0100000000000000" } }, { 0x49, { 4, "01000000" } }, { 0x51, { 4, "00000000" } },
+        Canned daemon({ { x.id, x.reply },
+                        { CMD_GET_LOG_STATE, { 4, "01000000" } },
+                        { 0x3d, { 8, "" } },
+                        { 0x08, { 0, "" } },
+                        { 0x0b, { 0, "" } },
+                        { 0x0e, { 0, "" } },
+                        { 0x33, { 4, "01000000" } },
+                        { 0x38, { 8, "0100000000000000" } },
+                        { 0x49, { 4, "01000000" } },
+                        { 0x51, { 4, "00000000" } },
                         { 0x12, CONFIG_PATH } });
         std::vector<std::string> args = { "--json" };
         args.insert(args.end(), x.args.begin(), x.args.end());
@@ -250,7 +263,8 @@ TEST(TovakctlArgs, OptionsAnywhereInEveryFormAndFromTheEnvironment)
         c.socket_env ? setenv("TOVAK_SOCKET", c.socket_env, 1) : unsetenv("TOVAK_SOCKET");
         CtlRun r = ctl(c.args);
         EXPECT_EQ(1, r.rc) << c.args[0];
-        EXPECT_NE(std::string::npos, r.err.find("cannot connect to " + std::string(c.connects))) << c.args[0] << ": " << r.err;
+        EXPECT_NE(std::string::npos, r.err.find("cannot connect to " + std::string(c.connects)))
+            << c.args[0] << ": " << r.err;
     }
     setenv("TOVAK_ROOT", "/e1", 1);
     setenv("TOVAK_SOCKET", "/es", 1);
@@ -259,9 +273,11 @@ TEST(TovakctlArgs, OptionsAnywhereInEveryFormAndFromTheEnvironment)
     unsetenv("TOVAK_SOCKET");
 
     // --json and --timeout after the subcommand; -- ends the options.
-    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-             { "rm-event", "5", "--json" }, { "-j", "rm-event", "5" }, { "rm-event", "-t", "2", "-j", "5" },
-             { "rm-event", "--timeout=2", "--json", "--", "5" } }) {
+    for (const std::vector<std::string>& args :
+         std::vector<std::vector<std::string>>{ { "rm-event", "5", "--json" },
+                                                { "-j", "rm-event", "5" },
+                                                { "rm-event", "-t", "2", "-j", "5" },
+                                                { "rm-event", "--timeout=2", "--json", "--", "5" } }) {
         Canned daemon({ { 0x07, { 0, "" } }, { 0x10, { 4, "00000000" } }, { 0x12, CONFIG_PATH }, { 0x08, { 0, "" } } });
         CtlRun r = ctl(args, daemon.client_fd());
         EXPECT_EQ(0, r.rc) << args[0] << ": " << r.err;
@@ -285,7 +301,8 @@ TEST(TovakctlArgs, SuggestionsNamesAndBases)
         { { "state", "--rot", "/x" }, "did you mean `--root`?" },
         { { "add-event", "5dc" }, "(hex? write 0x5dc)" },
         { { "add-log", "10000" }, "from 0x0 to 0xffff" },
-        { { "add-msg", "5", "--mask", "1ffffffff" }, "bad mask '1ffffffff': expected a hex number from 0x0 to 0xffffffff" },
+        { { "add-msg", "5", "--mask", "1ffffffff" },
+          "bad mask '1ffffffff': expected a hex number from 0x0 to 0xffffffff" },
         { { "category-rm", "sys" }, "or main, radio, events, system" },
         { { "--root=", "state" }, "" },
         { { "state", "--json=yes" }, "--json takes no value" },
@@ -315,7 +332,10 @@ TEST(TovakctlArgs, SuggestionsNamesAndBases)
         { { "add-msg", "5", "--mask", "0x18" }, 0x0c, "0500 18000000" },
     };
     for (const Sent& x : sent) {
-        Canned daemon({ { x.id, UNTOUCHED }, { 0x10, { 4, "00000000" } }, { 0x12, CONFIG_PATH }, { 0x0e, { 0, "" } },
+        Canned daemon({ { x.id, UNTOUCHED },
+                        { 0x10, { 4, "00000000" } },
+                        { 0x12, CONFIG_PATH },
+                        { 0x0e, { 0, "" } },
                         { 0x38, { 16, "01000000010000000000000001000000" } } });
         ctl(x.args, daemon.client_fd());
         auto own = std::find_if(daemon.requests.begin(), daemon.requests.end(),
@@ -338,11 +358,11 @@ TEST(TovakctlArgs, NearestNames)
 {
     const std::vector<std::string> names = ctl_subcommand_names();
     const std::pair<const char*, std::vector<std::string>> cases[] = {
-        { "evnets", { "events" } },          // a swap counts one
+        { "evnets", { "events" } }, // a swap counts one
         { "sttaus", { "status" } },
         { "capture-comit", { "capture-commit" } },
         { "dpl-ad", { "dpl-add" } },
-        { "ra", { "raw" } },                 // short: one edit at most
+        { "ra", { "raw" } }, // short: one edit at most
         { "xy", {} },
         { "rangee", { "range" } },
         { "categroies", { "categories" } },
@@ -368,7 +388,10 @@ TEST(TovakctlRefusal, SaysWhatTheReplyShowedAndWhy)
         { { "events" }, { { 0x08, UNTOUCHED }, { 0x3d, UNTOUCHED } }, 1, "start-up of modem logging failed" },
         { { "categories" }, { { 0x38, UNTOUCHED }, { 0x33, UNTOUCHED } }, 1, "capture did not start" },
         { { "log-on" }, { { 0x00, { 4, "00000000" } }, { 0x10, { 4, "00000000" } } }, 1, "logging is still off" },
-        { { "add-event", "5" }, { { 0x10, { 4, "00000000" } }, { 0x12, CONFIG_PATH }, { 0x08, { 0, "" } } }, 3, "without a reply to 0x06, a command it knows" },
+        { { "add-event", "5" },
+          { { 0x10, { 4, "00000000" } }, { 0x12, CONFIG_PATH }, { 0x08, { 0, "" } } },
+          3,
+          "without a reply to 0x06, a command it knows" },
         { { "raw", "0x15" }, {}, 1, "it has no command 0x15" },
         { { "raw", "2" }, {}, 0, "ended the session, as asked" },
         { { "raw", "0x0f" }, { { 0x0f, { 4, "01020304" } } }, 0, "len 4\npayload 01020304" },
@@ -399,7 +422,8 @@ TEST(TovakctlTimeout, Exits3AndNamesTheStep)
         waiting.push_back(fd);
     r = ctl({ "--socket", path, "--timeout", "0.2", "state" });
     EXPECT_EQ(3, r.rc);
-    EXPECT_NE(std::string::npos, r.err.find("connecting to " + path + " timed out after 0.2 s: tovakd's backlog is full"))
+    EXPECT_NE(std::string::npos,
+              r.err.find("connecting to " + path + " timed out after 0.2 s: tovakd's backlog is full"))
         << r.err;
     close(listener); // now a socket file with no one listening
     r = ctl({ "--socket", path, "state" });
@@ -460,19 +484,28 @@ TEST(TovakctlStatus, PointsAtWhatLooksWrong)
 {
     TempDir root;
     ASSERT_EQ(0, system(("mkdir -p " + root.path() + "/data/media/0").c_str()));
-    ASSERT_TRUE(write_file(root.path() + "/data/media/0/x.cfg", "#<LogState>off</LogState>\n<LogState>on</LogState>\n"));
+    ASSERT_TRUE(
+        write_file(root.path() + "/data/media/0/x.cfg", "#<LogState>off</LogState>\n<LogState>on</LogState>\n"));
     ASSERT_TRUE(write_file(root.path() + "/data/media/0/dm.cfg", "<BufferSize>-5</BufferSize>\n"));
-    Canned daemon({ { 0x10, { 4, "00000000" } }, { 0x12, { 16, "0e00 '/sdcard/x.cfg'00" } }, { 0x0f, { 4, "d0070000" } },
-                    { 0x14, { 8, "0000100000000008" } }, { 0x08, { 2, "da05" } }, { 0x0b, { 0, "" } },
-                    { 0x0e, { 0, "" } }, { 0x51, { 4, "00000000" } }, { 0x53, { 4, "00000000" } },
-                    { 0x49, { 4, "01000000" } }, { 0x33, UNTOUCHED } });
+    Canned daemon({ { 0x10, { 4, "00000000" } },
+                    { 0x12, { 16, "0e00 '/sdcard/x.cfg'00" } },
+                    { 0x0f, { 4, "d0070000" } },
+                    { 0x14, { 8, "0000100000000008" } },
+                    { 0x08, { 2, "da05" } },
+                    { 0x0b, { 0, "" } },
+                    { 0x0e, { 0, "" } },
+                    { 0x51, { 4, "00000000" } },
+                    { 0x53, { 4, "00000000" } },
+                    { 0x49, { 4, "01000000" } },
+                    { 0x33, UNTOUCHED } });
     CtlRun r = ctl({ "--root", root.path(), "--json", "status" }, daemon.client_fd());
     EXPECT_EQ(1, r.rc) << r.err;
     nlohmann::json j = nlohmann::json::parse(r.out, nullptr, false);
     ASSERT_TRUE(j.is_object()) << r.out;
     std::string warnings = j["warnings"].dump();
-    for (const char* says : { "not a dm.cfg", "says LogState on", "2000 is outside the modem's range 1048576 to 134217728",
-                              "Android log capture did not start" })
+    for (const char* says :
+         { "not a dm.cfg", "says LogState on", "2000 is outside the modem's range 1048576 to 134217728",
+           "Android log capture did not start" })
         EXPECT_NE(std::string::npos, warnings.find(says)) << says << ": " << warnings;
 
     Canned refusing({ { 0x10, UNTOUCHED }, { 0x33, UNTOUCHED } });
@@ -561,8 +594,9 @@ TEST(TovakctlHelp, HelpAndCompletionComeFromTheTable)
                            "<EventIDs>\n01498, 00007\n</EventIDs>\n<LogCodes>0x412f</LogCodes>\n"
                            "<MessageLevels>\n00005/03,00005/04,03006/03\n</MessageLevels>\n"));
     const std::pair<const char*, const char*> values[] = {
-        { "rm-event", "1498\n7\n" }, { "rm-log", "0x412f\n" }, { "rm-msg", "5\n3006\n" },
-        { "category-rm", "main\nradio\nevents\nsystem\n" }, { "capture", "on\noff\n" }, { "dpl", "on\noff\n" },
+        { "rm-event", "1498\n7\n" }, { "rm-log", "0x412f\n" },
+        { "rm-msg", "5\n3006\n" },   { "category-rm", "main\nradio\nevents\nsystem\n" },
+        { "capture", "on\noff\n" },  { "dpl", "on\noff\n" },
     };
     for (const auto& [word, expect] : values)
         EXPECT_EQ(expect, ctl({ "-r", dir.path(), "completion", "values", word }).out) << word;

@@ -50,8 +50,7 @@ uint32_t adblog_get_state(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
     return 1;
 }
 
-static uint32_t set_category(uint32_t req_len, uint8_t* req, int state, const char* entry_line,
-                             const char* change_line)
+static uint32_t set_category(uint32_t req_len, uint8_t* req, int state, const char* entry_line, const char* change_line)
 {
     TLOG("%s", entry_line);
     const uint32_t category = tovak_request(req, req_len).u32();
@@ -150,9 +149,8 @@ uint32_t adblog_set_size_with_cat(uint32_t req_len, uint8_t* req, uint32_t*, uin
     }
     adblog_core_set_size(int(category), int(size));
     // The file keeps the size as asked; the next start-up clamps it again.
-    tovak_config_edit_and_save([&](tovak_config& c) REQUIRES(tovak_config_mutex) {
-        tovak_config_set_adblog_size_locked(c, category, size);
-    });
+    tovak_config_edit_and_save(
+        [&](tovak_config& c) REQUIRES(tovak_config_mutex) { tovak_config_set_adblog_size_locked(c, category, size); });
     return 1;
 }
 

@@ -181,7 +181,8 @@ static void* capture_thread(void* arg)
             // sleeps, consecutive or not.
             if (++read_errors <= MAX_NUM_OF_READ_TRY)
                 continue;
-            TLOG("ADBLOG: Critical Error: The number of read err cnt exceeds MAX_NUM_OF_READ_TRY(%%)so wait 2 seconds to "
+            TLOG("ADBLOG: Critical Error: The number of read err cnt exceeds MAX_NUM_OF_READ_TRY(%%)so wait 2 seconds "
+                 "to "
                  "avoid excessive cpu usage\n");
             read_errors = 0;
             sleep(ADBLOG_READ_ERROR_SLEEP);

@@ -2,9 +2,9 @@
 
 #include <unistd.h>
 
+#include <android/log.h>
 #include <cstdarg>
 #include <cstdio>
-#include <android/log.h>
 #include <cstring>
 
 #include "common/tovak_file.h"

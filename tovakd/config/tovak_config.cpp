@@ -8,8 +8,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <cutils/properties.h>
+#include <mutex>
 
 #include "common/tovak_file.h"
 #include "common/tovak_log.h"

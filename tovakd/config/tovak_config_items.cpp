@@ -189,17 +189,17 @@ int tovak_config_set_adblog_size(uint32_t index, uint32_t size)
 
 // Plain stores and loads, under the lock so that a reader never sees a field
 // that a concurrent load is replacing.
-#define TOVAK_CONFIG_STATE(field)                              \
-    int tovak_config_set_##field(uint32_t value)               \
-    {                                                          \
-        tovak_config_locked c;                                 \
-        c->field = value;                                      \
-        return 0;                                              \
-    }                                                          \
-    uint32_t tovak_config_get_##field()                        \
-    {                                                          \
-        tovak_config_locked c;                                 \
-        return c->field;                                       \
+#define TOVAK_CONFIG_STATE(field)                \
+    int tovak_config_set_##field(uint32_t value) \
+    {                                            \
+        tovak_config_locked c;                   \
+        c->field = value;                        \
+        return 0;                                \
+    }                                            \
+    uint32_t tovak_config_get_##field()          \
+    {                                            \
+        tovak_config_locked c;                   \
+        return c->field;                         \
     }
 
 TOVAK_CONFIG_STATE(log_state)

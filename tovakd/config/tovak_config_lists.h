@@ -64,8 +64,7 @@ uint64_t tovak_config_read_number(std::string_view token, bool hex, uint64_t max
 std::unique_ptr<tovak_event_list> tovak_event_list_create(std::string_view text, uint16_t modem_event_count);
 std::unique_ptr<tovak_log_list> tovak_log_list_create(std::string_view text,
                                                       const std::vector<uint32_t>& modem_last_items);
-std::unique_ptr<tovak_msg_list> tovak_msg_list_create(std::string_view text,
-                                                      const std::vector<uint32_t>& modem_ranges);
+std::unique_ptr<tovak_msg_list> tovak_msg_list_create(std::string_view text, const std::vector<uint32_t>& modem_ranges);
 std::unique_ptr<tovak_if_list> tovak_if_list_create(std::string_view text);
 std::vector<uint16_t> tovak_config_categories_create(std::string_view text);
 std::vector<uint32_t> tovak_config_sizes_create(std::string_view text);

@@ -49,9 +49,8 @@ void tovak_dpl_add_iface(uint16_t id)
     // listed interface the modem no longer logs nor the reverse.
     tovak_lock hold(dpl_mutex);
     start_iface(id);
-    tovak_config_edit_and_save([&](tovak_config& c) REQUIRES(tovak_config_mutex) {
-        tovak_config_add_dpl_if_locked(c, id);
-    });
+    tovak_config_edit_and_save([&](tovak_config& c)
+                                   REQUIRES(tovak_config_mutex) { tovak_config_add_dpl_if_locked(c, id); });
 }
 
 static void start_configured_ifaces() REQUIRES(dpl_mutex)
@@ -87,9 +86,8 @@ uint32_t handler_dpl_set_state(uint32_t req_len, uint8_t* req, uint32_t* rsp_len
     else
         diag_dpl_reset_logging();
     // A negative request has switched the interfaces on, yet is stored as off.
-    tovak_config_edit_and_save([&](tovak_config& c) REQUIRES(tovak_config_mutex) {
-        c.dpl_state = int32_t(state) > 0 ? 1 : 0;
-    });
+    tovak_config_edit_and_save([&](tovak_config& c)
+                                   REQUIRES(tovak_config_mutex) { c.dpl_state = int32_t(state) > 0 ? 1 : 0; });
     *rsp_len = 0;
     return 1;
 }

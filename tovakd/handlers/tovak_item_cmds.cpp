@@ -125,9 +125,8 @@ static uint32_t edit_item(const item_kind& kind, bool add, uint32_t req_len, uin
     if (add && kind.program != nullptr)
         kind.program(key);
     else
-        tovak_config_edit_and_save([&](tovak_config& c) REQUIRES(tovak_config_mutex) {
-            add ? kind.add(c, key, mask) : kind.rm(c, key);
-        });
+        tovak_config_edit_and_save(
+            [&](tovak_config& c) REQUIRES(tovak_config_mutex) { add ? kind.add(c, key, mask) : kind.rm(c, key); });
     return 1;
 }
 

@@ -1,8 +1,8 @@
 // Modem data save, subscriber number and the autosave property.
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <cutils/properties.h>
+#include <mutex>
 
 #include "common/tovak_cmd.h"
 #include "common/tovak_log.h"

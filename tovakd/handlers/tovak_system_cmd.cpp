@@ -18,10 +18,9 @@
 
 // The prefix is the only restriction on what runs; anything may follow it.
 static const char* const SYSTEM_COMMAND_WHITELIST[] = {
-    "@@#bugreport", "@@#cat",      "@@#ps",        "@@#vmstat",    "@@#top",
-    "@@#procrank",  "@@#librank",  "@@#netcfg",    "@@#netstat",   "@@#ifconfig",
-    "@@#tcpdump",   "@@#iftop",    "@@#route",     "@@#setprop",   "@@#getprop",
-    "@@#dumpsys",   "@@#dumpstate", "@@#dumpcrash", "@@#kill",     "@@#+=killall",
+    "@@#bugreport", "@@#cat",     "@@#ps",        "@@#vmstat",    "@@#top",   "@@#procrank",  "@@#librank",
+    "@@#netcfg",    "@@#netstat", "@@#ifconfig",  "@@#tcpdump",   "@@#iftop", "@@#route",     "@@#setprop",
+    "@@#getprop",   "@@#dumpsys", "@@#dumpstate", "@@#dumpcrash", "@@#kill",  "@@#+=killall",
 };
 static_assert(sizeof SYSTEM_COMMAND_WHITELIST / sizeof *SYSTEM_COMMAND_WHITELIST == 20, "twenty prefixes");
 

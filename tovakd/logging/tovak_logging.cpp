@@ -5,8 +5,8 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <cutils/properties.h>
+#include <mutex>
 
 #include "common/tovak_log.h"
 #include "common/tovak_mutex.h"
