@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <regex>
@@ -628,3 +629,32 @@ TEST(TovakctlHelp, ManualPagesRender)
 }
 
 } // namespace
+
+// The wire reference in protocol/README.md is the command table's: a row
+// added, renamed or regated without the document fails here, with the text
+// to paste.
+TEST(TovakctlDocs, TheWireReferenceIsTheCommandTable)
+{
+    std::string want = "| id | tovakctl | refused while |\n|---|---|---|\n";
+    for (size_t i = 0; i < tovak_command_count; i++) {
+        const TovakCommand& row = tovak_commands[i];
+        char id[8];
+        snprintf(id, sizeof id, "0x%02x", unsigned(row.id));
+        const char* gate = row.gate == TovakGate::logging   ? "the logging start-up failed"
+                           : row.gate == TovakGate::capture ? "the capture start-up failed"
+                                                            : "never";
+        std::string syntax;
+        for (char ch : std::string(row.name) + (*row.syntax ? std::string(" ") + row.syntax : ""))
+            syntax += ch == '|' ? std::string("\\|") : std::string(1, ch);
+        want += std::string("| ") + id + " | `" + syntax + "` | " + gate + " |\n";
+    }
+    const std::string begin = "<!-- wire table begin -->\n", end = "<!-- wire table end -->";
+    std::ifstream in(TOVAK_SOURCE_DIR "/protocol/README.md");
+    std::stringstream text;
+    text << in.rdbuf();
+    const std::string doc = text.str();
+    const size_t from = doc.find(begin), to = doc.find(end);
+    ASSERT_TRUE(from != std::string::npos && to != std::string::npos && from < to)
+        << "no wire table in protocol/README.md";
+    EXPECT_EQ(want, doc.substr(from + begin.size(), to - from - begin.size())) << "paste this:\n" << want;
+}
