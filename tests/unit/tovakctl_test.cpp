@@ -1,6 +1,7 @@
 // The client's command table and tovakctl, against a daemon stand-in at the
 // other end of a socketpair that answers canned reply frames.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -59,14 +60,26 @@ public:
     }
     // tovakctl's end; tovakctl closes it.
     int client_fd() const { return fds_[0]; }
-    std::vector<tovak_pkt> requests;
+    // What tovakctl sent, once it has closed its end: the serving thread may
+    // still be taking a last request when tovakctl returns.
+    const std::vector<tovak_pkt>& requests()
+    {
+        // A tovakctl that never took the descriptor leaves it open: stop
+        // waiting for it then, rather than hang the test.
+        pollfd hup = { fds_[1], POLLRDHUP, 0 };
+        if (thread_.joinable() && poll(&hup, 1, 10000) == 0)
+            shutdown(fds_[1], SHUT_RDWR);
+        if (thread_.joinable())
+            thread_.join();
+        return requests_;
+    }
 
 private:
     void serve()
     {
         tovak_pkt req, rsp = {};
         while (recv(fds_[1], &req, sizeof req, MSG_WAITALL) == ssize_t(sizeof req)) {
-            requests.push_back(req);
+            requests_.push_back(req);
             auto it = replies_.find(req.cmd);
             if (it == replies_.end())
                 break;
@@ -79,6 +92,7 @@ private:
     }
 
     int fds_[2];
+    std::vector<tovak_pkt> requests_;
     std::map<uint32_t, Reply> replies_;
     std::thread thread_;
 };
@@ -196,9 +210,9 @@ TEST(TovakctlTable, EveryRowsRequestBytesAndReplyReading)
         EXPECT_EQ(x.rc, r.rc) << x.args[0] << ": " << r.out << r.err;
         EXPECT_NE(std::string::npos, r.out.find(x.shows)) << x.args[0] << ": " << r.out;
         EXPECT_FALSE(nlohmann::json::parse(r.out, nullptr, false).is_discarded()) << r.out;
-        auto own = std::find_if(daemon.requests.rbegin(), daemon.requests.rend(),
+        auto own = std::find_if(daemon.requests().rbegin(), daemon.requests().rend(),
                                 [&](const tovak_pkt& p) { return p.cmd == x.id; });
-        ASSERT_NE(own, daemon.requests.rend()) << x.args[0];
+        ASSERT_NE(own, daemon.requests().rend()) << x.args[0];
         const tovak_pkt& req = *own;
         EXPECT_EQ(bytes(x.request), std::string(reinterpret_cast<const char*>(req.data), req.len)) << x.args[0];
     }
@@ -283,9 +297,9 @@ TEST(TovakctlArgs, OptionsAnywhereInEveryFormAndFromTheEnvironment)
         CtlRun r = ctl(args, daemon.client_fd());
         EXPECT_EQ(0, r.rc) << args[0] << ": " << r.err;
         EXPECT_EQ(0u, r.out.find("{\"command\":\"rm-event\",\"id\":7")) << r.out;
-        auto own = std::find_if(daemon.requests.begin(), daemon.requests.end(),
+        auto own = std::find_if(daemon.requests().begin(), daemon.requests().end(),
                                 [](const tovak_pkt& p) { return p.cmd == 0x07; });
-        ASSERT_NE(own, daemon.requests.end());
+        ASSERT_NE(own, daemon.requests().end());
         EXPECT_EQ(bytes("0500"), std::string(reinterpret_cast<const char*>(own->data), own->len));
     }
 }
@@ -339,9 +353,9 @@ TEST(TovakctlArgs, SuggestionsNamesAndBases)
                         { 0x0e, { 0, "" } },
                         { 0x38, { 16, "01000000010000000000000001000000" } } });
         ctl(x.args, daemon.client_fd());
-        auto own = std::find_if(daemon.requests.begin(), daemon.requests.end(),
+        auto own = std::find_if(daemon.requests().begin(), daemon.requests().end(),
                                 [&](const tovak_pkt& p) { return p.cmd == x.id; });
-        ASSERT_NE(own, daemon.requests.end()) << x.args[0];
+        ASSERT_NE(own, daemon.requests().end()) << x.args[0];
         EXPECT_EQ(bytes(x.request), std::string(reinterpret_cast<const char*>(own->data), own->len)) << x.args[0];
     }
     // What a mask goes in as, it comes out as.
