@@ -215,6 +215,9 @@ TEST_F(Hostile, ConcurrentFloodsAndLyingFramesLeaveEditsAnswered)
     uint16_t id = 1300;
     for (; id < 1340; id++)
         ASSERT_EQ(0u, send(CMD_ADD_EVENT, u16(id)).len) << id;
+    // A slow machine may answer the edits before the liars got going: they
+    // go on until they have sent their share, or their count runs out.
+    wait_until([&] { return sent.load() > liars * 10; });
     stop = true;
     for (auto& th : threads)
         th.join();
