@@ -109,38 +109,6 @@ TEST_F(Hostile, NodesNamedAsTheConfigurationAreNeverReplaced)
     EXPECT_FALSE(has_event(1101));
 }
 
-// A hard link to a victim, then a directory, at the usual temporary name,
-// and a link and a directory at names of the random form: every edit lands
-// in dm.cfg and survives a restart; the victim and the planted nodes but the
-// hard link are untouched.
-TEST_F(Hostile, NamesPlantedBesideDmCfgNeitherRedirectNorStopSaves)
-{
-    const std::string victim = dev.path("data/media/0/victim");
-    ASSERT_TRUE(write_file(victim, "victim's"));
-    fs::create_hard_link(victim, dev.path("data/media/0/.dm.cfg.tmp"));
-    fs::create_symlink(victim, dev.path("data/media/0/.dm.cfg.tmp.AAAAAAAA"));
-    fs::create_directory(dev.path("data/media/0/.dm.cfg.tmp.BBBBBBBB"));
-
-    EXPECT_EQ(0u, send(CMD_ADD_EVENT, u16(1234)).len);
-    EXPECT_EQ(0u, send(CMD_ADD_LOG, u16(0x1234)).len);
-    const std::string cfg = read_file(user_config());
-    EXPECT_NE(std::string::npos, cfg.find("01234")) << cfg;
-    EXPECT_NE(std::string::npos, cfg.find("0x1234")) << cfg;
-    EXPECT_EQ("victim's", read_file(victim));
-    EXPECT_EQ(1u, fs::hard_link_count(victim)) << "the planted name is cleared";
-    EXPECT_EQ(S_IFLNK, kind(dev.path("data/media/0/.dm.cfg.tmp.AAAAAAAA")));
-    EXPECT_EQ(S_IFDIR, kind(dev.path("data/media/0/.dm.cfg.tmp.BBBBBBBB")));
-
-    // A directory where the hard link was: the next save goes round it.
-    fs::create_directory(dev.path("data/media/0/.dm.cfg.tmp"));
-    EXPECT_EQ(0u, send(CMD_ADD_EVENT, u16(1235)).len);
-    EXPECT_NE(std::string::npos, read_file(user_config()).find("01235"));
-    EXPECT_EQ(S_IFDIR, kind(dev.path("data/media/0/.dm.cfg.tmp")));
-
-    restart();
-    EXPECT_TRUE(has_event(1234) && has_event(1235));
-}
-
 // A file over 1 MiB named as the configuration is refused as a missing one,
 // with a line saying why; the settings in force stay.
 TEST_F(Hostile, AnOversizedConfigurationIsNotRead)

@@ -1,11 +1,13 @@
 // dm.cfg: what each element and list reads as, the file written back, any
 // bytes at all, the item sets, and saves that stay whole whatever happens.
 #include <gtest/gtest.h>
+
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <random>
 #include <set>
 #include <sstream>
@@ -304,7 +306,8 @@ TEST_F(Config, FilesOverTheLimitAreNotRead)
     EXPECT_EQ(1u, tovak_config_get_log_state());
 }
 
-// A save interrupted at any moment leaves the old file or the new one.
+// A save interrupted at any moment leaves the old file or the new one, and
+// the next save clears its temporary file.
 TEST_F(Config, SigkillDuringSavesLeavesOneWholeFile)
 {
     std::string texts[2] = { "<EventIDs>", "<LogState>on</LogState><LogCodes>" };
@@ -347,6 +350,10 @@ TEST_F(Config, SigkillDuringSavesLeavesOneWholeFile)
         std::string on_disk = read_file(in);
         ASSERT_TRUE(on_disk == files[0] || on_disk == files[1]) << round << ": " << on_disk.size() << " bytes";
     }
+    // The next save clears what the killed ones left beside the file.
+    tovak_config_save_file(in.c_str());
+    for (const auto& e : std::filesystem::directory_iterator(dir.path()))
+        EXPECT_EQ(std::string::npos, e.path().filename().string().find(".tmp")) << e.path();
 }
 
 // An edit whose save has returned is in the file at the end, however the

@@ -187,38 +187,4 @@ TEST_F(File, PlantedNamesNeitherRedirectNorStopSaves)
     }
 }
 
-// A save killed while writing leaves its temporary file and the old file;
-// the next save clears the left-over.
-TEST_F(File, KilledSaveLeavesTheOldFileAndTheNextClearsItsTemporary)
-{
-    ASSERT_TRUE(write_file(target, "old"));
-    int ready[2];
-    ASSERT_EQ(0, pipe(ready));
-    fflush(nullptr);
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        tovak_file_replace(target.c_str(), [&](int fd) {
-            if (!put(fd, "ne") || write(ready[1], "w", 1) != 1)
-                _exit(1);
-            pause();
-            return true;
-        });
-        _exit(1);
-    }
-    close(ready[1]);
-    char c;
-    ASSERT_EQ(1, read(ready[0], &c, 1));
-    close(ready[0]);
-    kill(pid, SIGKILL);
-    ASSERT_EQ(pid, waitpid(pid, nullptr, 0));
-    EXPECT_EQ("old", read_file(target));
-    std::set<std::string> names = names_in(dir.path());
-    EXPECT_EQ((std::set<std::string>{ "dm.cfg", ".dm.cfg.tmp" }), names);
-
-    EXPECT_TRUE(tovak_file_replace(target.c_str(), [](int fd) { return put(fd, "new"); }));
-    EXPECT_EQ("new", read_file(target));
-    EXPECT_EQ(std::set<std::string>{ "dm.cfg" }, names_in(dir.path()));
-}
-
 } // namespace

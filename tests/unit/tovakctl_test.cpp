@@ -312,6 +312,11 @@ TEST(TovakctlArgs, SuggestionsNamesAndBases)
         { { "evnets" }, "did you mean `events`?" },
         { { "log-of" }, "`log-off`" },
         { { "capture-comit" }, "did you mean `capture-commit`?" },
+        { { "sttaus" }, "did you mean `status`?" }, // a swap counts one
+        { { "dpl-ad" }, "did you mean `dpl-add`?" },
+        { { "ra" }, "did you mean `raw`?" }, // short: one edit at most
+        { { "categroies" }, "did you mean `categories`?" },
+        { { "frobnicate" }, "unknown subcommand 'frobnicate' (tovakctl" },
         { { "--jsno", "state" }, "did you mean `--json`?" },
         { { "state", "--rot", "/x" }, "did you mean `--root`?" },
         { { "add-event", "5dc" }, "(hex? write 0x5dc)" },
@@ -365,29 +370,6 @@ TEST(TovakctlArgs, SuggestionsNamesAndBases)
     Canned cats({ { 0x38, { 8, "0000000001000000" } } });
     CtlRun categories = ctl({ "categories" }, cats.client_fd());
     EXPECT_EQ("0 main off\n1 radio on\n", categories.out);
-}
-
-// The nearest names: a swap, a letter missing or extra, a beginning; a
-// short word only one edit away; nothing far off.
-TEST(TovakctlArgs, NearestNames)
-{
-    const std::vector<std::string> names = ctl_subcommand_names();
-    const std::pair<const char*, std::vector<std::string>> cases[] = {
-        { "evnets", { "events" } }, // a swap counts one
-        { "sttaus", { "status" } },
-        { "capture-comit", { "capture-commit" } },
-        { "dpl-ad", { "dpl-add" } },
-        { "ra", { "raw" } }, // short: one edit at most
-        { "xy", {} },
-        { "rangee", { "range" } },
-        { "categroies", { "categories" } },
-        { "frobnicate", {} },
-    };
-    for (const auto& [word, nearest] : cases)
-        EXPECT_EQ(nearest, ctl_nearest(word, names)) << word;
-    // At most three, the nearest first kept.
-    EXPECT_LE(ctl_nearest("log", names).size(), 3u);
-    EXPECT_EQ(std::vector<std::string>{ "--json" }, ctl_nearest("--jsno", { "--json", "--root", "--socket" }));
 }
 
 TEST(TovakctlRefusal, SaysWhatTheReplyShowedAndWhy)
