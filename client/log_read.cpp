@@ -274,25 +274,23 @@ std::string lr_format_message(const char* fmt, size_t fmt_len, const uint32_t* a
         int width = 0, prec = -1;
         bool ok = true;
         uint32_t v = 0;
-        if (i < fmt_len && fmt[i] == '*') {
-            ok = take(&v) && ok;
-            width = int(int32_t(v));
-            i++;
-        } else {
-            while (i < fmt_len && fmt[i] >= '0' && fmt[i] <= '9')
-                width = std::min(width * 10 + (fmt[i++] - '0'), 1000);
-        }
-        if (i < fmt_len && fmt[i] == '.') {
-            prec = 0;
-            i++;
+        // A width or precision: '*' takes an argument, digits are capped.
+        auto amount = [&](int* out) {
             if (i < fmt_len && fmt[i] == '*') {
                 ok = take(&v) && ok;
-                prec = int(int32_t(v));
+                *out = int(int32_t(v));
                 i++;
-            } else {
-                while (i < fmt_len && fmt[i] >= '0' && fmt[i] <= '9')
-                    prec = std::min(prec * 10 + (fmt[i++] - '0'), 1000);
+                return;
             }
+            int n = 0;
+            while (i < fmt_len && fmt[i] >= '0' && fmt[i] <= '9')
+                n = std::min(n * 10 + (fmt[i++] - '0'), 1000);
+            *out = n;
+        };
+        amount(&width);
+        if (i < fmt_len && fmt[i] == '.') {
+            i++;
+            amount(&prec);
         }
         // Arguments are 32-bit words: a long long takes two, low first.
         int longs = 0;
