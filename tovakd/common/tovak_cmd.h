@@ -12,8 +12,6 @@
 // reply payload) -> 1 success, 0 failure.
 typedef uint32_t (*command_handler)(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp);
 
-#define TOVAK_HANDLER(name) uint32_t name(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp)
-
 // Set once at start-up, by tovak_handler_init and adblog_handler_init; the
 // session tests them before it runs a gated command.
 extern std::atomic<uint8_t> tovak_handler_initialized;

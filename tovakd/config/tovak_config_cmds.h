@@ -3,5 +3,5 @@
 
 #include "common/tovak_cmd.h"
 
-TOVAK_HANDLER(handler_set_config_file);
-TOVAK_HANDLER(handler_get_config_file);
+uint32_t handler_set_config_file(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp);
+uint32_t handler_get_config_file(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp);

@@ -15,4 +15,4 @@ int tovak_copy_default_file(const char* user, const char* source);
 void* process_pkt(void* arg);
 
 // Command 2's table entry; the session ends before any lookup of it.
-TOVAK_HANDLER(handler_dummy);
+uint32_t handler_dummy(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp);

@@ -43,11 +43,11 @@ uint32_t tovak_send_dm_packets();
 // nothing done, while logging runs.
 uint32_t tovak_log_set_buffer_size(int32_t size, int* changed);
 
-TOVAK_HANDLER(handler_log_on);
-TOVAK_HANDLER(handler_log_off);
-TOVAK_HANDLER(handler_log_size);
-TOVAK_HANDLER(handler_out_path);
-TOVAK_HANDLER(handler_commit_log);
-TOVAK_HANDLER(handler_get_buffer_size);
-TOVAK_HANDLER(handler_get_log_state);
-TOVAK_HANDLER(handler_get_range);
+uint32_t handler_log_on(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp);
+uint32_t handler_log_off(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp);
+uint32_t handler_log_size(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp);
+uint32_t handler_out_path(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp);
+uint32_t handler_commit_log(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp);
+uint32_t handler_get_buffer_size(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp);
+uint32_t handler_get_log_state(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp);
+uint32_t handler_get_range(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uint8_t* rsp);
