@@ -76,13 +76,23 @@ TEST(CommandTable, GatedCommandsRefuseTheTablesWay)
             memset(rsp, 0xab, sizeof rsp);
             uint32_t len = TOVAK_PKT_DATA_SIZE;
             uint32_t result = 1;
-            std::string out = fd_output(STDOUT_FILENO, [&] {
-                result = cmd_run(cmd_table[i], sizeof req, req, &len, s.reply_area ? rsp : nullptr);
+            std::string out;
+            const std::string err = fd_output(STDERR_FILENO, [&] {
+                out = fd_output(STDOUT_FILENO, [&] {
+                    result = cmd_run(cmd_table[i], sizeof req, req, &len, s.reply_area ? rsp : nullptr);
+                });
             });
             SCOPED_TRACE("id " + std::to_string(r.id) + " t " + std::to_string(s.t) + " a " + std::to_string(s.a));
             EXPECT_EQ(0u, result);
             EXPECT_NE(std::string::npos, out.find(": tovak_handler ERR >> ")) << out;
             EXPECT_EQ(out.find('\n') + 1, out.size()) << "one line only: " << out;
+            // The shared module name says nothing; the cause line says which start-up was missing.
+            const char* why = r.gate == T ? ": command refused: modem logging did not start, or no reply area\n"
+                                          : ": command refused: capture did not start, or no reply area\n";
+            EXPECT_NE(std::string::npos,
+                      err.find(std::string("tovakd: cmd_table.cpp:") +
+                               std::to_string(atoi(out.substr(out.find("ERR >> ") + 7).c_str())) + why))
+                << err;
             // Without a reply area only the switches still set a length.
             bool answers = r.refused != KEEP && (s.reply_area || r.refused == ZERO);
             EXPECT_EQ(answers ? 4u : uint32_t(TOVAK_PKT_DATA_SIZE), len);

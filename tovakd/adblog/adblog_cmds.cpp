@@ -94,7 +94,7 @@ uint32_t adblog_get_categories(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* r
     int count;
     uint32_t* values = enable_values<uint32_t>(&count);
     if (values == nullptr) {
-        TLOG_ERR();
+        TLOG_ERR("capture categories: no reply area or capture not started");
         return 0;
     }
     // One write: a reply too small for all of them gets none.
@@ -109,7 +109,7 @@ uint32_t adblog_set_categories(uint32_t, uint8_t*, uint32_t*, uint8_t*)
     int count;
     uint16_t* values = enable_values<uint16_t>(&count);
     if (values == nullptr) {
-        TLOG_ERR();
+        TLOG_ERR("capture categories: no reply area or capture not started");
         return 0;
     }
     tovak_config_edit_and_save([&](tovak_config& c) REQUIRES(tovak_config_mutex) {
@@ -122,7 +122,7 @@ uint32_t adblog_set_categories(uint32_t, uint8_t*, uint32_t*, uint8_t*)
 uint32_t adblog_get_category_name(uint32_t, uint8_t*, uint32_t* rsp_len, uint8_t* rsp)
 {
     if (rsp == nullptr) {
-        TLOG_ERR();
+        TLOG_ERR("capture category names: no reply area");
         return 0;
     }
     TLOG("process adblog_get_category_name\n");
@@ -136,7 +136,7 @@ uint32_t adblog_set_size_with_cat(uint32_t req_len, uint8_t* req, uint32_t*, uin
 {
     TLOG("process adblog_set_size_with_cat\n");
     if (req_len < 4) {
-        TLOG_ERR();
+        TLOG_ERR("capture size: request shorter than its category");
         return 0;
     }
     tovak_request in(req, req_len);
@@ -144,7 +144,7 @@ uint32_t adblog_set_size_with_cat(uint32_t req_len, uint8_t* req, uint32_t*, uin
     const uint32_t size = in.u32();
     TLOG("Set size cat = %d, size = %d\n", int(category), int(size));
     if (size == 0 || adblog_core_get_state() != 0) {
-        TLOG_ERR();
+        TLOG_ERR("capture size: size 0, or capture is on");
         return 0;
     }
     adblog_core_set_size(int(category), int(size));

@@ -105,7 +105,7 @@ static void signal_wait(adblog_wait* w)
 static void close_log_object(int category)
 {
     if (!in_range(category)) {
-        TLOG_ERR();
+        TLOG_ERR("capture category out of range");
         return;
     }
     AdblogCategory* c = &categories[category];
@@ -129,7 +129,7 @@ static void capture(int category, const char* data, uint32_t len)
     if (creation_failures > ADBLOG_CREATE_FAILURE_LIMIT) {
         creation_failures = 0;
         sleep(ADBLOG_CREATE_FAILURE_SLEEP);
-        TLOG_ERR();
+        TLOG_ERR("capture file object not created, five times in a row");
         return;
     }
     char name[ADBLOG_NAME_SIZE];
@@ -156,9 +156,9 @@ static void* capture_thread(void* arg)
     snprintf(path, sizeof path, "%s%s", TOVAK_DEV_DIR, c->device_name);
     int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
-        TLOG_CAUSE(path, errno);
+        const int err = errno;
         TLOG("[ADBLOG] Error : Can't open %s\n", path);
-        TLOG_ERR();
+        TLOG_ERR_ERRNO(path, err);
         return nullptr;
     }
     TLOG("ADBLOG: %s adb_fd = %d\n", path, fd);
@@ -189,7 +189,7 @@ static void* capture_thread(void* arg)
             continue;
         }
         if (!in_range(category)) {
-            TLOG_ERR();
+            TLOG_ERR("capture category out of range");
             continue;
         }
         capture(category, buf, uint32_t(n));
@@ -222,9 +222,8 @@ static void start_capture_thread(int category)
     pthread_attr_destroy(&attr);
     categories[category].thread_missing = rc != 0;
     if (rc != 0) {
-        TLOG_CAUSE("capture thread", rc);
         TLOG("[ADBLOG] Error : Can't start the thread of %s, errno = %d\n", categories[category].device_name, rc);
-        TLOG_ERR();
+        TLOG_ERR_ERRNO("capture thread not started", rc);
     }
 }
 
@@ -255,7 +254,7 @@ static void discover_devices(int* extra)
 int adblog_core_init()
 {
     if (initialised) {
-        TLOG_ERR();
+        TLOG_ERR("capture started twice");
         return 0;
     }
     int extra;
@@ -425,7 +424,7 @@ int adblog_core_commit() NO_THREAD_SAFETY_ANALYSIS
         if (c->log_object != nullptr && head_of(c->log_object)->commit(c->log_object, dir) == 0) {
             // The category's lock stays held, as it always has after a failed
             // commit.
-            TLOG_ERR();
+            TLOG_ERR("capture commit failed; the category stays locked");
             return 0;
         }
         c->lock.unlock();

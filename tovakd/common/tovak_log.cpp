@@ -36,9 +36,10 @@ void tovak_log_line(int line, const char* tag, const char* fmt, ...)
     tovak_write_all(STDOUT_FILENO, out, size_t(prefix) + len);
 }
 
-void tovak_log_err(const char* module, int line)
+void tovak_log_err(const char* module, const char* file, int line, const char* what, int err)
 {
     tovak_log_line(line, TOVAK_LOG_TAG, "%s ERR >> %d\n", module, line);
+    tovak_log_cause(file, line, what, err);
 }
 
 void tovak_log_cause(const char* file, int line, const char* what, int err)

@@ -15,7 +15,7 @@ uint32_t handler_set_config_file(uint32_t req_len, uint8_t* req, uint32_t*, uint
     tovak_request in(req, req_len);
     const int16_t len = int16_t(in.u16());
     if (len > CONFIG_NAME_BUFFER_SIZE - 1 || len < 0) {
-        TLOG_ERR();
+        TLOG_ERR("configuration file name: length out of range");
         return 0;
     }
     // Ended at the given length, whether or not the client sent a zero.
@@ -25,7 +25,7 @@ uint32_t handler_set_config_file(uint32_t req_len, uint8_t* req, uint32_t*, uint
     TLOG("Set config file size = %d, %s\n", int(len), name);
     if (tovak_config_set_file(name) == 0)
         return 1;
-    TLOG_ERR();
+    TLOG_ERR("configuration file not chosen: name too long for its property");
     return 0;
 }
 

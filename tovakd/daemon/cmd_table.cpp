@@ -86,7 +86,7 @@ static_assert(cmd_table_valid(), "command ids must be unique, at most CMD_ID_MAX
 const cmd_entry* find_cmd(uint32_t id)
 {
     if (id > CMD_ID_MAX) {
-        TLOG_ERR();
+        TLOG_ERR("command id past the last one");
         return nullptr;
     }
     for (const cmd_entry& e : cmd_table) {
@@ -94,7 +94,7 @@ const cmd_entry* find_cmd(uint32_t id)
             return &e;
     }
     TLOG("invalid cmd\n");
-    TLOG_ERR();
+    TLOG_ERR("command id not in the table");
     return nullptr;
 }
 
@@ -114,12 +114,12 @@ static bool gate_open(cmd_gate gate, const uint8_t* rsp)
     case cmd_gate::logging:
         if (tovak_handler_initialized && rsp != nullptr)
             return true;
-        TLOG_ERR();
+        TLOG_ERR("command refused: modem logging did not start, or no reply area");
         return false;
     case cmd_gate::capture:
         if (adblog_handler_initialized && rsp != nullptr)
             return true;
-        TLOG_ERR();
+        TLOG_ERR("command refused: capture did not start, or no reply area");
         return false;
     }
     return false;

@@ -64,9 +64,9 @@ int tovak_copy_default_file(const char* user, const char* source)
     }
     int src = open(source, O_RDONLY | O_CLOEXEC);
     if (src < 0) {
-        TLOG_CAUSE(source, errno);
+        const int open_err = errno;
         TLOG("Fatal Error: src file %s doesn't exist\n", source);
-        TLOG_ERR();
+        TLOG_ERR_ERRNO(source, open_err);
         return -1;
     }
     // Through a temporary file: a kill or a full disk mid-copy must leave no
@@ -87,7 +87,7 @@ int tovak_copy_default_file(const char* user, const char* source)
     close(src);
     if (!copied) {
         TLOG("Fatal Error: Target File %s can't creat\n", user);
-        TLOG_ERR();
+        TLOG_ERR("user file not made from its factory copy");
         return -1;
     }
     return 0;
@@ -102,7 +102,7 @@ int tovak_daemon_init()
             result = -1;
     }
     if (result < 0)
-        TLOG_ERR();
+        TLOG_ERR("a user file is missing and could not be provisioned");
     return result;
 }
 
@@ -144,7 +144,7 @@ void* process_pkt(void* arg)
         const cmd_entry* cmd = find_cmd(req.cmd);
         if (cmd == nullptr) {
             TLOG("can't process cmd since there is no handler to process it\n");
-            TLOG_ERR();
+            TLOG_ERR("session ends: no handler for the command");
             break;
         }
         // No reader may pass the end of the request frame.
@@ -161,7 +161,7 @@ void* process_pkt(void* arg)
     }
 
     if (failed) {
-        TLOG_ERR();
+        TLOG_ERR("session ends: a read or write of the socket failed");
         TLOG("<-- catch error\n");
     }
     TLOG("%s(%d)\n", "server: got disconnection", fd);
@@ -172,9 +172,8 @@ void* process_pkt(void* arg)
 // msg is the required line; the cause goes beside it.
 static int tovak_fail(int listen_fd, const char* msg, int err)
 {
-    TLOG_CAUSE(msg, err);
     TLOG("%s\n", msg);
-    TLOG_ERR();
+    TLOG_ERR_ERRNO(msg, err);
     if (listen_fd >= 0)
         close(listen_fd);
     return 1;

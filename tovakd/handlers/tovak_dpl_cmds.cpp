@@ -78,7 +78,7 @@ uint32_t handler_dpl_set_state(uint32_t req_len, uint8_t* req, uint32_t* rsp_len
     tovak_lock hold(dpl_mutex);
     // A repeat is refused so that the client learns nothing changed.
     if (state == tovak_config_get_dpl_state()) {
-        TLOG_ERR();
+        TLOG_ERR("DPL state asked is the state held");
         return 0;
     }
     if (state != 0)
@@ -116,7 +116,7 @@ uint32_t handler_dpl_get_all_if_list(uint32_t, uint8_t*, uint32_t* rsp_len, uint
         const char* end = static_cast<const char*>(memchr(desc.desc, '\0', sizeof desc.desc));
         // Its length would not fit the reply's byte; it can't be cut either.
         if (end == nullptr) {
-            TLOG_ERR();
+            TLOG_ERR("DPL interface description without its zero byte");
             return 0;
         }
         const uint8_t len = uint8_t(end - desc.desc);

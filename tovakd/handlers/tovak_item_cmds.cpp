@@ -138,7 +138,7 @@ static uint32_t list_items(const item_kind& kind, uint32_t* rsp_len, uint8_t* rs
     if (kind.count_line != nullptr)
         TLOG(kind.count_line, count, int(*rsp_len));
     if (count < 0) {
-        TLOG_ERR();
+        TLOG_ERR("item listing failed");
         return 0;
     }
     tovak_reply reply(rsp_len, rsp);

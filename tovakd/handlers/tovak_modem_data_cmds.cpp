@@ -64,7 +64,7 @@ uint32_t handler_set_msisdn(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, u
     tovak_request in(req, req_len);
     const int16_t n = int16_t(in.u16());
     if (n > MSISDN_MAX_LEN) {
-        TLOG_ERR();
+        TLOG_ERR("MSISDN too long");
         return 0;
     }
     char text[MSISDN_BUFFER_SIZE];

@@ -38,7 +38,7 @@ uint32_t handler_system_command(uint32_t req_len, uint8_t* req, uint32_t*, uint8
     tovak_request in(req, req_len);
     const int16_t n = int16_t(in.u16());
     if (n > SYSTEM_COMMAND_BUFFER_SIZE - 1) {
-        TLOG_ERR();
+        TLOG_ERR("shell diagnostic text too long");
         return 0;
     }
     // Cleared so that a text without its zero byte still ends in the buffer;

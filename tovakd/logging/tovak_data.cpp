@@ -218,14 +218,14 @@ int tovak_data_store_packets(const std::vector<tovak_packet>& packets, void* (*a
         return 0;
     auto* store = static_cast<tovak_dm_packet*>(alloc(packets.size() * sizeof(tovak_dm_packet)));
     if (store == nullptr) {
-        TLOG_ERR();
+        TLOG_ERR("out of memory for the mask packets");
         return -1;
     }
     tovak_dm_packets = store;
     for (const tovak_packet& p : packets) {
         auto* copy = static_cast<uint8_t*>(alloc(p.size()));
         if (copy == nullptr) {
-            TLOG_ERR();
+            TLOG_ERR("out of memory for a mask packet");
             return -1;
         }
         memcpy(copy, p.data(), p.size());

@@ -87,7 +87,7 @@ int tovak_diag_query(const uint8_t* pkt, uint32_t len, std::vector<uint8_t>* out
 static diag_rsp_type* request(const uint8_t* pkt, uint32_t len, bool remote)
 {
     if (pkt == nullptr || len == 0) {
-        TLOG_ERR();
+        TLOG_ERR("diag request without a packet");
         return nullptr;
     }
     if (remote)
@@ -95,16 +95,16 @@ static diag_rsp_type* request(const uint8_t* pkt, uint32_t len, bool remote)
     uint8_t buf[TOVAK_DIAG_BUFFER_SIZE];
     int frame_len = tovak_hdlc_encode_frame(pkt, len, buf, sizeof buf, remote);
     if (frame_len < 0) {
-        TLOG_ERR();
+        TLOG_ERR("diag request too long for a frame");
         return nullptr;
     }
     diag_rsp_type* rsp = diag_send_wait_rsp(buf, frame_len, 1, pkt);
     if (rsp == nullptr) {
-        TLOG_ERR();
+        TLOG_ERR("no answer from the modem");
         return nullptr;
     }
     if (!unframe(rsp, buf)) {
-        TLOG_ERR();
+        TLOG_ERR("modem answer not a valid frame");
         diag_free_rsp(rsp);
         return nullptr;
     }

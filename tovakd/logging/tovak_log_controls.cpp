@@ -50,7 +50,7 @@ uint32_t handler_log_size(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uin
     const int32_t size = req_len < 4 ? 0 : int32_t(in.u32());
     int changed = 0;
     if (size < 1 || !tovak_log_set_buffer_size(size, &changed)) {
-        TLOG_ERR();
+        TLOG_ERR("log size below 1, or not set while logging is on");
         return refuse(rsp_len, rsp);
     }
     TLOG("set log_size to %d Bytes, changed size = %d\n", size, changed);
@@ -62,25 +62,25 @@ uint32_t handler_out_path(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, uin
 {
     TLOG("make out path for log..\n");
     if (req_len <= 1) {
-        TLOG_ERR();
+        TLOG_ERR("output path empty");
         return refuse(rsp_len, rsp);
     }
     char path[OUT_PATH_SIZE] = {};
     tovak_request(req, req_len).bytes(path, req_len < sizeof path - 1 ? req_len : uint32_t(sizeof path - 1));
     TLOG("DMLogging out_path_name is %s", path);
     if (diag_change_output_path(path) == 0) {
-        TLOG_ERR();
+        TLOG_ERR("output path refused by the diag library");
         return refuse(rsp_len, rsp);
     }
     // From here on a failure leaves the modem log's new path in force.
     char dir[OUT_PATH_SIZE];
     if (!capture_dir_for(path, dir, sizeof dir)) {
-        TLOG_ERR();
+        TLOG_ERR("no capture directory beside the output path");
         return refuse(rsp_len, rsp);
     }
     TLOG("ADB_LOG out_path_name is %s", dir);
     if (adblog_core_set_output_path(dir) == 0) {
-        TLOG_ERR();
+        TLOG_ERR("capture directory not taken");
         return refuse(rsp_len, rsp);
     }
     tovak_reply_u32(rsp_len, rsp, { 0 });

@@ -132,7 +132,7 @@ uint32_t tovak_log_off()
     tovak_lock one_switch(switch_mutex);
     if (tovak_log_state != LOG_STATE_START) {
         TLOG("Current log state is not LOG_STATE_START so do nothing\n");
-        TLOG_ERR();
+        TLOG_ERR("log off while logging is not on");
         return 0;
     }
     // The local modem only: a remote modem keeps its masks.
@@ -160,23 +160,23 @@ uint32_t tovak_log_set_buffer_size(int32_t size, int* changed)
 uint32_t tovak_handler_init()
 {
     if (tovak_config_init() < 0) {
-        TLOG_ERR();
+        TLOG_ERR("configuration not loaded at start-up");
         return 0;
     }
     tovak_data_load_dm_packet();
     if (diag_init() < 0) {
-        TLOG_ERR();
+        TLOG_ERR("diag interface not opened");
         return 0;
     }
     // Signed: a size of 2^31 or more in the file is a negative one here.
     int32_t size = int32_t(tovak_config_get_buffer_size());
     TLOG("Current Log Buffer Size %d\n", size);
     if (size < 0) {
-        TLOG_ERR();
+        TLOG_ERR("configured buffer size is negative");
         return 0;
     }
     if (diag_change_buffer_size(size) == 0) {
-        TLOG_ERR();
+        TLOG_ERR("buffer size not set in the diag library");
         return 0;
     }
     uint32_t log_state = tovak_config_get_log_state();
@@ -204,7 +204,7 @@ static uint32_t switch_logging(uint32_t* rsp_len, uint8_t* rsp, const char* entr
     TLOG("%s", entry_line);
     const uint32_t result = do_switch();
     if (result == 0)
-        TLOG_ERR();
+        TLOG_ERR("logging switch failed");
     tovak_reply_u32(rsp_len, rsp, { 0 });
     return result;
 }

@@ -49,7 +49,8 @@ std::vector<tovak_packet> tovak_build_log_mask_packets(const std::vector<uint16_
             continue;
         const uint64_t mask_len = (uint64_t(last) + 7) >> 3;
         if (16 + mask_len > TOVAK_MAX_PACKET_SIZE) {
-            TLOG_ERR(); // no such modem; the frame could not carry it anyway
+            TLOG_ERR(
+                "log code range too wide for one mask packet"); // no such modem; the frame could not carry it anyway
             continue;
         }
         tovak_packet p = { DIAG_CMD_LOG_CONFIG, 0, 0, 0 };
@@ -77,12 +78,12 @@ std::vector<tovak_packet> tovak_build_msg_mask_packets(const std::vector<std::pa
     std::vector<tovak_packet> out;
     for (const tovak_msg_range& r : ranges) {
         if (r.last < r.first) {
-            TLOG_ERR(); // a range that is no range
+            TLOG_ERR("message range ends before it starts"); // a range that is no range
             continue;
         }
         const size_t count = size_t(r.last) - r.first + 1;
         if (8 + count * 4 > TOVAK_MAX_PACKET_SIZE) {
-            TLOG_ERR();
+            TLOG_ERR("message range too wide for one mask packet");
             continue;
         }
         tovak_packet p = { DIAG_CMD_EXT_MSG_CONFIG, EXT_MSG_SET_RT_MASK };
