@@ -160,9 +160,9 @@ TEST_F(Packets, RangeAnswersAtTheirSizeEdges)
     };
     struct Case {
         const char* name;
-        int (*take)(const std::vector<uint8_t>&, tovak_config&);
+        bool (*take)(const std::vector<uint8_t>&, tovak_config&);
         std::vector<uint8_t> answer;
-        int result;
+        bool result;
         size_t taken;
     };
     // clang-format off

@@ -37,42 +37,42 @@ static uint32_t get_u32(const std::vector<uint8_t>& a, size_t at)
     return uint32_t(a[at]) | uint32_t(a[at + 1]) << 8 | uint32_t(a[at + 2]) << 16 | uint32_t(a[at + 3]) << 24;
 }
 
-int tovak_data_take_log_ranges(const std::vector<uint8_t>& answer, tovak_config& c)
+bool tovak_data_take_log_ranges(const std::vector<uint8_t>& answer, tovak_config& c)
 {
     if (answer.size() < LOG_RANGES_MIN_SIZE) {
         TLOG("Critical Error: size error in logging config req\n");
-        return 0;
+        return false;
     }
     uint32_t status = get_u32(answer, 8);
     if (status != 0) {
         TLOG("Critical Error: Can't get successful logging config rsp\n");
-        return 0;
+        return false;
     }
     size_t count = (answer.size() - LOG_RANGES_HEADER) / 4;
     TLOG("status = %d, totoal size = %d\n", int(status), int(count));
     if (count < LOG_RANGES_MIN_COUNT) {
         TLOG("Critical Error: size error in logging config req\n");
-        return 0;
+        return false;
     }
     for (size_t i = 0; i < count; i++)
         c.log_last_items.push_back(get_u32(answer, LOG_RANGES_HEADER + 4 * i));
-    return 1;
+    return true;
 }
 
-int tovak_data_take_ssid_ranges(const std::vector<uint8_t>& answer, tovak_config& c)
+bool tovak_data_take_ssid_ranges(const std::vector<uint8_t>& answer, tovak_config& c)
 {
     if (answer.size() < SSID_RANGES_MIN_SIZE) {
         TLOG("Critical Error: size error in msg config req\n");
-        return 0;
+        return false;
     }
     if (answer[2] == 0) {
         TLOG("Critical Error: failure in extendedMsgRptConfig request\n");
-        return 0;
+        return false;
     }
     uint32_t count = get_u32(answer, 4);
     if (answer.size() < SSID_RANGES_MIN_WITH_RANGES) {
         TLOG("Critical Error: size error in extended msg range\n");
-        return 0;
+        return false;
     }
     // The count is the modem's word; the answer's end is ours.
     size_t present = (answer.size() - SSID_RANGES_HEADER) / 4;
@@ -82,18 +82,18 @@ int tovak_data_take_ssid_ranges(const std::vector<uint8_t>& answer, tovak_config
         TLOG("msg range %d = 0x%08x\n", int(i), range);
         c.msg_ssid_ranges.push_back(range);
     }
-    return 1;
+    return true;
 }
 
-int tovak_data_take_event_count(const std::vector<uint8_t>& answer, tovak_config& c)
+bool tovak_data_take_event_count(const std::vector<uint8_t>& answer, tovak_config& c)
 {
     if (answer.size() < EVENT_MASK_MIN_SIZE) {
         TLOG("Critical Error: size error in event mask req\n");
-        return 0;
+        return false;
     }
     c.event_id_count = get_u16(answer, 4);
     TLOG("Number of event ID = %d\n", int(c.event_id_count));
-    return 1;
+    return true;
 }
 
 // Only one range query at a time: two would both append their answers.
@@ -116,7 +116,7 @@ int getVariousInfoOnEventLogMessage()
     static const struct {
         const uint8_t* packet;
         uint32_t len;
-        int (*take)(const std::vector<uint8_t>&, tovak_config&);
+        bool (*take)(const std::vector<uint8_t>&, tovak_config&);
     } queries[] = {
         { QUERY_LOG_RANGES, sizeof QUERY_LOG_RANGES, tovak_data_take_log_ranges },
         { QUERY_SSID_RANGES, sizeof QUERY_SSID_RANGES, tovak_data_take_ssid_ranges },
@@ -210,30 +210,30 @@ static void free_store() REQUIRES(store_mutex)
     tovak_dm_packet_count = 0;
 }
 
-int tovak_data_store_packets(const std::vector<tovak_packet>& packets, void* (*alloc)(size_t))
+bool tovak_data_store_packets(const std::vector<tovak_packet>& packets, void* (*alloc)(size_t))
 {
     tovak_lock lock(store_mutex);
     free_store();
     if (packets.empty())
-        return 0;
+        return true;
     auto* store = static_cast<tovak_dm_packet*>(alloc(packets.size() * sizeof(tovak_dm_packet)));
     if (store == nullptr) {
         TLOG_ERR("out of memory for the mask packets");
-        return -1;
+        return false;
     }
     tovak_dm_packets = store;
     for (const tovak_packet& p : packets) {
         auto* copy = static_cast<uint8_t*>(alloc(p.size()));
         if (copy == nullptr) {
             TLOG_ERR("out of memory for a mask packet");
-            return -1;
+            return false;
         }
         memcpy(copy, p.data(), p.size());
         // The builders make nothing longer than 16 bits can say.
         store[tovak_dm_packet_count] = { uint16_t(p.size()), copy };
         tovak_dm_packet_count++;
     }
-    return 0;
+    return true;
 }
 
 int tovak_data_load_dm_packet()
@@ -250,7 +250,7 @@ int tovak_data_load_dm_packet()
         packets = tovak_data_build_packets(*c);
     }
     TLOG("  tovak_data_load_dm_packet(), total packet_cnt %d\n", int(packets.size()));
-    return tovak_data_store_packets(packets);
+    return tovak_data_store_packets(packets) ? 0 : -1;
 }
 
 std::optional<tovak_packet> tovak_data_get_dm_packet(uint32_t index)

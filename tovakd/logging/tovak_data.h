@@ -16,10 +16,11 @@
 int getVariousInfoOnEventLogMessage();
 
 // The checks of each of the three answers (log item ranges, SSID ranges,
-// event mask): 1 and the values appended to c, or 0 with the reason logged.
-int tovak_data_take_log_ranges(const std::vector<uint8_t>& answer, tovak_config& c);
-int tovak_data_take_ssid_ranges(const std::vector<uint8_t>& answer, tovak_config& c);
-int tovak_data_take_event_count(const std::vector<uint8_t>& answer, tovak_config& c);
+// event mask): true and the values appended to c, or false with the reason
+// logged.
+bool tovak_data_take_log_ranges(const std::vector<uint8_t>& answer, tovak_config& c);
+bool tovak_data_take_ssid_ranges(const std::vector<uint8_t>& answer, tovak_config& c);
+bool tovak_data_take_event_count(const std::vector<uint8_t>& answer, tovak_config& c);
 
 // The packets for a record, in sending order: the event mask, the log masks
 // per equipment id, the message masks per SSID range. Empty when no
@@ -31,9 +32,9 @@ std::vector<tovak_packet> tovak_data_build_packets(const tovak_config& c);
 int tovak_data_load_dm_packet();
 
 // Replaces the store with copies of packets taken from alloc (released with
-// free). When an allocation fails the entries filled so far stay and -1 is
+// free). When an allocation fails the entries filled so far stay and false is
 // returned.
-int tovak_data_store_packets(const std::vector<tovak_packet>& packets, void* (*alloc)(size_t) = malloc);
+bool tovak_data_store_packets(const std::vector<tovak_packet>& packets, void* (*alloc)(size_t) = malloc);
 
 // A copy of the stored packet at index, or nothing past the end.
 std::optional<tovak_packet> tovak_data_get_dm_packet(uint32_t index);
