@@ -57,29 +57,29 @@ enum class tovak_request_layout : uint8_t {
 // How a reply is laid out; "untouched" is a reply left at its preset length
 // of 5120 over stale bytes.
 enum class tovak_reply_layout : uint8_t {
-    none,        // never written, done or not
-    empty,       // length 0; refused: untouched
-    zero,        // u32 0, done or refused alike
-    status,      // i32 0, or -1 when refused
-    size,        // i32 size taken, or -1 when refused
-    u32,         // one u32; refused: untouched
-    pair,        // two u32
-    ids,         // u16 ids, ascending, no count
-    msgs,        // message entries, TOVAK_MSG_ENTRY_SIZE bytes each
+    none,         // never written, done or not
+    empty,        // length 0; refused: untouched
+    zero,         // u32 0, done or refused alike
+    status,       // i32 0, or -1 when refused
+    size,         // i32 size taken, or -1 when refused
+    u32,          // one u32; refused: untouched
+    pair,         // two u32
+    ids,          // u16 ids, ascending, no count
+    msgs,         // message entries, TOVAK_MSG_ENTRY_SIZE bytes each
     counted_text, // u16 count, the text and its zero byte
-    u32s,        // one u32 per capture category
-    text,        // one text and its zero byte
-    dpl_ifaces,  // u32 count, then per interface u8 id, u8 length, description
-    counted_ids, // u32 count, then u16 ids, ascending
+    u32s,         // one u32 per capture category
+    text,         // one text and its zero byte
+    dpl_ifaces,   // u32 count, then per interface u8 id, u8 length, description
+    counted_ids,  // u32 count, then u16 ids, ascending
 };
 
 // What a refused command leaves in its reply, which follows from its layout.
 enum class tovak_refusal : uint8_t { untouched, zero, minus_one };
 constexpr tovak_refusal tovak_refusal_of(tovak_reply_layout reply)
 {
-    return reply == tovak_reply_layout::zero ? tovak_refusal::zero
+    return reply == tovak_reply_layout::zero                                          ? tovak_refusal::zero
            : reply == tovak_reply_layout::status || reply == tovak_reply_layout::size ? tovak_refusal::minus_one
-                                                                                    : tovak_refusal::untouched;
+                                                                                      : tovak_refusal::untouched;
 }
 
 struct tovak_layout {
