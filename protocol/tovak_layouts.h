@@ -54,15 +54,15 @@ enum class tovak_request_layout : uint8_t {
     counted_text, // u16 count (zero byte included), the text and its zero byte
 };
 
-// How a reply is laid out; "untouched" is a reply left at its preset length
-// of 5120 over stale bytes.
+// How a reply is laid out. A refused command leaves its reply untouched, at
+// its preset length of 5120 over stale bytes, unless said here.
 enum class tovak_reply_layout : uint8_t {
     none,         // never written, done or not
-    empty,        // length 0; refused: untouched
+    empty,        // length 0
     zero,         // u32 0, done or refused alike
     status,       // i32 0, or -1 when refused
     size,         // i32 size taken, or -1 when refused
-    u32,          // one u32; refused: untouched
+    u32,          // one u32
     pair,         // two u32
     ids,          // u16 ids, ascending, no count
     msgs,         // message entries, TOVAK_MSG_ENTRY_SIZE bytes each
