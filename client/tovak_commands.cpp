@@ -26,8 +26,8 @@ TovakShown show_reply(const tovak_pkt& rsp, const char* key, TovakReport* rep)
       name,                                                                           \
       syntax,                                                                         \
       { TovakField::f1, TovakField::f2 },                                             \
-      tovak_layout_of(id)->limit,                                                     \
-      tovak_layout_of(id)->gate,                                                      \
+      tovak_layout_of(id).limit,                                                      \
+      tovak_layout_of(id).gate,                                                       \
       key,                                                                            \
       show_reply<TovakReply##reply>,                                                  \
       TovakReply##reply::confirm,                                                     \
@@ -40,10 +40,10 @@ const size_t tovak_command_count = sizeof tovak_commands / sizeof tovak_commands
 static_assert(sizeof tovak_commands / sizeof tovak_commands[0] == std::size(tovak_layouts) - 1, "one row per command");
 
 // A row's fields and reply kind must be its command's layout.
-#define TOVAK_ROW_FITS(id, method, name, syntax, f1, f2, kind, ...)                                       \
-    static_assert(tovak_layout_of(id) != nullptr &&                                                       \
-                      tovak_layout_of(id)->request == tovak_request_of(TovakField::f1, TovakField::f2) && \
-                      tovak_layout_of(id)->reply == TovakReply##kind::layout,                             \
+#define TOVAK_ROW_FITS(id, method, name, syntax, f1, f2, kind, ...)                                      \
+    static_assert(tovak_is_command(id) &&                                                                \
+                      tovak_layout_of(id).request == tovak_request_of(TovakField::f1, TovakField::f2) && \
+                      tovak_layout_of(id).reply == TovakReply##kind::layout,                             \
                   #id ": the row's fields or reply kind are not the command's layout");
 TOVAK_COMMANDS(TOVAK_ROW_FITS)
 
@@ -248,9 +248,9 @@ bool tovak_encode(const TovakCommand& row, const TovakArgs& args, tovak_pkt* req
 
 bool tovak_req_counted_text(tovak_pkt* req, uint32_t cmd, const std::string& text)
 {
-    const tovak_layout* layout = tovak_layout_of(cmd);
-    bool fits = layout != nullptr && layout->request == tovak_request_layout::counted_text &&
-                text.size() <= layout->limit && text.find('\0') == std::string::npos;
+    const tovak_layout layout = tovak_layout_of(cmd);
+    bool fits = layout.request == tovak_request_layout::counted_text && text.size() <= layout.limit &&
+                text.find('\0') == std::string::npos;
     return tovak_req_raw(req, cmd, fits ? tovak_pack_counted_text(text) : tovak_bytes()) && fits;
 }
 

@@ -142,13 +142,31 @@ inline constexpr tovak_layout tovak_layouts[] = {
 #undef TOVAK_LAYOUT
 // clang-format on
 
-// The layout of a command id, or null for an id no command has.
-constexpr const tovak_layout* tovak_layout_of(uint32_t id)
+// Found by index and handed out by value, so that every compiler takes them
+// in a constant expression (with sanitizers too).
+
+// Where a command id's layout stands, or std::size(tovak_layouts) for an id
+// no command has.
+constexpr size_t tovak_layout_index(uint32_t id)
 {
-    for (const tovak_layout& l : tovak_layouts)
-        if (l.id == id)
-            return &l;
-    return nullptr;
+    size_t i = 0;
+    while (i < std::size(tovak_layouts) && tovak_layouts[i].id != id)
+        i++;
+    return i;
+}
+
+constexpr bool tovak_is_command(uint32_t id)
+{
+    return tovak_layout_index(id) < std::size(tovak_layouts);
+}
+
+// The layout of a command id; one no command has takes nothing, answers
+// nothing and waits for nothing.
+constexpr tovak_layout tovak_layout_of(uint32_t id)
+{
+    return tovak_is_command(id)
+               ? tovak_layouts[tovak_layout_index(id)]
+               : tovak_layout{ id, tovak_gate::none, tovak_request_layout::none, 0, tovak_reply_layout::none };
 }
 
 // Packing and unpacking. Nothing here logs or refuses: the daemon reads and

@@ -15,8 +15,8 @@
 // The gate and the refusal of a command are its layout's.
 static constexpr cmd_entry entry(uint32_t id, command_handler handler)
 {
-    const tovak_layout* layout = tovak_layout_of(id);
-    return { id, handler, layout->gate, tovak_refusal_of(layout->reply) };
+    const tovak_layout layout = tovak_layout_of(id);
+    return { id, handler, layout.gate, tovak_refusal_of(layout.reply) };
 }
 
 // clang-format off
@@ -79,7 +79,7 @@ static constexpr bool cmd_table_valid()
     if (cmd_table[n - 1].id != CMD_DISCONNECT || n != std::size(tovak_layouts))
         return false;
     for (size_t i = 0; i < n; i++) {
-        if (cmd_table[i].id > CMD_ID_MAX)
+        if (cmd_table[i].id > CMD_ID_MAX || !tovak_is_command(cmd_table[i].id))
             return false;
         if (cmd_table[i].gate == tovak_gate::none && cmd_table[i].refusal != tovak_refusal::untouched)
             return false;
