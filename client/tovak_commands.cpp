@@ -146,7 +146,8 @@ bool tovak_parse_words(const TovakCommand& row, const std::vector<std::string>& 
     for (size_t i = 0; i < 2 && row.fields[i] != TovakField::none; i++) {
         const std::string& w = words[i];
         TovakField f = row.fields[i];
-        // Words for a choice of two values: the first means 1, phantom means 0.
+        // Words for a choice of two values: off and phantom mean 0, on and statistics 1.
+        static_assert(TOVAK_MODEM_DATA_PHANTOM == 0 && TOVAK_MODEM_DATA_STATISTICS == 1, "a kind is its word's place");
         const char* choice[2] = { f == TovakField::on_off ? "off" : "phantom",
                                   f == TovakField::on_off ? "on" : "statistics" };
         bool ok = true;
