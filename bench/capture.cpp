@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "bench.h"
+#include "protocol/tovak_layouts.h"
 
 namespace {
 
@@ -23,7 +24,7 @@ const uint32_t CATEGORY = 3; // system
 const long FLOOD_RATE = 1000000;
 // The largest capture size; a flood that fits never wraps the ring, so the
 // file holds every entry the daemon took.
-const uint32_t RING_BYTES = 20000000;
+const uint32_t RING_BYTES = TOVAK_CAPTURE_SIZE_MAX;
 const long FLOOD_ENTRIES = 400000; // about 17 MB
 
 struct Stream {

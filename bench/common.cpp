@@ -288,7 +288,7 @@ tovak_pkt cheap_request()
 {
     tovak_pkt req;
     memset(&req, 0, sizeof req);
-    tovak_req_counted_text(&req, CMD_SYSTEM_COMMAND, "bench: not a whitelisted command", TOVAK_SYSTEM_TEXT_MAX);
+    tovak_req_counted_text(&req, CMD_SYSTEM_COMMAND, "bench: not a whitelisted command");
     return req;
 }
 

@@ -266,9 +266,9 @@ std::string ctl_subcommand_help(const std::string& word)
         help[0] = char(toupper(help[0]));
         text += "\n" + (ctl_rows_named(word).size() > 1 ? form(row->name, row->syntax) + ": " : std::string()) + help +
                 " (command " + ctl_hex_id(row->id) + ").\n" + argument_notes(*row);
-        if (row->gate != TovakGate::none)
+        if (row->gate != tovak_gate::none)
             text += std::string("  Refused when tovakd's start-up of ") +
-                    (row->gate == TovakGate::logging ? "modem logging" : "Android log capture") + " failed" +
+                    (row->gate == tovak_gate::logging ? "modem logging" : "Android log capture") + " failed" +
                     (row->refusal ? std::string(", and for ") + row->refusal : "") + ".\n";
         bool size = row->fields[0] == TovakField::size || row->fields[1] == TovakField::size;
         if (row->limit && row->fields[0] != TovakField::u32 && row->fields[0] != TovakField::category)
@@ -352,7 +352,7 @@ std::vector<std::string> ctl_completion_values(const CtlOptions& opt, const std:
 {
     std::vector<std::string> values;
     if (word == "category-add" || word == "category-rm" || word == "capture-size")
-        values.assign(std::begin(tovak_category_names), std::end(tovak_category_names));
+        values.assign(std::begin(tovak_capture_category_names), std::end(tovak_capture_category_names));
     else if (word == "help")
         values = ctl_subcommand_names();
     else if (word == "completion")

@@ -5,39 +5,7 @@
 #include <cstring>
 #include <iterator>
 
-#include "protocol/byte_buffer.h"
-
 namespace {
-
-// The byte buffer prints a line on stdout when it refuses, which would land
-// in a client's own output; so every access is bounds-checked here first.
-class Writer {
-public:
-    Writer(tovak_pkt* req, uint32_t cmd) : req_(req)
-    {
-        memset(req, 0, sizeof *req);
-        req->cmd = cmd;
-        byte_buffer_init(&bb_, req->data, TOVAK_PKT_DATA_SIZE);
-    }
-    uint32_t room() const { return TOVAK_PKT_DATA_SIZE - byte_buffer_length(&bb_); }
-    bool u16(uint64_t v) { return v <= 0xffff && room() >= 2 && byte_buffer_write_u16(&bb_, uint16_t(v)); }
-    bool u32(uint64_t v) { return v <= UINT32_MAX && room() >= 4 && byte_buffer_write_u32(&bb_, uint32_t(v)); }
-    bool bytes(const void* p, size_t n)
-    {
-        return n <= room() && (n == 0 || byte_buffer_write_bytes(&bb_, p, uint32_t(n)));
-    }
-    // The text and its zero byte.
-    bool text(const std::string& t) { return t.find('\0') == std::string::npos && bytes(t.c_str(), t.size() + 1); }
-    bool finish(bool ok)
-    {
-        req_->len = ok ? byte_buffer_length(&bb_) : 0;
-        return ok;
-    }
-
-private:
-    tovak_pkt* req_;
-    byte_buffer bb_;
-};
 
 template <class R>
 TovakShown show_reply(const tovak_pkt& rsp, const char* key, TovakReport* rep)
@@ -53,25 +21,31 @@ TovakShown show_reply(const tovak_pkt& rsp, const char* key, TovakReport* rep)
 
 // The table.
 
-#define TOVAK_ROW(id, method, name, syntax, f1, f2, reply, limit, gate, key, help, refusal, waits) \
-    { id,                                                                                          \
-      name,                                                                                        \
-      syntax,                                                                                      \
-      { TovakField::f1, TovakField::f2 },                                                          \
-      limit,                                                                                       \
-      TovakGate::gate,                                                                             \
-      key,                                                                                         \
-      show_reply<TovakReply##reply>,                                                               \
-      TovakReply##reply::confirm,                                                                  \
-      help,                                                                                        \
-      refusal,                                                                                     \
+#define TOVAK_ROW(id, method, name, syntax, f1, f2, reply, key, help, refusal, waits) \
+    { id,                                                                             \
+      name,                                                                           \
+      syntax,                                                                         \
+      { TovakField::f1, TovakField::f2 },                                             \
+      tovak_layout_of(id).limit,                                                      \
+      tovak_layout_of(id).gate,                                                       \
+      key,                                                                            \
+      show_reply<TovakReply##reply>,                                                  \
+      TovakReply##reply::confirm,                                                     \
+      help,                                                                           \
+      refusal,                                                                        \
       waits },
 const TovakCommand tovak_commands[] = { TOVAK_COMMANDS(TOVAK_ROW) };
 const size_t tovak_command_count = sizeof tovak_commands / sizeof tovak_commands[0];
-// Every command of the daemon's table but 2, which ends the session.
-static_assert(sizeof tovak_commands / sizeof tovak_commands[0] == 42, "one row per command");
+// Every command but 2, which ends the session.
+static_assert(sizeof tovak_commands / sizeof tovak_commands[0] == std::size(tovak_layouts) - 1, "one row per command");
 
-const char* const tovak_category_names[4] = { "main", "radio", "events", "system" };
+// A row's fields and reply kind must be its command's layout.
+#define TOVAK_ROW_FITS(id, method, name, syntax, f1, f2, kind, ...)                                      \
+    static_assert(tovak_is_command(id) &&                                                                \
+                      tovak_layout_of(id).request == tovak_request_of(TovakField::f1, TovakField::f2) && \
+                      tovak_layout_of(id).reply == TovakReply##kind::layout,                             \
+                  #id ": the row's fields or reply kind are not the command's layout");
+TOVAK_COMMANDS(TOVAK_ROW_FITS)
 
 const TovakCommand* tovak_command(uint32_t id)
 {
@@ -172,7 +146,8 @@ bool tovak_parse_words(const TovakCommand& row, const std::vector<std::string>& 
     for (size_t i = 0; i < 2 && row.fields[i] != TovakField::none; i++) {
         const std::string& w = words[i];
         TovakField f = row.fields[i];
-        // Words for a choice of two values: the first means 1, phantom means 0.
+        // Words for a choice of two values: off and phantom mean 0, on and statistics 1.
+        static_assert(TOVAK_MODEM_DATA_PHANTOM == 0 && TOVAK_MODEM_DATA_STATISTICS == 1, "a kind is its word's place");
         const char* choice[2] = { f == TovakField::on_off ? "off" : "phantom",
                                   f == TovakField::on_off ? "on" : "statistics" };
         bool ok = true;
@@ -181,9 +156,9 @@ bool tovak_parse_words(const TovakCommand& row, const std::vector<std::string>& 
             *why = std::string("expected ") + choice[1] + " or " + choice[0] + ", not '" + w + "'";
             args->emplace_back(int64_t(w == choice[1]));
         } else if (f == TovakField::category) {
-            auto name = std::find(std::begin(tovak_category_names), std::end(tovak_category_names), w);
-            if (name != std::end(tovak_category_names))
-                args->emplace_back(int64_t(name - std::begin(tovak_category_names)));
+            auto name = std::find(std::begin(tovak_capture_category_names), std::end(tovak_capture_category_names), w);
+            if (name != std::end(tovak_capture_category_names))
+                args->emplace_back(int64_t(name - std::begin(tovak_capture_category_names)));
             else
                 ok = number_word(w, "category", 0, UINT32_MAX, false, args, why);
             if (!ok)
@@ -219,8 +194,9 @@ static bool check_text(const TovakCommand& row, TovakField field, const std::str
                std::to_string(row.limit);
     else if (text.empty() && field != TovakField::text)
         *why = "empty path";
-    else if (field == TovakField::out_path && std::count(text.begin(), text.end(), '/') >= 6)
-        *why = "tovakd refuses an output path with 6 or more '/' (after it has already moved the modem log there)";
+    else if (field == TovakField::out_path && std::count(text.begin(), text.end(), '/') >= TOVAK_OUT_PATH_MAX_SLASHES)
+        *why = "tovakd refuses an output path with " + std::to_string(TOVAK_OUT_PATH_MAX_SLASHES) +
+               " or more '/' (after it has already moved the modem log there)";
     else
         return true;
     return false;
@@ -228,48 +204,64 @@ static bool check_text(const TovakCommand& row, TovakField field, const std::str
 
 bool tovak_encode(const TovakCommand& row, const TovakArgs& args, tovak_pkt* req, std::string* why)
 {
-    Writer w(req, row.id);
     why->clear();
+    // A request that does not fit goes out empty, if at all.
+    auto refuse = [&] {
+        tovak_req_raw(req, row.id, {});
+        return false;
+    };
+    tovak_bytes payload;
     for (size_t i = 0; i < 2 && row.fields[i] != TovakField::none; i++) {
         if (i >= args.size()) {
             *why = "missing argument";
-            return w.finish(false);
+            return refuse();
         }
         const TovakArg& a = args[i];
         TovakField f = row.fields[i];
         bool ok;
         if (f == TovakField::u16 || f == TovakField::hex16) {
-            ok = a.num >= 0 && w.u16(uint64_t(a.num));
+            ok = a.num >= 0 && a.num <= 0xffff;
+            tovak_put_u16(&payload, uint16_t(a.num));
         } else if (f == TovakField::size) {
-            ok = a.num >= 1 && uint64_t(a.num) <= row.limit && w.u32(uint64_t(a.num));
+            ok = a.num >= 1 && uint64_t(a.num) <= row.limit && a.num <= UINT32_MAX;
+            tovak_put_u32(&payload, uint32_t(a.num));
             if (!ok)
                 *why = "size " + std::to_string(a.num) + ": tovakd takes 1 to " + std::to_string(row.limit) + " bytes";
         } else if (f == TovakField::on_off) {
-            ok = w.u32(a.num != 0);
-        } else if (f == TovakField::out_path) {
-            ok = check_text(row, f, a.text, why) && w.text(a.text);
-        } else if (f == TovakField::text || f == TovakField::device_path) {
-            ok = check_text(row, f, a.text, why) && w.u16(a.text.size() + 1) && w.text(a.text);
+            ok = true;
+            tovak_put_u32(&payload, a.num != 0);
+        } else if (f == TovakField::out_path || f == TovakField::text || f == TovakField::device_path) {
+            ok = check_text(row, f, a.text, why);
+            tovak_bytes text = f == TovakField::out_path ? tovak_pack_text(a.text) : tovak_pack_counted_text(a.text);
+            payload.insert(payload.end(), text.begin(), text.end());
         } else {
-            ok = a.num >= 0 && w.u32(uint64_t(a.num));
+            ok = a.num >= 0 && a.num <= UINT32_MAX;
+            tovak_put_u32(&payload, uint32_t(a.num));
         }
         if (!ok) {
             if (why->empty())
                 *why = "argument " + std::to_string(i + 1) + " does not fit its field";
-            return w.finish(false);
+            return refuse();
         }
     }
-    return w.finish(true);
+    return tovak_req_raw(req, row.id, payload);
 }
 
-bool tovak_req_counted_text(tovak_pkt* req, uint32_t cmd, const std::string& text, size_t max)
+bool tovak_req_counted_text(tovak_pkt* req, uint32_t cmd, const std::string& text)
 {
-    Writer w(req, cmd);
-    return w.finish(text.size() <= max && text.size() < 0x7fff && w.u16(text.size() + 1) && w.text(text));
+    const tovak_layout layout = tovak_layout_of(cmd);
+    bool fits = layout.request == tovak_request_layout::counted_text && text.size() <= layout.limit &&
+                text.find('\0') == std::string::npos;
+    return tovak_req_raw(req, cmd, fits ? tovak_pack_counted_text(text) : tovak_bytes()) && fits;
 }
 
 bool tovak_req_raw(tovak_pkt* req, uint32_t cmd, const std::vector<uint8_t>& payload)
 {
-    Writer w(req, cmd);
-    return w.finish(w.bytes(payload.data(), payload.size()));
+    memset(req, 0, sizeof *req);
+    req->cmd = cmd;
+    if (payload.size() > TOVAK_PKT_DATA_SIZE)
+        return false;
+    std::copy(payload.begin(), payload.end(), req->data);
+    req->len = uint32_t(payload.size());
+    return true;
 }

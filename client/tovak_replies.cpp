@@ -1,13 +1,14 @@
 // How each kind of reply is read and shown: what the daemon left in the
-// reply frame decides the verdict, since replies carry no status word. A
-// little over the usual length: one short decoder per kind of reply.
+// reply frame decides the verdict, since replies carry no status word. The
+// bytes are unpacked as the command's layout says (protocol/tovak_layouts.h);
+// here they are judged.
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <sstream>
 
-#include "protocol/byte_buffer.h"
 #include "tovak_commands.h"
 
 // A reply the handler never touched keeps the length the session preset.
@@ -15,27 +16,11 @@
 
 namespace {
 
-// Every access is bounds-checked before the byte buffer sees it: the buffer
-// prints a line on stdout when it refuses, which would land in a client's
-// own output.
-class Reader {
-public:
-    explicit Reader(const tovak_pkt& rsp) : len_(rsp.len > TOVAK_PKT_DATA_SIZE ? TOVAK_PKT_DATA_SIZE : rsp.len)
-    {
-        // Read only: the buffer's pointer is not const.
-        if (len_ != 0)
-            byte_buffer_init(&bb_, const_cast<uint8_t*>(rsp.data), len_);
-    }
-    uint32_t left() const { return len_ == 0 ? 0 : len_ - byte_buffer_length(&bb_); }
-    bool u8(uint8_t* v) { return left() >= 1 && byte_buffer_read_bytes(&bb_, v, 1); }
-    bool u16(uint16_t* v) { return left() >= 2 && byte_buffer_read_u16(&bb_, v); }
-    bool u32(uint32_t* v) { return left() >= 4 && byte_buffer_read_u32(&bb_, v); }
-    bool bytes(void* p, uint32_t n) { return n <= left() && (n == 0 || byte_buffer_read_bytes(&bb_, p, n)); }
-
-private:
-    uint32_t len_;
-    byte_buffer bb_ = {};
-};
+// The reply's length, within the frame.
+uint32_t length(const tovak_pkt& rsp)
+{
+    return rsp.len > TOVAK_PKT_DATA_SIZE ? TOVAK_PKT_DATA_SIZE : rsp.len;
+}
 
 const TovakShown done = { TovakVerdict::done, "" };
 const TovakShown untouched = { TovakVerdict::refused, "tovakd left the reply untouched (len 5120)" };
@@ -55,7 +40,7 @@ template <class F>
 TovakShown fixed(const tovak_pkt& rsp, uint32_t want, F then)
 {
     if (rsp.len == want)
-        return then(Reader(rsp));
+        return then();
     return rsp.len == UNTOUCHED_LEN ? untouched : unexpected(rsp, "expected " + std::to_string(want));
 }
 
@@ -64,15 +49,8 @@ template <class F>
 TovakShown within(const tovak_pkt& rsp, F then)
 {
     if (rsp.len < UNTOUCHED_LEN)
-        return then(Reader(rsp));
+        return then();
     return rsp.len == UNTOUCHED_LEN ? untouched : unexpected(rsp, "longer than a frame");
-}
-
-uint32_t u32_of(Reader r)
-{
-    uint32_t v = 0;
-    r.u32(&v);
-    return v;
 }
 
 // A list can fill the frame exactly; then only its content tells it from an
@@ -87,13 +65,9 @@ TovakShown list_verdict(const tovak_pkt& rsp, bool well_formed)
 }
 
 // Ids strictly ascending: the daemon lists sets.
-bool read_ids(Reader& r, uint32_t count, std::vector<uint16_t>* ids)
+bool ascending(const std::vector<uint16_t>& ids)
 {
-    ids->resize(count);
-    for (uint32_t i = 0; i < count; i++)
-        if (!r.u16(&(*ids)[i]) || (i > 0 && (*ids)[i - 1] >= (*ids)[i]))
-            return false;
-    return true;
+    return std::adjacent_find(ids.begin(), ids.end(), std::greater_equal<uint16_t>()) == ids.end();
 }
 
 std::string hex16(uint32_t v)
@@ -147,7 +121,7 @@ NOTHING_TO_REPORT(Status)
 
 TovakShown TovakReplyEmpty::decode(const tovak_pkt& rsp, Out*)
 {
-    return fixed(rsp, 0, [](Reader) { return done; });
+    return fixed(rsp, 0, [] { return done; });
 }
 
 TovakShown TovakReplyNoReply::decode(const tovak_pkt& rsp, Out*)
@@ -159,14 +133,14 @@ TovakShown TovakReplyNoReply::decode(const tovak_pkt& rsp, Out*)
 
 TovakShown TovakReplyCommitted::decode(const tovak_pkt& rsp, Out*)
 {
-    return fixed(rsp, 0, [](Reader) { return unknown("tovakd answers an empty reply whether or not it committed"); });
+    return fixed(rsp, 0, [] { return unknown("tovakd answers an empty reply whether or not it committed"); });
 }
 
 TovakShown TovakReplyLogOn::decode(const tovak_pkt& rsp, Out*)
 {
-    return fixed(rsp, 4, [&](Reader r) {
-        return u32_of(r) == 0 ? unknown("tovakd answers 4 zero bytes whether or not it worked")
-                              : unexpected(rsp, "expected 4 zero bytes");
+    return fixed(rsp, 4, [&] {
+        return tovak_get_u32(rsp.data) == 0 ? unknown("tovakd answers 4 zero bytes whether or not it worked")
+                                            : unexpected(rsp, "expected 4 zero bytes");
     });
 }
 
@@ -177,8 +151,8 @@ TovakShown TovakReplyLogOff::decode(const tovak_pkt& rsp, Out* out)
 
 TovakShown TovakReplyStatus::decode(const tovak_pkt& rsp, Out*)
 {
-    return fixed(rsp, 4, [&](Reader r) {
-        int32_t v = int32_t(u32_of(r));
+    return fixed(rsp, 4, [&] {
+        int32_t v = int32_t(tovak_get_u32(rsp.data));
         return v == 0    ? done
                : v == -1 ? TovakShown{ TovakVerdict::refused, "tovakd answered -1" }
                          : unexpected(rsp, "expected 0 or -1, got " + std::to_string(v));
@@ -187,8 +161,8 @@ TovakShown TovakReplyStatus::decode(const tovak_pkt& rsp, Out*)
 
 TovakShown TovakReplyLogSize::decode(const tovak_pkt& rsp, Out* size)
 {
-    return fixed(rsp, 4, [&](Reader r) {
-        *size = int32_t(u32_of(r));
+    return fixed(rsp, 4, [&] {
+        *size = int32_t(tovak_get_u32(rsp.data));
         return *size == -1 ? TovakShown{ TovakVerdict::refused, "tovakd answered -1" } : done;
     });
 }
@@ -200,8 +174,8 @@ void TovakReplyLogSize::report(const Out& size, const char* key, TovakReport* re
 
 TovakShown TovakReplyU32::decode(const tovak_pkt& rsp, Out* value)
 {
-    return fixed(rsp, 4, [&](Reader r) {
-        *value = u32_of(r);
+    return fixed(rsp, 4, [&] {
+        *value = tovak_get_u32(rsp.data);
         return done;
     });
 }
@@ -213,8 +187,8 @@ void TovakReplyU32::report(const Out& value, const char* key, TovakReport* rep)
 
 TovakShown TovakReplyFlag::decode(const tovak_pkt& rsp, Out* on)
 {
-    return fixed(rsp, 4, [&](Reader r) {
-        uint32_t v = u32_of(r);
+    return fixed(rsp, 4, [&] {
+        uint32_t v = tovak_get_u32(rsp.data);
         *on = v == 1;
         return v <= 1 ? done : unexpected(rsp, "expected 0 or 1, got " + std::to_string(v));
     });
@@ -227,9 +201,9 @@ void TovakReplyFlag::report(const Out& on, const char* key, TovakReport* rep)
 
 TovakShown TovakReplyPair::decode(const tovak_pkt& rsp, Out* pair)
 {
-    return fixed(rsp, 8, [&](Reader r) {
-        r.u32(&pair->first);
-        r.u32(&pair->second);
+    return fixed(rsp, 8, [&] {
+        pair->first = tovak_get_u32(rsp.data);
+        pair->second = tovak_get_u32(rsp.data + 4);
         return done;
     });
 }
@@ -244,8 +218,7 @@ void TovakReplyPair::report(const Out& pair, const char* key, TovakReport* rep)
 
 TovakShown TovakReplyIds::decode(const tovak_pkt& rsp, Out* ids)
 {
-    Reader r(rsp);
-    return list_verdict(rsp, rsp.len % 2 == 0 && read_ids(r, rsp.len / 2, ids));
+    return list_verdict(rsp, tovak_unpack_ids(rsp.data, length(rsp), ids) && ascending(*ids));
 }
 
 void TovakReplyIds::report(const Out& ids, const char* key, TovakReport* rep)
@@ -265,17 +238,9 @@ void TovakReplyHexIds::report(const Out& ids, const char* key, TovakReport* rep)
 
 TovakShown TovakReplyMsgs::decode(const tovak_pkt& rsp, Out* msgs)
 {
-    Reader r(rsp);
-    bool well_formed = rsp.len % 8 == 0;
-    for (uint32_t i = 0; well_formed && i < rsp.len / 8; i++) {
-        TovakMsgEntry m;
-        uint16_t pad; // not written by the daemon
-        r.u16(&m.ssid);
-        r.u16(&pad);
-        r.u32(&m.mask);
-        well_formed = (msgs->empty() || msgs->back().ssid < m.ssid) && m.mask <= 0xffff;
-        msgs->push_back(m);
-    }
+    bool well_formed = tovak_unpack_msgs(rsp.data, length(rsp), msgs);
+    for (size_t i = 0; well_formed && i < msgs->size(); i++)
+        well_formed = (i == 0 || (*msgs)[i - 1].ssid < (*msgs)[i].ssid) && (*msgs)[i].mask <= 0xffff;
     return list_verdict(rsp, well_formed);
 }
 
@@ -298,16 +263,10 @@ void TovakReplyMsgs::report(const Out& msgs, const char* key, TovakReport* rep)
 
 TovakShown TovakReplyPath::decode(const tovak_pkt& rsp, Out* path)
 {
-    return within(rsp, [&](Reader r) {
-        uint16_t n = 0;
-        if (!r.u16(&n) || n == 0 || n != r.left())
-            return unexpected(rsp, "expected a u16 count and that many bytes");
-        path->assign(n, '\0');
-        r.bytes(path->data(), n);
-        if (path->find('\0') != n - 1u)
-            return unexpected(rsp, "the path is not one zero-terminated text");
-        path->pop_back();
-        return done;
+    return within(rsp, [&] {
+        return tovak_unpack_counted_text(rsp.data, rsp.len, path)
+                   ? done
+                   : unexpected(rsp, "expected a u16 count and that many bytes, one zero-terminated text");
     });
 }
 
@@ -319,12 +278,14 @@ void TovakReplyPath::report(const Out& path, const char* key, TovakReport* rep)
 
 TovakShown TovakReplyCategories::decode(const tovak_pkt& rsp, Out* enabled)
 {
-    return within(rsp, [&](Reader r) {
-        uint32_t v = 0;
-        for (uint32_t i = 0; i < rsp.len / 4 && r.u32(&v) && v <= 1; i++)
+    return within(rsp, [&] {
+        std::vector<uint32_t> values;
+        bool well_formed = tovak_unpack_u32s(rsp.data, rsp.len, &values);
+        for (uint32_t v : values)
+            well_formed = well_formed && v <= 1;
+        for (uint32_t v : values)
             enabled->push_back(v == 1);
-        return rsp.len % 4 == 0 && enabled->size() == rsp.len / 4 ? done
-                                                                  : unexpected(rsp, "expected u32 values of 0 or 1");
+        return well_formed ? done : unexpected(rsp, "expected u32 values of 0 or 1");
     });
 }
 
@@ -332,7 +293,8 @@ void TovakReplyCategories::report(const Out& enabled, const char* key, TovakRepo
 {
     std::vector<std::string> lines, json;
     for (size_t i = 0; i < enabled.size(); i++) {
-        std::string name = i < 4 ? std::string(" ") + tovak_category_names[i] : "";
+        std::string name =
+            int(i) < TOVAK_CAPTURE_STANDARD_CATEGORIES ? std::string(" ") + tovak_capture_category_names[i] : "";
         lines.push_back(std::to_string(i) + name + (enabled[i] ? " on" : " off"));
         json.push_back(enabled[i] ? "true" : "false");
     }
@@ -341,11 +303,11 @@ void TovakReplyCategories::report(const Out& enabled, const char* key, TovakRepo
 
 TovakShown TovakReplyNames::decode(const tovak_pkt& rsp, Out* names)
 {
-    return within(rsp, [&](Reader) {
-        std::string text(reinterpret_cast<const char*>(rsp.data), rsp.len);
-        if (text.empty() || text.find('\0') != text.size() - 1)
+    return within(rsp, [&] {
+        std::string text;
+        if (!tovak_unpack_text(rsp.data, rsp.len, &text))
             return unexpected(rsp, "expected one zero-terminated text");
-        std::istringstream in(text.substr(0, text.size() - 1));
+        std::istringstream in(text);
         for (std::string name; std::getline(in, name, ',');)
             names->push_back(name);
         return done;
@@ -364,18 +326,7 @@ void TovakReplyNames::report(const Out& names, const char* key, TovakReport* rep
 
 TovakShown TovakReplyDplIfaces::decode(const tovak_pkt& rsp, Out* ifaces)
 {
-    Reader r(rsp);
-    uint32_t count = 0;
-    bool well_formed = r.u32(&count);
-    for (uint32_t i = 0; well_formed && i < count; i++) {
-        TovakDplIface iface;
-        uint8_t n = 0;
-        well_formed = r.u8(&iface.id) && r.u8(&n) && n <= r.left();
-        iface.desc.resize(n);
-        r.bytes(iface.desc.data(), n);
-        ifaces->push_back(std::move(iface));
-    }
-    return list_verdict(rsp, well_formed && r.left() == 0);
+    return list_verdict(rsp, tovak_unpack_dpl_ifaces(rsp.data, length(rsp), ifaces));
 }
 
 void TovakReplyDplIfaces::report(const Out& ifaces, const char* key, TovakReport* rep)
@@ -391,9 +342,7 @@ void TovakReplyDplIfaces::report(const Out& ifaces, const char* key, TovakReport
 
 TovakShown TovakReplyDplIds::decode(const tovak_pkt& rsp, Out* ids)
 {
-    Reader r(rsp);
-    uint32_t count = 0;
-    return list_verdict(rsp, r.u32(&count) && r.left() == uint64_t(count) * 2 && read_ids(r, count, ids));
+    return list_verdict(rsp, tovak_unpack_counted_ids(rsp.data, length(rsp), ids) && ascending(*ids));
 }
 
 void TovakReplyDplIds::report(const Out& ids, const char* key, TovakReport* rep)

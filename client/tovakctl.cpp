@@ -142,10 +142,10 @@ int failure(Ctl& c, const TovakClient& client, const std::string& name, uint32_t
 // another command behind the same flag, which asks for nothing, tells.
 std::string explain_refusal(TovakClient& client, const TovakCommand& row)
 {
-    bool logging = row.gate == TovakGate::logging;
-    TovakResult probe = logging                          ? client.get_capture_limits()
-                        : row.gate == TovakGate::capture ? client.get_capture_state()
-                                                         : TovakResult();
+    bool logging = row.gate == tovak_gate::logging;
+    TovakResult probe = logging                           ? client.get_capture_limits()
+                        : row.gate == tovak_gate::capture ? client.get_capture_state()
+                                                          : TovakResult();
     if (probe.status == TovakStatus::ok && probe.shown.verdict == TovakVerdict::refused)
         return std::string("; it refuses every ") + (logging ? "logging" : "capture") + " command because its " +
                (logging ? "start-up of modem logging failed (a usual cause: a negative <BufferSize> in "

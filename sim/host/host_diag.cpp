@@ -47,16 +47,16 @@ bool dpl_request(uint16_t code, const std::vector<uint8_t>& body, std::vector<ui
     return true;
 }
 
-// The record the modem expects for an interface: four entries, the kinds
-// 1 and 2 each with variants 0 and 1; the last entry's final 4 bytes unused.
+// The record the modem expects for an interface: the kinds 1 and 2 each
+// with variants 0 and 1.
 void default_iface_record(uint8_t ifid, uint8_t* rec)
 {
     memset(rec, 0, DIAG_DPL_IFACE_RECORD_SIZE);
     rec[0] = ifid;
-    rec[1] = 4;
-    const uint8_t kinds[4][2] = { { 1, 0 }, { 2, 0 }, { 1, 1 }, { 2, 1 } };
-    for (int k = 0; k < 4; k++) {
-        uint8_t* e = rec + 8 + 16 * k;
+    rec[1] = DIAG_DPL_RECORD_ENTRIES;
+    const uint8_t kinds[DIAG_DPL_RECORD_ENTRIES][2] = { { 1, 0 }, { 2, 0 }, { 1, 1 }, { 2, 1 } };
+    for (int k = 0; k < DIAG_DPL_RECORD_ENTRIES; k++) {
+        uint8_t* e = rec + DIAG_DPL_ENTRY_OFFSET + DIAG_DPL_ENTRY_SIZE * k;
         e[0] = kinds[k][0];
         e[4] = ifid;
         e[6] = kinds[k][1];

@@ -112,20 +112,17 @@ TEST_F(Capture, EnabledCategoriesCaptureWhatTheLoggerWroteAndNothingElse)
         return std::any_of(e.begin(), e.end(), [](const Entry& x) { return x.msg == "to main"; });
     }));
     EXPECT_FALSE(newest_files().count("adbevents")) << "off by default";
-    EXPECT_EQ((std::vector<uint8_t>{ 1, 1, 0, 1 }), [&] {
-        tovak_pkt r = send(CMD_ADBLOG_GET_CATEGORIES);
-        std::vector<uint8_t> v;
-        for (uint32_t i = 0; i < r.len; i += 4)
-            v.push_back(uint8_t(reply_u32(r, i)));
-        return v;
-    }());
+    tovak_pkt r = send(CMD_ADBLOG_GET_CATEGORIES);
+    std::vector<uint32_t> enabled;
+    EXPECT_TRUE(tovak_unpack_u32s(r.data, r.len, &enabled));
+    EXPECT_EQ((std::vector<uint32_t>{ 1, 1, 0, 1 }), enabled);
 }
 
 TEST_F(Capture, TheSmallestSizeKeepsOnlyTheNewestOfAFlood)
 {
     start();
-    send(CMD_ADBLOG_SET_SIZE, le({ { 3, 4 }, { 100, 4 } }));
-    EXPECT_EQ(500000u, reply_u32(send(CMD_ADBLOG_GET_SIZE, u32(3))));
+    send(CMD_ADBLOG_SET_SIZE, tovak_pack_u32_u32(3, 100));
+    EXPECT_EQ(500000u, tovak_get_u32(send(CMD_ADBLOG_GET_SIZE, tovak_pack_u32(3)).data));
     send(CMD_ADBLOG_ON);
 
     // A capture of 500000 bytes keeps only the newest of a larger flood.
@@ -150,7 +147,8 @@ TEST_F(Capture, ConcurrentFloodLosesNothingAndOtherClientsAreServed)
     std::thread other([&] {
         auto c = dev.connect();
         for (tovak_pkt r; c && flooding; asked++)
-            answered += c->transact(CMD_ADBLOG_GET_STATE, nullptr, 0, &r) == TovakStatus::ok && reply_u32(r) == 1;
+            answered +=
+                c->transact(CMD_ADBLOG_GET_STATE, nullptr, 0, &r) == TovakStatus::ok && tovak_get_u32(r.data) == 1;
     });
     bool idle = wait_until([&] { return logger_idle("system"); }, std::chrono::seconds(30));
     flooding = false;
@@ -169,9 +167,9 @@ TEST_F(Capture, ConcurrentFloodLosesNothingAndOtherClientsAreServed)
 TEST_F(Capture, ARestartRestoresStateCategoriesAndSizes)
 {
     start();
-    send(CMD_ADBLOG_SET_SIZE, le({ { 0, 4 }, { 30000000, 4 } }));
-    send(CMD_ADBLOG_ADD_CATEGORY, u32(2));
-    send(CMD_ADBLOG_ADD_CATEGORY, u32(9)); // no such category: nothing happens
+    send(CMD_ADBLOG_SET_SIZE, tovak_pack_u32_u32(0, 30000000));
+    send(CMD_ADBLOG_ADD_CATEGORY, tovak_pack_u32(2));
+    send(CMD_ADBLOG_ADD_CATEGORY, tovak_pack_u32(9)); // no such category: nothing happens
     send(CMD_ADBLOG_SET_CATEGORIES);
     send(CMD_ADBLOG_ON);
     const std::string cfg = read_file(user_config());
@@ -179,9 +177,9 @@ TEST_F(Capture, ARestartRestoresStateCategoriesAndSizes)
     EXPECT_NE(std::string::npos, cfg.find("<AdbSizeInfo>\n30000000,10000000,5000000,20000000\n")) << cfg;
     EXPECT_NE(std::string::npos, cfg.find("<Category>\n1,1,1,1\n")) << cfg;
     restart();
-    EXPECT_EQ(1u, reply_u32(send(CMD_ADBLOG_GET_STATE)));
-    EXPECT_EQ(1u, reply_u32(send(CMD_ADBLOG_GET_CATEGORIES), 8));
-    EXPECT_EQ(20000000u, reply_u32(send(CMD_ADBLOG_GET_SIZE, u32(0))));
+    EXPECT_EQ(1u, tovak_get_u32(send(CMD_ADBLOG_GET_STATE).data));
+    EXPECT_EQ(1u, tovak_get_u32(send(CMD_ADBLOG_GET_CATEGORIES).data + 8));
+    EXPECT_EQ(20000000u, tovak_get_u32(send(CMD_ADBLOG_GET_SIZE, tovak_pack_u32(0)).data));
     EXPECT_EQ(cfg, read_file(user_config())) << "start-up does not save";
 }
 
@@ -190,8 +188,8 @@ TEST_F(Capture, ARestartRestoresStateCategoriesAndSizes)
 TEST_F(Capture, AnEmptyCategoryListLeavesNoSizesToSave)
 {
     start({}, "<Category></Category><AdbSizeInfo>600000</AdbSizeInfo>");
-    EXPECT_EQ(600000u, reply_u32(send(CMD_ADBLOG_GET_SIZE, u32(0))));
-    send(CMD_ADD_EVENT, u16(1));
+    EXPECT_EQ(600000u, tovak_get_u32(send(CMD_ADBLOG_GET_SIZE, tovak_pack_u32(0)).data));
+    send(CMD_ADD_EVENT, tovak_pack_u16(1));
     EXPECT_EQ(std::string::npos, read_file(user_config()).find("AdbSizeInfo")) << read_file(user_config());
 }
 
@@ -205,11 +203,12 @@ TEST_F(Capture, CommitsGoOnceWhereTheOutPathSaysAndOnlyEnabledOnesGo)
     for (const char* line : { ": 0: log/main\n", ": 1: log/radio\n", ": 2: log/events\n", ": 3: log/system\n" })
         EXPECT_NE(std::string::npos, dev.daemon_stdout().find(line)) << line;
     const std::string once = dev.path("data/media/0/once");
-    EXPECT_EQ(0u, reply_u32(send(CMD_OUT_PATH,
-                                 Bytes{ '/', 's', 'd', 'c', 'a', 'r', 'd', '/', 'o', 'n', 'c', 'e', '/', 'd', 0 })));
+    EXPECT_EQ(0u, tovak_get_u32(send(CMD_OUT_PATH,
+                                     Bytes{ '/', 's', 'd', 'c', 'a', 'r', 'd', '/', 'o', 'n', 'c', 'e', '/', 'd', 0 })
+                                    .data));
     EXPECT_EQ(0u, send(CMD_ADBLOG_COMMIT).len);
-    send(CMD_ADBLOG_SET_SIZE, le({ { 1, 4 }, { 600000, 4 } }));
-    send(CMD_ADBLOG_ADD_CATEGORY, u32(2));
+    send(CMD_ADBLOG_SET_SIZE, tovak_pack_u32_u32(1, 600000));
+    send(CMD_ADBLOG_ADD_CATEGORY, tovak_pack_u32(2));
     send(CMD_ADBLOG_ON);
     for (const char* buffer : { "radio", "events" })
         log(buffer, "ready");
@@ -217,7 +216,7 @@ TEST_F(Capture, CommitsGoOnceWhereTheOutPathSaysAndOnlyEnabledOnesGo)
     // lock that a commit takes.
     ASSERT_TRUE(dev.wait_stdout("syslog create: cat = 1, size = 600000, tmp_path = adbradio")) << dev.daemon_stdout();
     ASSERT_TRUE(dev.wait_stdout("syslog create: cat = 2, size = 5000000, tmp_path = adbevents"));
-    send(CMD_ADBLOG_RM_CATEGORY, u32(2));
+    send(CMD_ADBLOG_RM_CATEGORY, tovak_pack_u32(2));
     EXPECT_EQ(0u, send(CMD_ADBLOG_COMMIT).len);
     const std::vector<std::string> names = captures_in(once);
     EXPECT_TRUE(std::binary_search(names.begin(), names.end(), "adbradio")) << once;

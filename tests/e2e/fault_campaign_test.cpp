@@ -70,17 +70,17 @@ Bytes apply(uint32_t cmd, Settings& s, const Disk& disk, uint16_t n)
     auto take = [](std::set<uint16_t>& from, uint16_t otherwise) {
         const uint16_t id = from.empty() ? otherwise : *from.begin();
         from.erase(id);
-        return u16(id);
+        return tovak_pack_u16(id);
     };
     switch (cmd) {
     case CMD_ADD_EVENT:
         s.events.insert(uint16_t(1000 + n));
-        return u16(1000 + n);
+        return tovak_pack_u16(1000 + n);
     case CMD_RM_EVENT:
         return take(s.events, 1498);
     case CMD_ADD_LOG:
         s.logs.insert(uint16_t(0x4100 + n));
-        return u16(0x4100 + n);
+        return tovak_pack_u16(0x4100 + n);
     case CMD_RM_LOG:
         return take(s.logs, 0x412f);
     case CMD_LOG_ON:

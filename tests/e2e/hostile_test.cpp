@@ -35,19 +35,13 @@ protected:
     }
 
     // Command 0x11 with a well-formed name; answered whether taken or not.
-    void choose(const std::string& name)
-    {
-        Bytes p = u16(uint32_t(name.size() + 1));
-        p.insert(p.end(), name.begin(), name.end());
-        p.push_back(0);
-        send(CMD_SET_CONFIG_FILE, p);
-    }
+    void choose(const std::string& name) { send(CMD_SET_CONFIG_FILE, tovak_pack_counted_text(name)); }
     std::vector<uint16_t> events()
     {
         tovak_pkt r = send(CMD_GET_EVENTS);
         std::vector<uint16_t> ids;
-        for (size_t i = 0; i + 2 <= r.len && r.len != 5120; i += 2)
-            ids.push_back(uint16_t(r.data[i] | r.data[i + 1] << 8));
+        if (r.len != 5120)
+            tovak_unpack_ids(r.data, r.len, &ids);
         return ids;
     }
     bool has_event(uint16_t id)
@@ -90,7 +84,7 @@ TEST_F(Hostile, NodesNamedAsTheConfigurationAreNeverReplaced)
     for (const Node& n : nodes) {
         SCOPED_TRACE(n.path);
         choose(n.path);
-        EXPECT_EQ(0u, send(CMD_ADD_EVENT, u16(++id)).len);
+        EXPECT_EQ(0u, send(CMD_ADD_EVENT, tovak_pack_u16(++id)).len);
         EXPECT_TRUE(has_event(id)) << "the edit holds in memory";
         EXPECT_EQ(n.kind, kind(dev.path(n.path.substr(1))));
         EXPECT_EQ("victim's", read_file(dev.path("data/local/victim")));
@@ -101,7 +95,7 @@ TEST_F(Hostile, NodesNamedAsTheConfigurationAreNeverReplaced)
 
     restart();
     EXPECT_EQ("/dev/ps_socket/tovak", dev.property("persist.dmlogging.config_file"));
-    EXPECT_EQ(0u, send(CMD_ADD_EVENT, u16(1200)).len);
+    EXPECT_EQ(0u, send(CMD_ADD_EVENT, tovak_pack_u16(1200)).len);
     EXPECT_EQ(S_IFSOCK, kind(dev.socket_path()));
     a_new_client_is_answered();
     // None of it reached dm.cfg, which the restart loaded.
@@ -137,7 +131,7 @@ TEST_F(HostileStartUp, AFifoAtTheUserFileHoldsNothingUpAndStays)
     start();
     EXPECT_TRUE(dev.wait_stdout("User file already exists /data/media/0/dm.cfg"));
     EXPECT_TRUE(dev.wait_stdout("Configuration File Loading Fail so load default config."));
-    EXPECT_EQ(0u, send(CMD_ADD_EVENT, u16(1234)).len);
+    EXPECT_EQ(0u, send(CMD_ADD_EVENT, tovak_pack_u16(1234)).len);
     EXPECT_EQ(S_IFIFO, kind(user_config()));
 }
 
@@ -182,7 +176,7 @@ TEST_F(Hostile, ConcurrentFloodsAndLyingFramesLeaveEditsAnswered)
     }
     uint16_t id = 1300;
     for (; id < 1340; id++)
-        ASSERT_EQ(0u, send(CMD_ADD_EVENT, u16(id)).len) << id;
+        ASSERT_EQ(0u, send(CMD_ADD_EVENT, tovak_pack_u16(id)).len) << id;
     // A slow machine may answer the edits before the liars got going: they
     // go on until they have sent their share, or their count runs out.
     wait_until([&] { return sent.load() > liars * 10; });
@@ -202,7 +196,7 @@ TEST_F(Hostile, ConcurrentFloodsAndLyingFramesLeaveEditsAnswered)
 TEST_F(Hostile, TheDaemonHasInitsDescriptorLimit)
 {
     const std::string text = "@@#cat /proc/self/limits > /data/local/limits.txt";
-    Bytes p = u16(uint32_t(text.size() + 1));
+    Bytes p = tovak_pack_u16(uint32_t(text.size() + 1));
     p.insert(p.end(), text.begin(), text.end());
     p.push_back(0);
     send(CMD_SYSTEM_COMMAND, p);

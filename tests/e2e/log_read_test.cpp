@@ -60,7 +60,7 @@ protected:
     {
         start();
         const char path[] = "/sdcard/field";
-        ASSERT_EQ(0u, reply_u32(send(CMD_OUT_PATH, Bytes(path, path + sizeof path))));
+        ASSERT_EQ(0u, tovak_get_u32(send(CMD_OUT_PATH, Bytes(path, path + sizeof path)).data));
     }
 };
 
@@ -126,7 +126,7 @@ std::vector<Bytes> pcap_ip_records(const std::string& file)
 TEST_F(LogRead, AFactorySessionHasEverythingConfiguredAndExportsWhatWiresharkDecodes)
 {
     // DPL on for the configured interfaces 1, 15 and 19.
-    EXPECT_EQ(0u, send(CMD_DPL_SET_STATE, u32(1)).len);
+    EXPECT_EQ(0u, send(CMD_DPL_SET_STATE, tovak_pack_u32(1)).len);
     const std::string log = session(400);
     ASSERT_NE("", log);
 
@@ -190,7 +190,7 @@ TEST_F(LogRead, AnItemTakenOutOfTheModemsLogIsReportedMissing)
 {
     session(60);
     // Event 1606 out, then a second session checked against the factory file.
-    EXPECT_EQ(0u, send(CMD_RM_EVENT, u16(1606)).len);
+    EXPECT_EQ(0u, send(CMD_RM_EVENT, tovak_pack_u16(1606)).len);
     const std::string log = session(60);
     std::string out;
     EXPECT_EQ(1, log_read({ "--summary", "--config", TOVAK_SOURCE_DIR "/etc/dm.cfg", log }, &out)) << out;

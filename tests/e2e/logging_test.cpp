@@ -29,7 +29,7 @@ protected:
     {
         tovak_pkt reply = send(cmd, {}, c);
         EXPECT_EQ(4u, reply.len);
-        EXPECT_EQ(0u, reply_u32(reply));
+        EXPECT_EQ(0u, tovak_get_u32(reply.data));
     }
     // The requests recorded since the last clear-requests, as "modem:hex".
     std::vector<std::string> requests()
@@ -167,7 +167,7 @@ TEST_F(Logging, ARestartWithLogStateOnResumesWithoutAClient)
     EXPECT_EQ(2, status()["mode"]);
     EXPECT_EQ(std::string::npos, dev.daemon_stdout().find("cmd = ")) << "no client asked";
     tovak_pkt reply = send(CMD_GET_LOG_STATE);
-    EXPECT_EQ(1u, reply_u32(reply));
+    EXPECT_EQ(1u, tovak_get_u32(reply.data));
 }
 
 // Log on reads the configuration file again once a save or a query has
@@ -188,7 +188,7 @@ TEST_F(Logging, AFailedStartUpLeavesGatedCommandsRefusingAndTheModemUntouched)
     start({}, "<LogState>on</LogState><BufferSize>-1</BufferSize><EventIDs>1</EventIDs>");
     EXPECT_EQ(std::string::npos, dev.daemon_stdout().find("tovak handler is initialized successfully"));
     for (uint32_t cmd : { CMD_ADD_EVENT, CMD_GET_EVENTS, CMD_SYSTEM_COMMAND })
-        EXPECT_EQ(5120u, send(cmd, u16(100)).len) << cmd;
+        EXPECT_EQ(5120u, send(cmd, tovak_pack_u16(100)).len) << cmd;
     switch_logging(CMD_LOG_ON);
     json st = status();
     EXPECT_EQ(1, st["mode"]);
@@ -240,7 +240,7 @@ TEST_F(Logging, TheCommittedLogHoldsOnlyEnabledItemsWhereTheOutPathSays)
 {
     start();
     const char path[] = "/sdcard/field/dm";
-    EXPECT_EQ(0u, reply_u32(send(CMD_OUT_PATH, Bytes(path, path + sizeof path))));
+    EXPECT_EQ(0u, tovak_get_u32(send(CMD_OUT_PATH, Bytes(path, path + sizeof path)).data));
     switch_logging(CMD_LOG_ON);
     ASSERT_TRUE(wait_until([&] { return status()["modems"]["local"]["traffic"]["produced"] >= 100; }));
     send(CMD_COMMIT_LOG);
@@ -278,8 +278,8 @@ TEST_F(Logging, ConcurrentEditsAndSwitchesLoseNothing)
         threads.emplace_back([&, t] {
             auto c = dev.connect(30000);
             for (int i = 0; c && i < each; i++) {
-                send(CMD_ADD_EVENT, u16(uint32_t(100 + t * each + i)), c.get());
-                send(CMD_ADD_MSG, le({ { uint32_t(7000 + t * each + i), 2 }, { 1, 4 } }), c.get());
+                send(CMD_ADD_EVENT, tovak_pack_u16(uint32_t(100 + t * each + i)), c.get());
+                send(CMD_ADD_MSG, tovak_pack_u16_u32(uint32_t(7000 + t * each + i), 1), c.get());
             }
         });
     }
@@ -298,10 +298,9 @@ TEST_F(Logging, ConcurrentEditsAndSwitchesLoseNothing)
         want.push_back(id);
     std::sort(want.begin(), want.end());
     tovak_pkt reply = send(CMD_GET_EVENTS);
-    std::vector<int> listed;
-    for (uint32_t i = 0; i + 1 < reply.len; i += 2)
-        listed.push_back(reply.data[i] | reply.data[i + 1] << 8);
-    EXPECT_EQ(want, listed);
+    std::vector<uint16_t> listed;
+    EXPECT_TRUE(tovak_unpack_ids(reply.data, reply.len, &listed));
+    EXPECT_EQ(want, std::vector<int>(listed.begin(), listed.end()));
     EXPECT_EQ(7u + editors * each, send(CMD_GET_MSG).len / 8);
     std::string file = read_file(user_config());
     for (int id = 100; id < 100 + editors * each; id++)

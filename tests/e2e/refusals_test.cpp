@@ -11,26 +11,9 @@ using json = nlohmann::json;
 
 // What the size limits command answers; a refusal that leaves the reply
 // untouched leaves these bytes in it.
-const Bytes LIMITS_REPLY = le({ { 500000, 4 }, { 20000000, 4 } });
+const Bytes LIMITS_REPLY = tovak_pack_u32_u32(500000, 20000000);
 
 enum class Shape { untouched, minus_one, four_zeros, empty };
-
-Bytes text(const std::string& s, bool nul = true)
-{
-    Bytes b(s.begin(), s.end());
-    if (nul)
-        b.push_back(0);
-    return b;
-}
-
-// u16 count, then the text and its zero byte.
-Bytes counted(const std::string& s, int n = -1)
-{
-    Bytes p = u16(uint32_t(n < 0 ? int(s.size() + 1) : n));
-    Bytes t = text(s);
-    p.insert(p.end(), t.begin(), t.end());
-    return p;
-}
 
 size_t files_in(const std::string& dir)
 {
@@ -51,11 +34,11 @@ protected:
         json st = status();
         json local = st["modems"]["local"];
         local.erase("traffic");
-        json capture = { reply_u32(send(CMD_ADBLOG_GET_STATE)), reply_u32(send(CMD_GET_LOG_STATE)) };
+        json capture = { tovak_get_u32(send(CMD_ADBLOG_GET_STATE).data), tovak_get_u32(send(CMD_GET_LOG_STATE).data) };
         tovak_pkt cats = send(CMD_ADBLOG_GET_CATEGORIES);
         capture.push_back(Bytes(cats.data, cats.data + cats.len));
         for (uint32_t c = 0; c < 4; c++)
-            capture.push_back(reply_u32(send(CMD_ADBLOG_GET_SIZE, u32(c))));
+            capture.push_back(tovak_get_u32(send(CMD_ADBLOG_GET_SIZE, tovak_pack_u32(c)).data));
         return { { "dm.cfg", read_file(user_config()) },
                  { "modem", local },
                  { "mode", st["mode"] },
@@ -85,38 +68,38 @@ TEST_F(Refusals, EachAnswersInItsShapeAndChangesNothing)
         std::vector<uint32_t> enter;
         std::vector<Row> rows;
     };
-    Bytes dpl_on = u32(1);
+    Bytes dpl_on = tovak_pack_u32(1);
     // clang-format off
     const State states[] = {
         { "idle", {}, {
             { "log off while off",         CMD_LOG_OFF,         {},                       Shape::four_zeros },
             { "log size of no bytes",      CMD_LOG_SIZE,        {},                       Shape::minus_one },
             { "log size of 3 bytes",       CMD_LOG_SIZE,        { 0x10, 0x27, 0x00 },     Shape::minus_one },
-            { "log size 0",                CMD_LOG_SIZE,        u32(0),                   Shape::minus_one },
-            { "log size -1",               CMD_LOG_SIZE,        u32(0xffffffff),          Shape::minus_one },
-            { "log size -2^31",            CMD_LOG_SIZE,        u32(0x80000000),          Shape::minus_one },
+            { "log size 0",                CMD_LOG_SIZE,        tovak_pack_u32(0),                   Shape::minus_one },
+            { "log size -1",               CMD_LOG_SIZE,        tovak_pack_u32(0xffffffff),          Shape::minus_one },
+            { "log size -2^31",            CMD_LOG_SIZE,        tovak_pack_u32(0x80000000),          Shape::minus_one },
             { "out path of no bytes",      CMD_OUT_PATH,        {},                       Shape::minus_one },
-            { "out path of 1 byte",        CMD_OUT_PATH,        text("/", false),         Shape::minus_one },
-            { "out path diag refuses",     CMD_OUT_PATH,        text("relative/dm"),      Shape::minus_one },
-            { "config name of 100",        CMD_SET_CONFIG_FILE, counted("/x", 100),       Shape::untouched },
-            { "config name negative",      CMD_SET_CONFIG_FILE, counted("/x", 0xffff),    Shape::untouched },
-            { "shell text of 200",         CMD_SYSTEM_COMMAND,  counted("@@#ps", 200),    Shape::untouched },
+            { "out path of 1 byte",        CMD_OUT_PATH,        Bytes{ '/' },            Shape::minus_one },
+            { "out path diag refuses",     CMD_OUT_PATH,        tovak_pack_text("relative/dm"),      Shape::minus_one },
+            { "config name of 100",        CMD_SET_CONFIG_FILE, tovak_pack_counted_text("/x", 100),       Shape::untouched },
+            { "config name negative",      CMD_SET_CONFIG_FILE, tovak_pack_counted_text("/x", 0xffff),    Shape::untouched },
+            { "shell text of 200",         CMD_SYSTEM_COMMAND,  tovak_pack_counted_text("@@#ps", 200),    Shape::untouched },
             { "capture size of 3 bytes",   CMD_ADBLOG_SET_SIZE, { 1, 0, 0 },              Shape::untouched },
-            { "capture size missing",      CMD_ADBLOG_SET_SIZE, u32(1),                   Shape::untouched },
-            { "capture size 0",            CMD_ADBLOG_SET_SIZE, le({ { 1, 4 }, { 0, 4 } }), Shape::untouched },
+            { "capture size missing",      CMD_ADBLOG_SET_SIZE, tovak_pack_u32(1),                   Shape::untouched },
+            { "capture size 0",            CMD_ADBLOG_SET_SIZE, tovak_pack_u32_u32(1, 0), Shape::untouched },
             { "capture commit while off",  CMD_ADBLOG_COMMIT,   {},                       Shape::empty },
-            { "subscriber number of 20",   CMD_SET_MSISDN,      counted(std::string(19, '7'), 20), Shape::empty },
-            { "DPL off while off",         CMD_DPL_SET_STATE,   u32(0),                   Shape::untouched },
+            { "subscriber number of 20",   CMD_SET_MSISDN,      tovak_pack_counted_text(std::string(19, '7'), 20), Shape::empty },
+            { "DPL off while off",         CMD_DPL_SET_STATE,   tovak_pack_u32(0),                   Shape::untouched },
         } },
         { "logging", { CMD_LOG_ON }, {
             { "log on while on",           CMD_LOG_ON,          {},                       Shape::four_zeros },
-            { "log size while logging",    CMD_LOG_SIZE,        u32(1000000),             Shape::minus_one },
+            { "log size while logging",    CMD_LOG_SIZE,        tovak_pack_u32(1000000),             Shape::minus_one },
         } },
         { "capturing", { CMD_LOG_OFF, CMD_ADBLOG_ON }, {
-            { "capture size while on",     CMD_ADBLOG_SET_SIZE, le({ { 1, 4 }, { 600000, 4 } }), Shape::untouched },
+            { "capture size while on",     CMD_ADBLOG_SET_SIZE, tovak_pack_u32_u32(1, 600000), Shape::untouched },
         } },
         { "DPL on", { CMD_ADBLOG_OFF, CMD_DPL_SET_STATE }, {
-            { "DPL on while on",           CMD_DPL_SET_STATE,   u32(1),                   Shape::untouched },
+            { "DPL on while on",           CMD_DPL_SET_STATE,   tovak_pack_u32(1),                   Shape::untouched },
         } },
     };
     // clang-format on
@@ -135,10 +118,10 @@ TEST_F(Refusals, EachAnswersInItsShapeAndChangesNothing)
                 EXPECT_EQ(LIMITS_REPLY, got) << s.name << ": " << r.what;
                 break;
             case Shape::minus_one:
-                EXPECT_EQ(u32(0xffffffff), got) << s.name << ": " << r.what;
+                EXPECT_EQ(tovak_pack_u32(0xffffffff), got) << s.name << ": " << r.what;
                 break;
             case Shape::four_zeros:
-                EXPECT_EQ(u32(0), got) << s.name << ": " << r.what;
+                EXPECT_EQ(tovak_pack_u32(0), got) << s.name << ": " << r.what;
                 break;
             case Shape::empty:
                 EXPECT_EQ(0u, reply.len) << s.name << ": " << r.what;
@@ -191,9 +174,9 @@ TEST_F(Limits, EachFieldAtItsEdgeAndOnePast)
 
     // 0x03: sizes from 1 up to 2^31 - 1; 4 bytes are enough.
     for (uint32_t size : { 1u, 0x7fffffffu }) {
-        tovak_pkt r = send(CMD_LOG_SIZE, u32(size));
+        tovak_pkt r = send(CMD_LOG_SIZE, tovak_pack_u32(size));
         EXPECT_EQ(4u, r.len) << size;
-        EXPECT_NE(0xffffffffu, reply_u32(r)) << size;
+        EXPECT_NE(0xffffffffu, tovak_get_u32(r.data)) << size;
         EXPECT_TRUE(cfg_has("<BufferSize>" + std::to_string(size) + "</BufferSize>")) << size;
     }
 
@@ -201,20 +184,20 @@ TEST_F(Limits, EachFieldAtItsEdgeAndOnePast)
     // the shortest is "/" and its zero.
     const std::string p97 = "/sdcard/" + std::string(89, 'p');
     for (auto [path, kept] : { std::pair{ p97, p97 }, { p97 + "pp", p97 + "pp" }, { p97 + "ppq", p97 + "pp" } }) {
-        EXPECT_EQ(0u, reply_u32(send(CMD_OUT_PATH, text(path))));
+        EXPECT_EQ(0u, tovak_get_u32(send(CMD_OUT_PATH, tovak_pack_text(path)).data));
         EXPECT_EQ(kept, status()["output_path"]) << path.size();
     }
-    EXPECT_EQ(0u, reply_u32(send(CMD_OUT_PATH, text("/"))));
+    EXPECT_EQ(0u, tovak_get_u32(send(CMD_OUT_PATH, tovak_pack_text("/")).data));
     EXPECT_EQ("/", status()["output_path"]);
 
     // 0x13: a text of 199 bytes runs, 200 is refused.
     const std::string cmd199 = "@@#cat /dev/null" + std::string(182, ' ');
-    send(CMD_SYSTEM_COMMAND, counted(cmd199, 199));
+    send(CMD_SYSTEM_COMMAND, tovak_pack_counted_text(cmd199, 199));
     EXPECT_TRUE(dev.wait_stdout("System command = 199, cat /dev/null"));
-    send(CMD_SYSTEM_COMMAND, counted(cmd199 + " ", 200));
+    send(CMD_SYSTEM_COMMAND, tovak_pack_counted_text(cmd199 + " ", 200));
     EXPECT_EQ(std::string::npos, dev.daemon_stdout().find("System command = 200"));
     // A kill by a name no process has runs nothing and says -1.
-    send(CMD_SYSTEM_COMMAND, counted("@@#+=killall no-such-exe-tovak"));
+    send(CMD_SYSTEM_COMMAND, tovak_pack_counted_text("@@#+=killall no-such-exe-tovak"));
     EXPECT_TRUE(dev.wait_stdout("pid = 0\n"));
     EXPECT_TRUE(dev.wait_stdout("Result of system command = -1\n"));
 
@@ -222,14 +205,14 @@ TEST_F(Limits, EachFieldAtItsEdgeAndOnePast)
     // shorter one then ends at its own zero byte.
     auto saved_number = [&](const Bytes& number_req) {
         send(CMD_SET_MSISDN, number_req);
-        EXPECT_EQ(0u, send(CMD_SAVE_MODEM_DATA, u32(1)).len);
+        EXPECT_EQ(0u, send(CMD_SAVE_MODEM_DATA, tovak_pack_u32(1)).len);
         return status()["qmi"]["saves"].back()["number"].get<std::string>();
     };
     const std::string n18(18, '9');
-    EXPECT_EQ(n18, saved_number(counted(n18, 19)));
-    EXPECT_EQ(n18, saved_number(counted(n18 + "8", 20)));
-    EXPECT_EQ("0101234567", saved_number(counted("0101234567")));
-    EXPECT_EQ("0101234567", saved_number(counted("", 0xffff))) << "a negative count copies nothing";
+    EXPECT_EQ(n18, saved_number(tovak_pack_counted_text(n18, 19)));
+    EXPECT_EQ(n18, saved_number(tovak_pack_counted_text(n18 + "8", 20)));
+    EXPECT_EQ("0101234567", saved_number(tovak_pack_counted_text("0101234567")));
+    EXPECT_EQ("0101234567", saved_number(tovak_pack_counted_text("", 0xffff))) << "a negative count copies nothing";
 
     // 0x08, 0x0e: a list emptied is an empty reply, not a refused one.
     for (auto [get, rm, width] : { std::tuple{ CMD_GET_EVENTS, CMD_RM_EVENT, 2u }, { CMD_GET_MSG, CMD_RM_MSG, 8u } }) {
@@ -241,36 +224,38 @@ TEST_F(Limits, EachFieldAtItsEdgeAndOnePast)
 
     // 0x47: kinds 0 and 1 save, 2 saves nothing.
     const size_t saves = status()["qmi"]["saves"].size();
-    send(CMD_SAVE_MODEM_DATA, u32(0));
-    send(CMD_SAVE_MODEM_DATA, u32(2));
+    send(CMD_SAVE_MODEM_DATA, tovak_pack_u32(0));
+    send(CMD_SAVE_MODEM_DATA, tovak_pack_u32(2));
     json all = status()["qmi"]["saves"];
     ASSERT_EQ(saves + 1, all.size());
     EXPECT_EQ("Phantom", all.back()["kind"]);
 
     // 0x46: only 1 is "1".
     for (auto [v, want] : { std::pair{ 1u, "1" }, { 2u, "0" }, { 1u, "1" }, { 0u, "0" } }) {
-        send(CMD_SET_AUTOSAVE, u32(v));
+        send(CMD_SET_AUTOSAVE, tovak_pack_u32(v));
         EXPECT_EQ(want, dev.property("persist.dmlogging.phantom")) << v;
-        EXPECT_EQ(std::string(want) == "1" ? 1u : 0u, reply_u32(send(CMD_GET_AUTOSAVE))) << v;
+        EXPECT_EQ(std::string(want) == "1" ? 1u : 0u, tovak_get_u32(send(CMD_GET_AUTOSAVE).data)) << v;
     }
 
     // 0x36, 0x37, 0x3c: category 3 is the last, 4 and -1 are none.
     auto enabled = [&] {
         tovak_pkt r = send(CMD_ADBLOG_GET_CATEGORIES);
+        std::vector<uint32_t> values;
+        EXPECT_TRUE(tovak_unpack_u32s(r.data, r.len, &values));
         std::string s;
-        for (uint32_t i = 0; i < r.len; i += 4)
-            s += char('0' + reply_u32(r, i));
+        for (uint32_t v : values)
+            s += char('0' + v);
         return s;
     };
     EXPECT_EQ("1101", enabled());
-    send(CMD_ADBLOG_RM_CATEGORY, u32(3));
-    send(CMD_ADBLOG_ADD_CATEGORY, u32(2));
+    send(CMD_ADBLOG_RM_CATEGORY, tovak_pack_u32(3));
+    send(CMD_ADBLOG_ADD_CATEGORY, tovak_pack_u32(2));
     for (uint32_t c : { 4u, 0xffffffffu }) {
-        send(CMD_ADBLOG_RM_CATEGORY, u32(c));
-        EXPECT_EQ(0u, reply_u32(send(CMD_ADBLOG_GET_SIZE, u32(c)))) << c;
+        send(CMD_ADBLOG_RM_CATEGORY, tovak_pack_u32(c));
+        EXPECT_EQ(0u, tovak_get_u32(send(CMD_ADBLOG_GET_SIZE, tovak_pack_u32(c)).data)) << c;
     }
     EXPECT_EQ("1110", enabled());
-    EXPECT_EQ(20000000u, reply_u32(send(CMD_ADBLOG_GET_SIZE, u32(3))));
+    EXPECT_EQ(20000000u, tovak_get_u32(send(CMD_ADBLOG_GET_SIZE, tovak_pack_u32(3)).data));
 
     // 0x3b: sizes clamp to 500000..20000000, the file keeps what was asked;
     // category 3 is stored, 4 nowhere.
@@ -279,13 +264,13 @@ TEST_F(Limits, EachFieldAtItsEdgeAndOnePast)
     };
     for (Size s :
          { Size{ 499999, 500000 }, { 500001, 500001 }, { 19999999, 19999999 }, { 20000001, 20000000 }, { 1, 500000 } }) {
-        send(CMD_ADBLOG_SET_SIZE, le({ { 3, 4 }, { s.asked, 4 } }));
-        EXPECT_EQ(s.in_force, reply_u32(send(CMD_ADBLOG_GET_SIZE, u32(3)))) << s.asked;
+        send(CMD_ADBLOG_SET_SIZE, tovak_pack_u32_u32(3, s.asked));
+        EXPECT_EQ(s.in_force, tovak_get_u32(send(CMD_ADBLOG_GET_SIZE, tovak_pack_u32(3)).data)) << s.asked;
         EXPECT_TRUE(cfg_has(",5000000," + std::to_string(s.asked) + "\n</AdbSizeInfo>")) << s.asked;
     }
     const std::string cfg = read_file(user_config());
-    send(CMD_ADBLOG_SET_SIZE, le({ { 4, 4 }, { 600000, 4 } }));
-    EXPECT_EQ(0u, reply_u32(send(CMD_ADBLOG_GET_SIZE, u32(4))));
+    send(CMD_ADBLOG_SET_SIZE, tovak_pack_u32_u32(4, 600000));
+    EXPECT_EQ(0u, tovak_get_u32(send(CMD_ADBLOG_GET_SIZE, tovak_pack_u32(4)).data));
     EXPECT_EQ(cfg, read_file(user_config()));
 }
 

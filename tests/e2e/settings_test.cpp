@@ -12,14 +12,15 @@ namespace {
 
 using json = nlohmann::json;
 
-std::vector<uint32_t> list_of(const tovak_pkt& r, size_t width, size_t skip = 0)
+// A listing's ids, or its message entries' SSIDs each followed by its mask.
+std::vector<uint32_t> list_of(const tovak_pkt& r, size_t width)
 {
-    std::vector<uint32_t> v;
-    for (size_t i = skip; i + width <= r.len; i += width) {
-        v.push_back(uint32_t(r.data[i] | r.data[i + 1] << 8));
-        if (width == 8) // an SSID's mask follows its padding
-            v.push_back(reply_u32(r, i + 4));
-    }
+    std::vector<tovak_wire_msg> msgs;
+    std::vector<uint16_t> ids;
+    EXPECT_TRUE(width == 8 ? tovak_unpack_msgs(r.data, r.len, &msgs) : tovak_unpack_ids(r.data, r.len, &ids));
+    std::vector<uint32_t> v(ids.begin(), ids.end());
+    for (const tovak_wire_msg& m : msgs)
+        v.insert(v.end(), { m.ssid, m.mask });
     return v;
 }
 
@@ -47,7 +48,7 @@ TEST_F(Settings, ItemListsAddRemoveAndListAlike)
           CMD_GET_EVENTS,
           2,
           { 1498, 1499 },
-          u16,
+          tovak_pack_u16,
           [](uint32_t v) { return std::to_string(100000 + v).substr(1); } },
         { "log codes",
           CMD_ADD_LOG,
@@ -55,7 +56,7 @@ TEST_F(Settings, ItemListsAddRemoveAndListAlike)
           CMD_GET_LOGS,
           2,
           { 0x412f, 0x713f },
-          u16,
+          tovak_pack_u16,
           [](uint32_t v) {
               char b[8];
               snprintf(b, sizeof b, "0x%04x", v);
@@ -68,9 +69,7 @@ TEST_F(Settings, ItemListsAddRemoveAndListAlike)
           CMD_GET_MSG,
           8,
           { 5, 0x18, 15, 0x18 },
-          [](uint32_t v) {
-              return le({ { v, 2 }, { 0x10001, 4 } });
-          },
+          [](uint32_t v) { return tovak_pack_u16_u32(v, 0x10001); },
           [](uint32_t v) { return std::to_string(100000 + v).substr(1) + "/16"; } },
     };
     for (const Kind& k : kinds) {
@@ -93,14 +92,13 @@ TEST_F(Settings, ItemListsAddRemoveAndListAlike)
 TEST_F(Settings, ConfigFileChoicesAreTakenOrRefusedAndSurviveARestart)
 {
     auto choose = [&](const std::string& name, int n) {
-        Bytes p = u16(uint32_t(n));
-        p.insert(p.end(), name.begin(), name.end());
-        p.resize(std::max(p.size() + 1, size_t(101)), 0);
+        Bytes p = tovak_pack_counted_text(name, n);
+        p.resize(std::max(p.size(), size_t(101)), 0);
         EXPECT_EQ(5120u, send(CMD_SET_CONFIG_FILE, p).len);
         tovak_pkt r = send(CMD_GET_CONFIG_FILE);
-        uint32_t len = r.data[0] | r.data[1] << 8;
-        EXPECT_EQ(len + 2, r.len);
-        return std::string(reinterpret_cast<const char*>(r.data + 2), len ? len - 1 : 0);
+        std::string current;
+        EXPECT_TRUE(tovak_unpack_counted_text(r.data, r.len, &current));
+        return current;
     };
     const std::string fits = "/data/local/" + std::string(79, 'f'); // 91 bytes, the property's limit
     for (const std::string& f : { fits, std::string("/data/local/other.cfg") })
@@ -130,11 +128,11 @@ TEST_F(Settings, ConfigFileChoicesAreTakenOrRefusedAndSurviveARestart)
 TEST_F(Settings, DplInterfacesAreListedProgrammedAndReset)
 {
     tovak_pkt all = send(CMD_DPL_GET_ALL_IF_LIST);
+    std::vector<tovak_wire_dpl_iface> ifaces;
+    EXPECT_TRUE(tovak_unpack_dpl_ifaces(all.data, all.len, &ifaces));
     std::string listed;
-    for (uint32_t i = 0, at = 4; i < reply_u32(all); i++, at += 2 + all.data[at + 1]) {
-        const char* desc = reinterpret_cast<const char*>(all.data + at + 2);
-        listed += std::to_string(all.data[at]) + "=" + std::string(desc, all.data[at + 1]) + " ";
-    }
+    for (const tovak_wire_dpl_iface& i : ifaces)
+        listed += std::to_string(i.id) + "=" + i.desc + " ";
     EXPECT_EQ("1=rmnet0 2=rmnet1 15=rmnet_ipa0 19=rmnet_data0 20=rmnet_data1 ", listed);
 
     auto logging = [&] {
@@ -145,11 +143,11 @@ TEST_F(Settings, DplInterfacesAreListedProgrammedAndReset)
                 ids.push_back(i["id"]);
         return ids;
     };
-    EXPECT_EQ(0u, send(CMD_DPL_SET_STATE, u32(1)).len);
+    EXPECT_EQ(0u, send(CMD_DPL_SET_STATE, tovak_pack_u32(1)).len);
     EXPECT_EQ((std::vector<int>{ 1, 15, 19 }), logging());
     EXPECT_TRUE(config_has("<DplState>on</DplState>"));
     ctl({ "clear-requests" });
-    EXPECT_EQ(0u, send(CMD_DPL_SET_IF, u16(300)).len);
+    EXPECT_EQ(0u, send(CMD_DPL_SET_IF, tovak_pack_u16(300)).len);
     // 300's low byte; kinds 1 and 2 in variant 0, then in variant 1, the last cut
     // to the record's 68 bytes.
     EXPECT_EQ("4b2a0400"
@@ -159,11 +157,14 @@ TEST_F(Settings, DplInterfacesAreListedProgrammedAndReset)
               "010000002c0001000000000000000000"
               "020000002c00010000000000",
               status()["requests"][0]["request"]);
-    EXPECT_EQ((std::vector<uint32_t>{ 1, 15, 19, 300 }), list_of(send(CMD_DPL_GET_IF_LIST), 2, 4));
+    tovak_pkt configured = send(CMD_DPL_GET_IF_LIST);
+    std::vector<uint16_t> ids;
+    EXPECT_TRUE(tovak_unpack_counted_ids(configured.data, configured.len, &ids));
+    EXPECT_EQ((std::vector<uint16_t>{ 1, 15, 19, 300 }), ids);
 
     EXPECT_EQ(5120u, send(CMD_DPL_RESET).len);
     EXPECT_EQ(std::vector<int>{}, logging());
-    EXPECT_EQ(0u, reply_u32(send(CMD_DPL_GET_STATE)));
+    EXPECT_EQ(0u, tovak_get_u32(send(CMD_DPL_GET_STATE).data));
     EXPECT_EQ(4u, send(CMD_DPL_GET_IF_LIST).len);
     EXPECT_TRUE(config_has("<DplState>off</DplState>") && config_has("<IfIDs>\n\n</IfIDs>"));
 }
@@ -183,7 +184,7 @@ TEST_F(Settings, OutPathUpToFiveSlashesMovesTheModemLog)
     for (const Case& c : cases) {
         Bytes p(c.path.begin(), c.path.end());
         p.push_back(0);
-        EXPECT_EQ(c.answer, reply_u32(send(CMD_OUT_PATH, p))) << c.path;
+        EXPECT_EQ(c.answer, tovak_get_u32(send(CMD_OUT_PATH, p).data)) << c.path;
         EXPECT_EQ(c.modem_path, status()["output_path"]) << c.path;
     }
     send(CMD_COMMIT_LOG);
@@ -206,17 +207,13 @@ TEST_F(Settings, ConcurrentModemDataSavesEachGetTheirWholeBlock)
     ctl({ "qmi", "statistics", "40000,40000,40000,40000,40000,40000" });
     ctl({ "qmi", "phantom", "30000,30000,30000,30000,30000,30000,30000,30000" });
     const char number[] = "0101234567";
-    send(CMD_SET_MSISDN, [&] {
-        Bytes p = u16(sizeof number);
-        p.insert(p.end(), number, number + sizeof number);
-        return p;
-    }());
+    send(CMD_SET_MSISDN, tovak_pack_counted_text(number));
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; t++) {
         threads.emplace_back([&, t] {
             auto c = dev.connect();
             for (int i = 0; c && i < 3; i++)
-                EXPECT_EQ(0u, send(CMD_SAVE_MODEM_DATA, u32(uint32_t(t % 2)), c.get()).len);
+                EXPECT_EQ(0u, send(CMD_SAVE_MODEM_DATA, tovak_pack_u32(uint32_t(t % 2)), c.get()).len);
         });
     }
     for (std::thread& t : threads)

@@ -12,33 +12,10 @@
 
 #include "devsim_ctl.h"
 #include "protocol/tovak_cmd_ids.h"
+#include "protocol/tovak_layouts.h"
 #include "sim_device.h"
 
 using Bytes = std::vector<uint8_t>;
-
-// Little-endian fields, as requests carry them.
-inline Bytes le(std::initializer_list<std::pair<uint32_t, int>> fields)
-{
-    Bytes b;
-    for (auto [value, width] : fields)
-        for (int i = 0; i < width; i++)
-            b.push_back(uint8_t(value >> (8 * i)));
-    return b;
-}
-inline Bytes u16(uint32_t v)
-{
-    return le({ { v, 2 } });
-}
-inline Bytes u32(uint32_t v)
-{
-    return le({ { v, 4 } });
-}
-
-inline uint32_t reply_u32(const tovak_pkt& r, size_t at = 0)
-{
-    return uint32_t(r.data[at]) | uint32_t(r.data[at + 1]) << 8 | uint32_t(r.data[at + 2]) << 16 |
-           uint32_t(r.data[at + 3]) << 24;
-}
 
 inline size_t count(const std::string& text, const std::string& needle)
 {

@@ -636,9 +636,9 @@ TEST(TovakctlDocs, TheWireReferenceIsTheCommandTable)
         const TovakCommand& row = tovak_commands[i];
         char id[8];
         snprintf(id, sizeof id, "0x%02x", unsigned(row.id));
-        const char* gate = row.gate == TovakGate::logging   ? "the logging start-up failed"
-                           : row.gate == TovakGate::capture ? "the capture start-up failed"
-                                                            : "never";
+        const char* gate = row.gate == tovak_gate::logging   ? "the logging start-up failed"
+                           : row.gate == tovak_gate::capture ? "the capture start-up failed"
+                                                             : "never";
         std::string syntax;
         for (char ch : std::string(row.name) + (*row.syntax ? std::string(" ") + row.syntax : ""))
             syntax += ch == '|' ? std::string("\\|") : std::string(1, ch);

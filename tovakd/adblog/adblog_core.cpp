@@ -28,7 +28,7 @@
 #define ADBLOG_READ_ERROR_SLEEP 2
 #define ADBLOG_CREATE_FAILURE_LIMIT 9
 #define ADBLOG_CREATE_FAILURE_SLEEP 10
-#define ADBLOG_STANDARD_CATEGORIES 4
+#define ADBLOG_STANDARD_CATEGORIES TOVAK_CAPTURE_STANDARD_CATEGORIES
 #define ADBLOG_DEVICE_PREFIX "log/"
 
 struct adblog_wait {
@@ -49,7 +49,8 @@ struct AdblogCategory {
     std::atomic<uint8_t> thread_missing;
 };
 
-static const char* const standard_devices[ADBLOG_STANDARD_CATEGORIES] = { "main", "radio", "events", "system" };
+// The standard categories are named after their devices.
+static const char* const* const standard_devices = tovak_capture_category_names;
 
 // The categories, one per log device; the first four are fixed.
 static AdblogCategory categories[ADBLOG_MAX_CATEGORIES];

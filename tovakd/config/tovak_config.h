@@ -18,10 +18,11 @@
 
 #include "common/tovak_mutex.h"
 #include "config/tovak_config_lists.h"
+#include "protocol/tovak_layouts.h"
 
 #define TOVAK_CONFIG_FILE_PROPERTY "persist.dmlogging.config_file"
 // The platform's property value limit, and so the longest path plus its zero.
-#define TOVAK_CONFIG_FILE_NAME_SIZE 92
+#define TOVAK_CONFIG_FILE_NAME_SIZE (TOVAK_CONFIG_NAME_MAX + 1)
 // The largest file a load reads; the factory dm.cfg is well under 1 KiB.
 #define TOVAK_CONFIG_MAX_SIZE (1024 * 1024)
 

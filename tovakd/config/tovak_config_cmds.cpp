@@ -5,21 +5,20 @@
 
 #include "common/tovak_log.h"
 #include "config/tovak_config.h"
+#include "protocol/tovak_layouts.h"
 
 #define LOG_MODULE "tovak_handler"
-
-#define CONFIG_NAME_BUFFER_SIZE 100
 
 uint32_t handler_set_config_file(uint32_t req_len, uint8_t* req, uint32_t*, uint8_t*)
 {
     tovak_request in(req, req_len);
     const int16_t len = int16_t(in.u16());
-    if (len > CONFIG_NAME_BUFFER_SIZE - 1 || len < 0) {
+    if (len > TOVAK_CONFIG_NAME_COUNT_MAX || len < 0) {
         TLOG_ERR("configuration file name: length out of range");
         return 0;
     }
     // Ended at the given length, whether or not the client sent a zero.
-    char name[CONFIG_NAME_BUFFER_SIZE] = {};
+    char name[TOVAK_CONFIG_NAME_COUNT_MAX + 1] = {};
     in.bytes(name, uint32_t(len));
     name[len] = '\0';
     TLOG("Set config file size = %d, %s\n", int(len), name);

@@ -1,26 +1,20 @@
 // The client command table: per command its handler, the start-up flag it
-// waits for and what it answers when refused. The session checks the gate
-// and answers a refusal; handlers only do the work.
+// waits for and what it answers when refused, the last two from the
+// command's layout. The session checks the gate and answers a refusal;
+// handlers only do the work.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
 #include "common/tovak_cmd.h"
-
-// Which start-up step must have run: none, the logging handlers' (T) or the
-// capture core's (A).
-enum class cmd_gate : uint8_t { none, logging, capture };
-
-// What a refused command leaves in the reply: nothing, one u32 0, or one
-// i32 -1.
-enum class cmd_refusal : uint8_t { untouched, zero, minus_one };
+#include "protocol/tovak_layouts.h"
 
 struct cmd_entry {
     uint32_t id;
     command_handler handler;
-    cmd_gate gate;
-    cmd_refusal refusal;
+    tovak_gate gate;
+    tovak_refusal refusal;
 };
 
 extern const cmd_entry cmd_table[];

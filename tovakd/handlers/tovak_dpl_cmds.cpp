@@ -14,9 +14,6 @@
 
 #define LOG_MODULE "tovak_handler"
 
-#define DPL_RECORD_ENTRIES 4
-#define DPL_ENTRY_OFFSET 8
-#define DPL_ENTRY_SIZE 16
 // What the library may write back for one interface; not read here.
 #define DPL_ANSWER_SIZE 4
 
@@ -31,10 +28,10 @@ static void start_iface(uint16_t id) REQUIRES(dpl_mutex)
     const uint8_t ifid = uint8_t(id);
     uint8_t record[DIAG_DPL_IFACE_RECORD_SIZE] = {};
     record[0] = ifid;
-    record[1] = DPL_RECORD_ENTRIES;
+    record[1] = DIAG_DPL_RECORD_ENTRIES;
     // Kinds 1 and 2 in variant 0, then both again in variant 1.
-    for (int i = 0; i < DPL_RECORD_ENTRIES; i++) {
-        uint8_t* e = record + DPL_ENTRY_OFFSET + DPL_ENTRY_SIZE * i;
+    for (int i = 0; i < DIAG_DPL_RECORD_ENTRIES; i++) {
+        uint8_t* e = record + DIAG_DPL_ENTRY_OFFSET + DIAG_DPL_ENTRY_SIZE * i;
         e[0] = uint8_t(1 + i % 2); // u32 kind, little-endian
         e[4] = ifid;
         e[6] = uint8_t(i / 2);

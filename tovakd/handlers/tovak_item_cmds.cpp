@@ -10,6 +10,7 @@
 #include "config/tovak_config.h"
 #include "handlers/tovak_dpl_cmds.h"
 #include "handlers/tovak_handler.h"
+#include "protocol/tovak_layouts.h"
 
 #define LOG_MODULE "tovak_handler"
 
@@ -36,12 +37,6 @@ struct item_kind {
     int (*listing)(std::vector<uint8_t>* out);
 };
 
-static void put_u16(std::vector<uint8_t>* out, uint16_t v)
-{
-    out->push_back(uint8_t(v));
-    out->push_back(uint8_t(v >> 8));
-}
-
 // A set of u16 ids, 2 bytes each.
 static int id_listing(int (*get)(uint16_t**, int*), std::vector<uint8_t>* out)
 {
@@ -53,13 +48,12 @@ static int id_listing(int (*get)(uint16_t**, int*), std::vector<uint8_t>* out)
         return -1;
     }
     for (int i = 0; i < count; i++)
-        put_u16(out, ids[i]);
+        tovak_put_u16(out, ids[i]);
     free(ids);
     return count;
 }
 
-// Message entries, 8 bytes each: u16 SSID, 2 bytes of zeros, u32 level mask
-// of which only the low 16 bits are listed.
+// Message entries, of which only the low 16 bits of each mask are listed.
 static int msg_listing(std::vector<uint8_t>* out)
 {
     tovak_msg_entry* entries = nullptr;
@@ -69,12 +63,8 @@ static int msg_listing(std::vector<uint8_t>* out)
         free(entries);
         return -1;
     }
-    for (int i = 0; i < count; i++) {
-        put_u16(out, entries[i].ssid);
-        put_u16(out, 0);
-        put_u16(out, uint16_t(entries[i].mask));
-        put_u16(out, 0);
-    }
+    for (int i = 0; i < count; i++)
+        tovak_pack_msg_entry(out, entries[i].ssid, entries[i].mask);
     free(entries);
     return count;
 }

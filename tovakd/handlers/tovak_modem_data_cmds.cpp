@@ -9,6 +9,7 @@
 #include "common/tovak_mutex.h"
 #include "handlers/tovak_handler.h"
 #include "platform/qmi_tovak.h"
+#include "protocol/tovak_layouts.h"
 
 #define LOG_MODULE "tovak_handler"
 
@@ -17,8 +18,8 @@
 
 // Kinds of modem data (the u32 of command 0x47) and the names they are
 // saved under, spelled as the QMI library knows them.
-#define MODEM_DATA_KIND_PHANTOM 0u
-#define MODEM_DATA_KIND_STATISTICS 1u
+#define MODEM_DATA_KIND_PHANTOM TOVAK_MODEM_DATA_PHANTOM
+#define MODEM_DATA_KIND_STATISTICS TOVAK_MODEM_DATA_STATISTICS
 #define MODEM_DATA_NAME_PHANTOM "Phantom"
 #define MODEM_DATA_NAME_STATISTICS "Statstics"
 
@@ -28,8 +29,7 @@
 #define PHANTOM_DEFAULT_RECORD "000000000000,ND,N,0,0,"
 
 #define MSISDN_BUFFER_SIZE 24
-// Longest number 0x48 takes, its zero byte included.
-#define MSISDN_MAX_LEN 19
+static_assert(MSISDN_BUFFER_SIZE >= TOVAK_MSISDN_COUNT_MAX, "the longest number fits");
 
 // Guards msisdn_buffer.
 static tovak_mutex msisdn_mutex;
@@ -63,7 +63,7 @@ uint32_t handler_set_msisdn(uint32_t req_len, uint8_t* req, uint32_t* rsp_len, u
     *rsp_len = 0;
     tovak_request in(req, req_len);
     const int16_t n = int16_t(in.u16());
-    if (n > MSISDN_MAX_LEN) {
+    if (n > TOVAK_MSISDN_COUNT_MAX) {
         TLOG_ERR("MSISDN too long");
         return 0;
     }

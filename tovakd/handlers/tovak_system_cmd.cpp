@@ -6,10 +6,10 @@
 #include "common/tovak_log.h"
 #include "handlers/tovak_handler.h"
 #include "handlers/tovak_shell.h"
+#include "protocol/tovak_layouts.h"
 
 #define LOG_MODULE "tovak_handler"
 
-#define SYSTEM_COMMAND_BUFFER_SIZE 200
 #define SYSTEM_COMMAND_MARKER_LEN 3 // "@@#"
 #define KILLALL_PREFIX "@@#+=killall"
 #define KILLALL_PREFIX_LEN 12
@@ -37,13 +37,13 @@ uint32_t handler_system_command(uint32_t req_len, uint8_t* req, uint32_t*, uint8
 {
     tovak_request in(req, req_len);
     const int16_t n = int16_t(in.u16());
-    if (n > SYSTEM_COMMAND_BUFFER_SIZE - 1) {
+    if (n > TOVAK_SYSTEM_TEXT_COUNT_MAX) {
         TLOG_ERR("shell diagnostic text too long");
         return 0;
     }
     // Cleared so that a text without its zero byte still ends in the buffer;
     // a negative count is refused by the reader and copies nothing.
-    char text[SYSTEM_COMMAND_BUFFER_SIZE] = {};
+    char text[TOVAK_SYSTEM_TEXT_COUNT_MAX + 1] = {};
     in.bytes(text, uint32_t(int32_t(n)));
 
     if (!allowed(text)) {

@@ -7,13 +7,12 @@
 #include "common/tovak_log.h"
 #include "logging/tovak_logging.h"
 #include "platform/diag.h"
+#include "protocol/tovak_layouts.h"
 
 #define LOG_MODULE "tovak_handler"
 
-// The output path as the daemon keeps it: at most 99 characters and a zero.
-#define OUT_PATH_SIZE 100
-// The walk for the last '/' gives up at this many.
-#define OUT_PATH_MAX_SLASHES 6
+// The output path as the daemon keeps it, and its zero byte.
+#define OUT_PATH_SIZE (TOVAK_OUT_PATH_MAX + 1)
 // What 0x03 and 0x04 answer when they fail.
 #define REFUSED uint32_t(-1)
 
@@ -25,7 +24,7 @@ static bool capture_dir_for(const char* out_path, char* dir, size_t size)
     const char* last = nullptr;
     int slashes = 0;
     for (const char* p = strchr(out_path, '/'); p != nullptr; p = strchr(p + 1, '/')) {
-        if (++slashes >= OUT_PATH_MAX_SLASHES)
+        if (++slashes >= TOVAK_OUT_PATH_MAX_SLASHES)
             return false;
         last = p;
     }

@@ -88,8 +88,13 @@ struct diag_dpl_iface_desc {
     char desc[DIAG_DPL_DESC_SIZE];
 };
 
-// Size of the interface logging record given to diag_dpl_set_iface_logging.
+// The interface logging record given to diag_dpl_set_iface_logging: u8 id,
+// u8 entry count, then from byte 8 the entries of 16 bytes (u32 kind, u8 id,
+// a zero byte, u8 variant); the last entry's final 4 bytes fall outside.
 #define DIAG_DPL_IFACE_RECORD_SIZE 68
+#define DIAG_DPL_RECORD_ENTRIES 4
+#define DIAG_DPL_ENTRY_OFFSET 8
+#define DIAG_DPL_ENTRY_SIZE 16
 
 int diag_dpl_init(void);
 int diag_dpl_reset_logging(void);
