@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <map>
 #include <thread>
 
@@ -52,8 +53,52 @@ std::vector<std::string> captures_in(const std::string& dir)
     return names;
 }
 
+// The daemon among the launcher's descendants, by its name.
+pid_t daemon_pid(pid_t launcher)
+{
+    std::map<pid_t, pid_t> parent;
+    std::vector<pid_t> daemons;
+    std::error_code ec;
+    for (const auto& e : std::filesystem::directory_iterator("/proc", ec)) {
+        const std::string name = e.path().filename();
+        const std::string stat = read_file("/proc/" + name + "/stat");
+        const size_t open = stat.find('('), close = stat.rfind(')');
+        if (name.find_first_not_of("0123456789") != std::string::npos || close == std::string::npos)
+            continue;
+        parent[std::stoi(name)] = std::atoi(stat.c_str() + close + 4);
+        if (stat.compare(open + 1, close - open - 1, "tovakd") == 0)
+            daemons.push_back(std::stoi(name));
+    }
+    for (pid_t d : daemons)
+        for (pid_t p = parent[d]; p > 1; p = parent[p])
+            if (p == launcher)
+                return d;
+    return -1;
+}
+
+// No thread of pid runs at this look. An idle daemon gets there at once; one
+// that polls instead of waiting is seen running every time.
+bool all_threads_asleep(pid_t pid)
+{
+    std::error_code ec;
+    int threads = 0;
+    for (const auto& e : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", ec)) {
+        const std::string stat = read_file(e.path().string() + "/stat");
+        const size_t close = stat.rfind(')');
+        if (close == std::string::npos || stat[close + 2] == 'R')
+            return false;
+        threads++;
+    }
+    return threads > 0;
+}
+
 class Capture : public DeviceTest {
 protected:
+    bool daemon_asleep()
+    {
+        const pid_t pid = daemon_pid(dev.launcher_pid());
+        return pid > 0 && wait_until([&] { return all_threads_asleep(pid); }, std::chrono::seconds(10));
+    }
     void log(const std::string& buffer, const std::string& msg) { ctl({ "log", buffer, "I", "Tag", msg }); }
 
     // The newest committed file of each capture, by capture name.
@@ -101,7 +146,10 @@ protected:
 TEST_F(Capture, EnabledCategoriesCaptureWhatTheLoggerWroteAndNothingElse)
 {
     start();
+    // Threads waiting for capture on, or for their category, sleep.
+    EXPECT_TRUE(daemon_asleep()) << "capture off";
     EXPECT_EQ(0u, send(CMD_ADBLOG_ON).len);
+    EXPECT_TRUE(daemon_asleep()) << "events disabled";
     for (const char* buffer : { "radio", "events", "main" })
         log(buffer, std::string("to ") + buffer);
     log("radio", "again");
