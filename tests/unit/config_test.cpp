@@ -283,10 +283,18 @@ TEST_F(Config, ItemSetsKeepOneOfEachInOrderAndNeedAParsedFile)
     EXPECT_NE(std::string::npos, tovak_config_text().find("\n1,7\n"));
 }
 
-// A file over the limit is not read at all: the load fails as for a file
-// that can't be opened, whatever its size claims.
-TEST_F(Config, FilesOverTheLimitAreNotRead)
+size_t open_descriptors()
 {
+    std::error_code ec;
+    return size_t(std::distance(std::filesystem::directory_iterator("/proc/self/fd", ec), {}));
+}
+
+// A file over the limit, or not a regular file, is not read at all: the load
+// fails as for a file that can't be opened, whatever its size claims. No
+// load leaves its descriptor open.
+TEST_F(Config, FilesOverTheLimitOrNotRegularAreNotRead)
+{
+    const size_t fds = open_descriptors();
     const std::string on = "<LogState>on</LogState>\n#";
     for (size_t size : { size_t(TOVAK_CONFIG_MAX_SIZE), size_t(TOVAK_CONFIG_MAX_SIZE) + 1 }) {
         SCOPED_TRACE(size);
@@ -297,6 +305,8 @@ TEST_F(Config, FilesOverTheLimitAreNotRead)
         EXPECT_EQ(fits ? 1u : 0u, tovak_config_get_log_state());
         EXPECT_EQ(in, tovak_config_locked()->path);
     }
+    EXPECT_EQ(-1, tovak_config_load_file(dir.path().c_str()));
+    EXPECT_EQ(fds, open_descriptors());
     // A regular file whose size says 0 and that reads on for megabytes.
     const char* big = "/proc/kallsyms";
     if (read_file(big).size() <= TOVAK_CONFIG_MAX_SIZE)
