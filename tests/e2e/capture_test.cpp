@@ -6,6 +6,7 @@
 #include <atomic>
 #include <filesystem>
 #include <map>
+#include <sstream>
 #include <thread>
 
 #include "device_test.h"
@@ -53,27 +54,17 @@ std::vector<std::string> captures_in(const std::string& dir)
     return names;
 }
 
-// The daemon among the launcher's descendants, by its name.
-pid_t daemon_pid(pid_t launcher)
+// The daemon among pid's descendants, by its name.
+pid_t find_daemon(pid_t pid)
 {
-    std::map<pid_t, pid_t> parent;
-    std::vector<pid_t> daemons;
-    std::error_code ec;
-    for (const auto& e : std::filesystem::directory_iterator("/proc", ec)) {
-        const std::string name = e.path().filename();
-        const std::string stat = read_file("/proc/" + name + "/stat");
-        const size_t open = stat.find('('), close = stat.rfind(')');
-        if (name.find_first_not_of("0123456789") != std::string::npos || close == std::string::npos)
-            continue;
-        parent[std::stoi(name)] = std::atoi(stat.c_str() + close + 4);
-        if (stat.compare(open + 1, close - open - 1, "tovakd") == 0)
-            daemons.push_back(std::stoi(name));
-    }
-    for (pid_t d : daemons)
-        for (pid_t p = parent[d]; p > 1; p = parent[p])
-            if (p == launcher)
-                return d;
-    return -1;
+    const std::string proc = "/proc/" + std::to_string(pid);
+    if (read_file(proc + "/comm") == "tovakd\n")
+        return pid;
+    std::istringstream children(read_file(proc + "/task/" + std::to_string(pid) + "/children"));
+    pid_t found = -1;
+    for (pid_t child; found < 0 && children >> child;)
+        found = find_daemon(child);
+    return found;
 }
 
 // No thread of pid runs at this look. An idle daemon gets there at once; one
@@ -81,22 +72,21 @@ pid_t daemon_pid(pid_t launcher)
 bool all_threads_asleep(pid_t pid)
 {
     std::error_code ec;
-    int threads = 0;
+    bool any = false;
     for (const auto& e : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", ec)) {
         const std::string stat = read_file(e.path().string() + "/stat");
-        const size_t close = stat.rfind(')');
-        if (close == std::string::npos || stat[close + 2] == 'R')
+        if (stat.empty() || stat[stat.rfind(')') + 2] == 'R')
             return false;
-        threads++;
+        any = true;
     }
-    return threads > 0;
+    return any;
 }
 
 class Capture : public DeviceTest {
 protected:
     bool daemon_asleep()
     {
-        const pid_t pid = daemon_pid(dev.launcher_pid());
+        const pid_t pid = find_daemon(dev.launcher_pid());
         return pid > 0 && wait_until([&] { return all_threads_asleep(pid); }, std::chrono::seconds(10));
     }
     void log(const std::string& buffer, const std::string& msg) { ctl({ "log", buffer, "I", "Tag", msg }); }
