@@ -23,15 +23,6 @@ Bytes text(const std::string& s, bool nul = true)
     return b;
 }
 
-// u16 count, then the text and its zero byte.
-Bytes counted(const std::string& s, int n = -1)
-{
-    Bytes p = u16(uint32_t(n < 0 ? int(s.size() + 1) : n));
-    Bytes t = text(s);
-    p.insert(p.end(), t.begin(), t.end());
-    return p;
-}
-
 size_t files_in(const std::string& dir)
 {
     size_t n = 0;

@@ -15,15 +15,6 @@
 
 namespace {
 
-// 0x13's payload: the i16 length (by default the text and its zero), the text.
-Bytes shell(const std::string& text, int n = -1)
-{
-    Bytes p = u16(uint32_t(n < 0 ? int(text.size() + 1) : n));
-    p.insert(p.end(), text.begin(), text.end());
-    p.push_back(0);
-    return p;
-}
-
 bool sleeper_running()
 {
     // The duration is this test's own mark.
@@ -83,7 +74,7 @@ TEST_F(Session, AClientGoneIsReadElevenTimesMoreThenClosed)
 
 TEST_F(Session, AShortReadIsAFrameWhoseRestIsLeftFromBefore)
 {
-    send(CMD_SYSTEM_COMMAND, shell("@@#cat /system/etc/LogItem.txt > /data/local/copy1"));
+    send(CMD_SYSTEM_COMMAND, counted("@@#cat /system/etc/LogItem.txt > /data/local/copy1"));
     uint32_t header[2] = { CMD_SYSTEM_COMMAND, 64 };
     ASSERT_EQ(TovakStatus::ok, client->send_bytes(header, sizeof header));
     tovak_pkt reply;
@@ -100,7 +91,7 @@ TEST_F(Session, AClientVanishingBeforeItsReplyLeavesTheDaemonServing)
     ASSERT_EQ(0, mkfifo(gate.c_str(), 0666));
     {
         auto c = dev.connect();
-        Bytes p = shell("@@#cat /data/local/gate > /dev/null");
+        Bytes p = counted("@@#cat /data/local/gate > /dev/null");
         tovak_pkt req = {};
         req.cmd = CMD_SYSTEM_COMMAND;
         req.len = uint32_t(p.size());
@@ -120,25 +111,25 @@ TEST_F(Session, ShellDiagnosticsRunRefuseAndKillByName)
         const char* logged;
     };
     const Case cases[] = {
-        { shell("@@#cat /system/etc/MessageLevel.txt"), "Result of system command = 0\n" },
-        { shell("ls"), "System command ls is not allowed\n" },
-        { shell("@@#psx"), "Result of system command = 32512\n" },
-        { shell("@@#cat /dev/null #" + std::string(180, 'y'), 199), "System command = 199, cat /dev/null #yyy" },
-        { shell("@@#+=killall no-such-thing"), "getProcessID(no-such-thing) : id = 0 (could not find process)\n" },
+        { counted("@@#cat /system/etc/MessageLevel.txt"), "Result of system command = 0\n" },
+        { counted("ls"), "System command ls is not allowed\n" },
+        { counted("@@#psx"), "Result of system command = 32512\n" },
+        { counted("@@#cat /dev/null #" + std::string(180, 'y'), 199), "System command = 199, cat /dev/null #yyy" },
+        { counted("@@#+=killall no-such-thing"), "getProcessID(no-such-thing) : id = 0 (could not find process)\n" },
     };
     for (const Case& c : cases) {
         tovak_pkt reply = send(CMD_SYSTEM_COMMAND, c.payload);
         EXPECT_EQ(5120u, reply.len) << "the reply never says what happened";
         EXPECT_TRUE(dev.wait_stdout(c.logged)) << c.logged;
     }
-    send(CMD_SYSTEM_COMMAND, shell("@@#cat /dev/null #" + std::string(181, 'z'), 200));
+    send(CMD_SYSTEM_COMMAND, counted("@@#cat /dev/null #" + std::string(181, 'z'), 200));
     EXPECT_TRUE(dev.wait_stdout("tovak_handler ERR >> "));
     EXPECT_EQ(std::string::npos, dev.daemon_stdout().find("zzz"));
 
     // A sleeper inside the sandbox, then kill by name.
-    send(CMD_SYSTEM_COMMAND, shell("@@#cat /dev/null; sleep 7391 &"));
+    send(CMD_SYSTEM_COMMAND, counted("@@#cat /dev/null; sleep 7391 &"));
     ASSERT_TRUE(wait_until(sleeper_running));
-    send(CMD_SYSTEM_COMMAND, shell("@@#+=killall sleep"));
+    send(CMD_SYSTEM_COMMAND, counted("@@#+=killall sleep"));
     ASSERT_TRUE(dev.wait_stdout("getProcessID(sleep) :Found. id = "));
     std::smatch m;
     std::string out = dev.daemon_stdout();

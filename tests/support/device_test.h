@@ -34,6 +34,15 @@ inline Bytes u32(uint32_t v)
     return le({ { v, 4 } });
 }
 
+// A u16 count (by default the text and its zero byte), the text, its zero.
+inline Bytes counted(const std::string& text, int n = -1)
+{
+    Bytes p = u16(uint32_t(n < 0 ? int(text.size() + 1) : n));
+    p.insert(p.end(), text.begin(), text.end());
+    p.push_back(0);
+    return p;
+}
+
 inline uint32_t reply_u32(const tovak_pkt& r, size_t at = 0)
 {
     return uint32_t(r.data[at]) | uint32_t(r.data[at + 1]) << 8 | uint32_t(r.data[at + 2]) << 16 |
