@@ -5,23 +5,9 @@
 #include <cstring>
 #include <regex>
 
-#include "protocol/tovak_cmd_ids.h"
-#include "sim_device.h"
+#include "device_test.h"
 
 namespace {
-
-// A 0x13 request frame: u16 length with the zero byte, then the text.
-tovak_pkt system_frame(const std::string& text)
-{
-    tovak_pkt req;
-    memset(&req, 0, sizeof req);
-    req.cmd = CMD_SYSTEM_COMMAND;
-    req.len = uint32_t(2 + text.size() + 1);
-    req.data[0] = uint8_t(text.size() + 1);
-    req.data[1] = uint8_t((text.size() + 1) >> 8);
-    memcpy(req.data + 2, text.data(), text.size());
-    return req;
-}
 
 TEST(Robustness, ALongShellDiagnosticHoldsNoSocketAndHangUpsAreSeenMeanwhile)
 {
@@ -38,7 +24,11 @@ TEST(Robustness, ALongShellDiagnosticHoldsNoSocketAndHangUpsAreSeenMeanwhile)
     // session then waits for the sleep.
     auto runner = dev.connect();
     ASSERT_TRUE(runner);
-    tovak_pkt req = system_frame("@@#cat /dev/null; ls -l /proc/self/fd > /data/local/fds.txt; sleep 30");
+    tovak_pkt req = {};
+    req.cmd = CMD_SYSTEM_COMMAND;
+    const Bytes shell = counted("@@#cat /dev/null; ls -l /proc/self/fd > /data/local/fds.txt; sleep 30");
+    req.len = uint32_t(shell.size());
+    memcpy(req.data, shell.data(), shell.size());
     ASSERT_EQ(TovakStatus::ok, runner->send_bytes(&req, sizeof req));
     const std::string fds = dev.path("data/local/fds.txt");
     ASSERT_TRUE(wait_until([&] { return !read_file(fds).empty(); })) << dev.daemon_stdout();

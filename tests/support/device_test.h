@@ -4,6 +4,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <memory>
@@ -41,6 +42,13 @@ inline Bytes counted(const std::string& text, int n = -1)
     p.insert(p.end(), text.begin(), text.end());
     p.push_back(0);
     return p;
+}
+
+// The type bits of what is at path, not following a link.
+inline mode_t kind(const std::string& path)
+{
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0 ? st.st_mode & S_IFMT : 0;
 }
 
 inline uint32_t reply_u32(const tovak_pkt& r, size_t at = 0)

@@ -285,18 +285,15 @@ TEST_F(Config, ItemSetsKeepOneOfEachInOrderAndNeedAParsedFile)
     EXPECT_NE(std::string::npos, tovak_config_text().find("\n1,7\n"));
 }
 
-size_t open_descriptors()
-{
-    std::error_code ec;
-    return size_t(std::distance(std::filesystem::directory_iterator("/proc/self/fd", ec), {}));
-}
-
 // A file over the limit, or not a regular file, is not read at all: the load
 // fails as for a file that can't be opened, whatever its size claims. No
 // load leaves its descriptor open.
 TEST_F(Config, FilesOverTheLimitOrNotRegularAreNotRead)
 {
-    const size_t fds = open_descriptors();
+    const auto open_descriptors = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const auto fds = open_descriptors();
     const std::string on = "<LogState>on</LogState>\n#";
     for (size_t size : { size_t(TOVAK_CONFIG_MAX_SIZE), size_t(TOVAK_CONFIG_MAX_SIZE) + 1 }) {
         SCOPED_TRACE(size);

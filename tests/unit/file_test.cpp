@@ -15,7 +15,7 @@
 #include <set>
 
 #include "common/tovak_file.h"
-#include "sim_device.h"
+#include "device_test.h"
 
 namespace fs = std::filesystem;
 
@@ -32,13 +32,6 @@ std::set<std::string> names_in(const std::string& dir)
     for (const auto& e : fs::directory_iterator(dir))
         names.insert(e.path().filename().string());
     return names;
-}
-
-// The type bits of what is at path, not following a link.
-mode_t kind(const std::string& path)
-{
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0 ? st.st_mode & S_IFMT : 0;
 }
 
 mode_t mode_of(const std::string& path)
