@@ -24,11 +24,9 @@ TEST(Robustness, ALongShellDiagnosticHoldsNoSocketAndHangUpsAreSeenMeanwhile)
     // session then waits for the sleep.
     auto runner = dev.connect();
     ASSERT_TRUE(runner);
-    tovak_pkt req = {};
-    req.cmd = CMD_SYSTEM_COMMAND;
-    const Bytes shell = counted("@@#cat /dev/null; ls -l /proc/self/fd > /data/local/fds.txt; sleep 30");
-    req.len = uint32_t(shell.size());
-    memcpy(req.data, shell.data(), shell.size());
+    tovak_pkt req;
+    tovak_req_raw(&req, CMD_SYSTEM_COMMAND,
+                  counted("@@#cat /dev/null; ls -l /proc/self/fd > /data/local/fds.txt; sleep 30"));
     ASSERT_EQ(TovakStatus::ok, runner->send_bytes(&req, sizeof req));
     const std::string fds = dev.path("data/local/fds.txt");
     ASSERT_TRUE(wait_until([&] { return !read_file(fds).empty(); })) << dev.daemon_stdout();

@@ -91,11 +91,8 @@ TEST_F(Session, AClientVanishingBeforeItsReplyLeavesTheDaemonServing)
     ASSERT_EQ(0, mkfifo(gate.c_str(), 0666));
     {
         auto c = dev.connect();
-        Bytes p = counted("@@#cat /data/local/gate > /dev/null");
-        tovak_pkt req = {};
-        req.cmd = CMD_SYSTEM_COMMAND;
-        req.len = uint32_t(p.size());
-        memcpy(req.data, p.data(), p.size());
+        tovak_pkt req;
+        tovak_req_raw(&req, CMD_SYSTEM_COMMAND, counted("@@#cat /data/local/gate > /dev/null"));
         ASSERT_EQ(TovakStatus::ok, c->send_bytes(&req, sizeof req));
         ASSERT_TRUE(dev.wait_stdout("cat /data/local/gate > /dev/null\n"));
     }
