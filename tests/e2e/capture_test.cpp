@@ -71,15 +71,12 @@ pid_t find_daemon(pid_t pid)
 // that polls instead of waiting is seen running every time.
 bool all_threads_asleep(pid_t pid)
 {
-    std::error_code ec;
-    bool any = false;
-    for (const auto& e : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", ec)) {
+    for (const auto& e : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
         const std::string stat = read_file(e.path().string() + "/stat");
         if (stat.empty() || stat[stat.rfind(')') + 2] == 'R')
             return false;
-        any = true;
     }
-    return any;
+    return true;
 }
 
 class Capture : public DeviceTest {
