@@ -1,8 +1,5 @@
 // Faults a root daemon lives through, on a simulated device: a shell
 // diagnostic that runs long, clients that hang up meanwhile.
-#include <gtest/gtest.h>
-
-#include <cstring>
 #include <regex>
 
 #include "device_test.h"
