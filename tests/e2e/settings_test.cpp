@@ -88,6 +88,8 @@ TEST_F(Settings, ItemListsAddRemoveAndListAlike)
         EXPECT_EQ(0u, send(k.add, {}).len) << k.name << ": a missing field reads as 0";
         EXPECT_EQ(0u, list_of(send(k.get), k.width)[0]) << k.name;
     }
+    // Only the message listing logs its count, after each copy.
+    EXPECT_EQ(count(dev.daemon_stdout(), ": handler_get_msg\n"), count(dev.daemon_stdout(), ": size = "));
 }
 
 TEST_F(Settings, ConfigFileChoicesAreTakenOrRefusedAndSurviveARestart)
@@ -206,11 +208,7 @@ TEST_F(Settings, ConcurrentModemDataSavesEachGetTheirWholeBlock)
     ctl({ "qmi", "statistics", "40000,40000,40000,40000,40000,40000" });
     ctl({ "qmi", "phantom", "30000,30000,30000,30000,30000,30000,30000,30000" });
     const char number[] = "0101234567";
-    send(CMD_SET_MSISDN, [&] {
-        Bytes p = u16(sizeof number);
-        p.insert(p.end(), number, number + sizeof number);
-        return p;
-    }());
+    send(CMD_SET_MSISDN, counted(number));
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; t++) {
         threads.emplace_back([&, t] {
