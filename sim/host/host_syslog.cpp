@@ -49,13 +49,14 @@ static int capture_commit(syslog_object* obj, const char* dir)
 
 extern "C" int syslog_create2(struct syslog_object** slot, int capacity, const char* name, int a, int b)
 {
-    // a and b select the device library's file modes; the rings have one.
-    (void)a;
-    (void)b;
+    // a and b select the device library's file modes. The rings have only
+    // the one the daemon asks for with 1 and 2; any other is refused, not
+    // served as that one.
     if (slot == nullptr)
         return 0;
     *slot = nullptr;
-    if (capacity <= 0 || name == nullptr || name[0] == '\0' || strchr(name, '/') != nullptr || strlen(name) > 64)
+    if (a != 1 || b != 2 || capacity <= 0 || name == nullptr || name[0] == '\0' || strchr(name, '/') != nullptr ||
+        strlen(name) > 64)
         return 0;
     static std::atomic<unsigned> seq{ 0 };
     auto* capture = new (std::nothrow) Capture;

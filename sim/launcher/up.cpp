@@ -166,7 +166,9 @@ void bind_visible(std::vector<std::string>& args, const std::string& path, const
 std::vector<std::string> sandbox_command(const UpOptions& opt, const std::string& bin)
 {
     const std::string& r = opt.root;
-    std::vector<std::string> args = { "bwrap", "--die-with-parent", "--unshare-pid", "--unshare-ipc" };
+    // A session of its own, as init gives the daemon: a kill of the daemon's
+    // process group, or of 0 from its shell, stays on the phone.
+    std::vector<std::string> args = { "bwrap", "--die-with-parent", "--new-session", "--unshare-pid", "--unshare-ipc" };
     if (geteuid() != 0)
         args.insert(args.end(), { "--unshare-user", "--uid", "0", "--gid", "0" });
     add_system_dirs(args);

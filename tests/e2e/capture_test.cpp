@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <map>
+#include <sstream>
 #include <thread>
 
 #include "device_test.h"
@@ -52,8 +54,38 @@ std::vector<std::string> captures_in(const std::string& dir)
     return names;
 }
 
+// The daemon among pid's descendants, by its name.
+pid_t find_daemon(pid_t pid)
+{
+    const std::string proc = "/proc/" + std::to_string(pid);
+    if (read_file(proc + "/comm") == "tovakd\n")
+        return pid;
+    std::istringstream children(read_file(proc + "/task/" + std::to_string(pid) + "/children"));
+    pid_t found = -1;
+    for (pid_t child; found < 0 && children >> child;)
+        found = find_daemon(child);
+    return found;
+}
+
 class Capture : public DeviceTest {
 protected:
+    // No thread of the daemon runs, at one look before the deadline. An idle
+    // daemon gets there at once; one that polls instead of waiting is seen
+    // running every time.
+    bool daemon_asleep()
+    {
+        const std::string tasks = "/proc/" + std::to_string(find_daemon(dev.launcher_pid())) + "/task";
+        return wait_until(
+            [&] {
+                for (const auto& e : std::filesystem::directory_iterator(tasks)) {
+                    const std::string stat = read_file(e.path().string() + "/stat");
+                    if (stat.empty() || stat[stat.rfind(')') + 2] == 'R')
+                        return false;
+                }
+                return true;
+            },
+            std::chrono::seconds(10));
+    }
     void log(const std::string& buffer, const std::string& msg) { ctl({ "log", buffer, "I", "Tag", msg }); }
 
     // The newest committed file of each capture, by capture name.
@@ -101,7 +133,10 @@ protected:
 TEST_F(Capture, EnabledCategoriesCaptureWhatTheLoggerWroteAndNothingElse)
 {
     start();
+    // Threads waiting for capture on, or for their category, sleep.
+    EXPECT_TRUE(daemon_asleep()) << "capture off";
     EXPECT_EQ(0u, send(CMD_ADBLOG_ON).len);
+    EXPECT_TRUE(daemon_asleep()) << "events disabled";
     for (const char* buffer : { "radio", "events", "main" })
         log(buffer, std::string("to ") + buffer);
     log("radio", "again");
@@ -199,9 +234,15 @@ TEST_F(Capture, AnEmptyCategoryListLeavesNoSizesToSave)
 TEST_F(Capture, CommitsGoOnceWhereTheOutPathSaysAndOnlyEnabledOnesGo)
 {
     start();
-    // The start-up listing names every category by its number.
-    for (const char* line : { ": 0: log/main\n", ": 1: log/radio\n", ": 2: log/events\n", ": 3: log/system\n" })
+    // Start-up builds the modem's packets before any log on, and names every
+    // category by its number.
+    for (const char* line : { ":   tovak_data_load_dm_packet(), total packet_cnt 29\n", ": 0: log/main\n",
+                              ": 1: log/radio\n", ": 2: log/events\n", ": 3: log/system\n" })
         EXPECT_NE(std::string::npos, dev.daemon_stdout().find(line)) << line;
+    // Its error lines: the harness's probe, gone, and the log off of a daemon
+    // that is not logging.
+    ASSERT_TRUE(dev.wait_stdout("server: got disconnection"));
+    EXPECT_EQ(2u, count(dev.daemon_stdout(), " ERR >> ")) << dev.daemon_stdout();
     const std::string once = dev.path("data/media/0/once");
     EXPECT_EQ(0u, tovak_get_u32(send(CMD_OUT_PATH,
                                      Bytes{ '/', 's', 'd', 'c', 'a', 'r', 'd', '/', 'o', 'n', 'c', 'e', '/', 'd', 0 })

@@ -19,12 +19,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-mode_t kind(const std::string& path)
-{
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0 ? st.st_mode & S_IFMT : 0;
-}
-
 class Hostile : public DeviceTest {
 protected:
     void SetUp() override

@@ -222,13 +222,15 @@ TEST_F(Limits, EachFieldAtItsEdgeAndOnePast)
         EXPECT_EQ(0u, send(get).len) << get;
     }
 
-    // 0x47: kinds 0 and 1 save, 2 saves nothing.
+    // 0x47: kinds 0 and 1 save, 2 saves nothing; a unit of one byte counts.
+    ctl({ "qmi", "phantom", "1,3,1" });
     const size_t saves = status()["qmi"]["saves"].size();
     send(CMD_SAVE_MODEM_DATA, tovak_pack_u32(0));
     send(CMD_SAVE_MODEM_DATA, tovak_pack_u32(2));
     json all = status()["qmi"]["saves"];
     ASSERT_EQ(saves + 1, all.size());
     EXPECT_EQ("Phantom", all.back()["kind"]);
+    EXPECT_EQ("AHIJO", read_file(dev.path("sim/" + all.back()["file"].get<std::string>())));
 
     // 0x46: only 1 is "1".
     for (auto [v, want] : { std::pair{ 1u, "1" }, { 2u, "0" }, { 1u, "1" }, { 0u, "0" } }) {

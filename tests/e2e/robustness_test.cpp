@@ -4,8 +4,7 @@
 
 #include <regex>
 
-#include "protocol/tovak_cmd_ids.h"
-#include "sim_device.h"
+#include "device_test.h"
 
 namespace {
 

@@ -87,6 +87,8 @@ TEST_F(Settings, ItemListsAddRemoveAndListAlike)
         EXPECT_EQ(0u, send(k.add, {}).len) << k.name << ": a missing field reads as 0";
         EXPECT_EQ(0u, list_of(send(k.get), k.width)[0]) << k.name;
     }
+    // Only the message listing logs its count, after each copy.
+    EXPECT_EQ(count(dev.daemon_stdout(), ": handler_get_msg\n"), count(dev.daemon_stdout(), ": size = "));
 }
 
 TEST_F(Settings, ConfigFileChoicesAreTakenOrRefusedAndSurviveARestart)

@@ -7,19 +7,11 @@
 #include <algorithm>
 #include <regex>
 
-#include "sim_device.h"
+#include "device_test.h"
 
 namespace {
 
 const size_t npos = std::string::npos;
-
-size_t count(const std::string& text, const std::string& needle)
-{
-    size_t n = 0;
-    for (size_t at = text.find(needle); at != npos; at = text.find(needle, at + 1))
-        n++;
-    return n;
-}
 
 int sim(std::vector<std::string> args, std::string* out = nullptr, std::string* err = nullptr)
 {

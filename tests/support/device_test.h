@@ -4,6 +4,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <memory>
@@ -16,6 +17,13 @@
 #include "sim_device.h"
 
 using Bytes = std::vector<uint8_t>;
+
+// The type bits of what is at path, not following a link.
+inline mode_t kind(const std::string& path)
+{
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0 ? st.st_mode & S_IFMT : 0;
+}
 
 inline size_t count(const std::string& text, const std::string& needle)
 {

@@ -249,6 +249,7 @@ TEST_F(Config, ItemSetsKeepOneOfEachInOrderAndNeedAParsedFile)
         EXPECT_EQ(-1, k.rm(1)) << k.name;
         EXPECT_EQ(-1, k.get(&ids, &n)) << k.name;
         EXPECT_EQ(-1, n) << k.name;
+        EXPECT_TRUE(k.get(nullptr, &n) == -1 && k.get(&ids, nullptr) == -1) << k.name;
     }
     tovak_msg_entry* entries = nullptr;
     int n = 0;
@@ -283,10 +284,15 @@ TEST_F(Config, ItemSetsKeepOneOfEachInOrderAndNeedAParsedFile)
     EXPECT_NE(std::string::npos, tovak_config_text().find("\n1,7\n"));
 }
 
-// A file over the limit is not read at all: the load fails as for a file
-// that can't be opened, whatever its size claims.
-TEST_F(Config, FilesOverTheLimitAreNotRead)
+// A file over the limit, or not a regular file, is not read at all: the load
+// fails as for a file that can't be opened, whatever its size claims. No
+// load leaves its descriptor open.
+TEST_F(Config, FilesOverTheLimitOrNotRegularAreNotRead)
 {
+    const auto open_descriptors = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const auto fds = open_descriptors();
     const std::string on = "<LogState>on</LogState>\n#";
     for (size_t size : { size_t(TOVAK_CONFIG_MAX_SIZE), size_t(TOVAK_CONFIG_MAX_SIZE) + 1 }) {
         SCOPED_TRACE(size);
@@ -297,6 +303,13 @@ TEST_F(Config, FilesOverTheLimitAreNotRead)
         EXPECT_EQ(fits ? 1u : 0u, tovak_config_get_log_state());
         EXPECT_EQ(in, tovak_config_locked()->path);
     }
+    EXPECT_EQ(-1, tovak_config_load_file(dir.path().c_str()));
+    // A regular file whose first read fails reads as empty, once: a load
+    // that read on would meet the alarm.
+    alarm(10);
+    EXPECT_EQ(0, tovak_config_load_file("/proc/self/mem"));
+    alarm(0);
+    EXPECT_EQ(fds, open_descriptors());
     // A regular file whose size says 0 and that reads on for megabytes.
     const char* big = "/proc/kallsyms";
     if (read_file(big).size() <= TOVAK_CONFIG_MAX_SIZE)

@@ -1,5 +1,6 @@
 // Saves through a temporary file: what they refuse to replace, what planted
 // names can't do to them, and what a killed save leaves for the next.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -14,7 +15,7 @@
 #include <set>
 
 #include "common/tovak_file.h"
-#include "sim_device.h"
+#include "device_test.h"
 
 namespace fs = std::filesystem;
 
@@ -31,13 +32,6 @@ std::set<std::string> names_in(const std::string& dir)
     for (const auto& e : fs::directory_iterator(dir))
         names.insert(e.path().filename().string());
     return names;
-}
-
-// The type bits of what is at path, not following a link.
-mode_t kind(const std::string& path)
-{
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0 ? st.st_mode & S_IFMT : 0;
 }
 
 mode_t mode_of(const std::string& path)
@@ -124,6 +118,15 @@ TEST_F(File, RegularFilesAreReplacedAndCreatedWhole)
     EXPECT_TRUE(tovak_file_replace("dm.cfg", [](int fd) { return put(fd, "four"); }));
     fs::current_path(cwd);
     EXPECT_EQ("four", read_file(target));
+
+    // With no standard input the folder is opened as descriptor 0, and
+    // closed again.
+    const int in = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    EXPECT_TRUE(tovak_file_replace(target.c_str(), [](int fd) { return put(fd, "four"); }));
+    EXPECT_EQ(-1, fcntl(STDIN_FILENO, F_GETFD)) << "left open";
+    dup2(in, STDIN_FILENO);
+    close(in);
 
     for (const char* bad : { "", "/", ".", "..", (const char*)nullptr })
         EXPECT_FALSE(tovak_file_replace(bad, [](int fd) { return put(fd, "x"); })) << (bad ? bad : "null");

@@ -14,8 +14,8 @@
 #include <sstream>
 #include <thread>
 
+#include "device_test.h"
 #include "protocol/unix_socket.h"
-#include "sim_device.h"
 #include "tovakctl.h"
 
 namespace {
@@ -96,14 +96,6 @@ private:
     std::map<uint32_t, Reply> replies_;
     std::thread thread_;
 };
-
-size_t count(const std::string& text, const std::string& needle)
-{
-    size_t n = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
-        n++;
-    return n;
-}
 
 struct CtlRun {
     int rc;
