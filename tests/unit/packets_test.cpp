@@ -5,6 +5,7 @@
 #include "hex_text.h"
 #include "linked_devsim.h"
 #include "logging/tovak_data.h"
+#include "logging/tovak_diag.h"
 
 namespace {
 
@@ -195,3 +196,35 @@ TEST_F(Packets, RangeAnswersAtTheirSizeEdges)
 }
 
 } // namespace
+
+// A frame needs a byte to carry and room past its header words; a refused
+// call writes nothing into the buffer.
+TEST(Frames, EncodeRefusesAtItsEdgesAndWritesNothingThen)
+{
+    const uint8_t one[] = { 0x1d };
+    struct Case {
+        const uint8_t* pkt;
+        uint32_t len, size;
+        bool remote, framed;
+    };
+    const Case cases[] = {
+        { one, 1, 64, false, true },      { one, 1, 64, true, true },  { one, 0, 64, false, false },
+        { nullptr, 1, 64, false, false }, { one, 1, 4, false, false }, { one, 1, 8, true, false },
+    };
+    for (const Case& c : cases) {
+        uint8_t buf[64];
+        memset(buf, 0xaa, sizeof buf);
+        const int n = tovak_hdlc_encode_frame(c.pkt, c.len, buf, c.size, c.remote);
+        SCOPED_TRACE("len " + std::to_string(c.len) + " size " + std::to_string(c.size));
+        if (!c.framed) {
+            EXPECT_EQ(-1, n);
+            EXPECT_EQ(std::string(sizeof buf, char(0xaa)), std::string(buf, buf + sizeof buf));
+            continue;
+        }
+        // The header words, the byte, a CRC of two bytes, the flag.
+        const int header = c.remote ? 8 : 4;
+        ASSERT_EQ(header + 4, n);
+        EXPECT_EQ(0x1d, buf[header]);
+        EXPECT_EQ(0x7e, buf[n - 1]);
+    }
+}
