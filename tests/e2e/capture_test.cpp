@@ -151,6 +151,7 @@ TEST_F(Capture, EnabledCategoriesCaptureWhatTheLoggerWroteAndNothingElse)
     std::vector<uint32_t> enabled;
     EXPECT_TRUE(tovak_unpack_u32s(r.data, r.len, &enabled));
     EXPECT_EQ((std::vector<uint32_t>{ 1, 1, 0, 1 }), enabled);
+    EXPECT_EQ(std::string::npos, dev.daemon_stdout().find("Timed Wait expired")) << "a wake-up is no time-out";
 }
 
 TEST_F(Capture, TheSmallestSizeKeepsOnlyTheNewestOfAFlood)

@@ -164,6 +164,12 @@ TEST_F(Settings, DplInterfacesAreListedProgrammedAndReset)
     EXPECT_TRUE(tovak_unpack_counted_ids(configured.data, configured.len, &ids));
     EXPECT_EQ((std::vector<uint16_t>{ 1, 15, 19, 300 }), ids);
 
+    EXPECT_EQ(0u, send(CMD_DPL_SET_STATE, tovak_pack_u32(0)).len);
+    EXPECT_EQ(std::vector<int>{}, logging());
+    EXPECT_EQ(0u, tovak_get_u32(send(CMD_DPL_GET_STATE).data));
+    EXPECT_TRUE(config_has("<DplState>off</DplState>"));
+    EXPECT_EQ(0u, send(CMD_DPL_SET_STATE, tovak_pack_u32(1)).len);
+
     EXPECT_EQ(5120u, send(CMD_DPL_RESET).len);
     EXPECT_EQ(std::vector<int>{}, logging());
     EXPECT_EQ(0u, tovak_get_u32(send(CMD_DPL_GET_STATE).data));

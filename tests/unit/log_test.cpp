@@ -41,6 +41,15 @@ TEST(Log, CauseLineExactBytes)
     }
 }
 
+// A message longer than a line's room is cut, and the line still ends in one
+// newline.
+TEST(Log, ALongMessageIsCutToItsRoom)
+{
+    const std::string longer(3000, 'x');
+    const std::string out = fd_output(STDOUT_FILENO, [&] { tovak_log_line(7, "TOVAK", "%s", longer.c_str()); });
+    EXPECT_EQ("7: " + std::string(1023, 'x') + "\n", out);
+}
+
 // Provisioning that fails says why on stderr; stdout keeps its lines alone.
 TEST(Log, ProvisioningFailuresNameTheFileAndTheError)
 {
