@@ -87,8 +87,15 @@ TEST_F(Settings, ItemListsAddRemoveAndListAlike)
         EXPECT_EQ(0u, send(k.add, {}).len) << k.name << ": a missing field reads as 0";
         EXPECT_EQ(0u, list_of(send(k.get), k.width)[0]) << k.name;
     }
-    // Only the message listing logs its count, after each copy.
-    EXPECT_EQ(count(dev.daemon_stdout(), ": handler_get_msg\n"), count(dev.daemon_stdout(), ": size = "));
+    // Only the message listing logs its count, after each copy: three listings, three counts. The daemon's
+    // output reaches the test a little after its replies.
+    std::string out;
+    EXPECT_TRUE(wait_until([&] {
+        out = dev.daemon_stdout();
+        return count(out, ": size = ") >= 3;
+    }));
+    EXPECT_EQ(3u, count(out, ": handler_get_msg\n"));
+    EXPECT_EQ(3u, count(out, ": size = "));
 }
 
 TEST_F(Settings, ConfigFileChoicesAreTakenOrRefusedAndSurviveARestart)
