@@ -133,6 +133,16 @@ protected:
 TEST_F(Capture, EnabledCategoriesCaptureWhatTheLoggerWroteAndNothingElse)
 {
     start();
+    // Start-up lists the log devices, and closes their directory again.
+    std::error_code ec;
+    int seen = 0;
+    const std::string fds = "/proc/" + std::to_string(find_daemon(dev.launcher_pid())) + "/fd";
+    for (const auto& e : std::filesystem::directory_iterator(fds, ec)) {
+        const std::string to = std::filesystem::read_symlink(e.path(), ec).string();
+        seen++;
+        EXPECT_FALSE(to.size() >= 8 && to.compare(to.size() - 8, 8, "/dev/log") == 0) << e.path() << " " << to;
+    }
+    EXPECT_GT(seen, 3) << fds;
     // Threads waiting for capture on, or for their category, sleep.
     EXPECT_TRUE(daemon_asleep()) << "capture off";
     EXPECT_EQ(0u, send(CMD_ADBLOG_ON).len);

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "config/tovak_config.h"
+#include "config/tovak_config_lists.h"
 #include "sim_device.h"
 
 namespace {
@@ -142,6 +143,17 @@ TEST_F(Config, ElementsAndListGrammars)
     // clang-format on
     for (const Case& c : cases)
         EXPECT_NE(std::string::npos, round_trip(c.file).find(c.written)) << c.file << "\n" << read_file(out);
+}
+
+// A modem that gave no message ranges leaves the built-in ones, every one.
+TEST(ConfigLists, MessageRangesFallBackToAllTheBuiltInOnes)
+{
+    const auto list = tovak_msg_list_create("00005/03", {});
+    ASSERT_EQ(uint32_t(TOVAK_MSG_RANGE_BUILTIN_COUNT), list->range_count);
+    for (int i = 0; i < TOVAK_MSG_RANGE_BUILTIN_COUNT; i++)
+        EXPECT_TRUE(list->ranges[i].first == TOVAK_MSG_RANGES_BUILTIN[i].first &&
+                    list->ranges[i].last == TOVAK_MSG_RANGES_BUILTIN[i].last)
+            << i;
 }
 
 // A file is read in chunks: its last byte counts wherever the chunks end, and

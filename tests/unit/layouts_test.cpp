@@ -32,6 +32,10 @@ TEST(Layouts, ListsAndTextsAreTakenOnlyWhole)
     EXPECT_FALSE(tovak_unpack_counted_text(bytes({ 3, 0, 'a', 0, 0 }).data(), 5, &text)) << "a zero inside";
     EXPECT_FALSE(tovak_unpack_counted_text(bytes({ 0, 0 }).data(), 2, &text)) << "no zero byte";
     EXPECT_FALSE(tovak_unpack_text(bytes({ 'a', 'b' }).data(), 2, &text));
+
+    // A count given, 0 included, is sent as it is: tests lie with it.
+    EXPECT_EQ(bytes({ 0, 0, 'a', 0 }), tovak_pack_counted_text("a", 0));
+    EXPECT_EQ(bytes({ 2, 0, 'a', 0 }), tovak_pack_counted_text("a"));
 }
 
 } // namespace

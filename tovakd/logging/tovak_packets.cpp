@@ -49,8 +49,8 @@ std::vector<tovak_packet> tovak_build_log_mask_packets(const std::vector<uint16_
             continue;
         const uint64_t mask_len = (uint64_t(last) + 7) >> 3;
         if (16 + mask_len > TOVAK_MAX_PACKET_SIZE) {
-            TLOG_ERR(
-                "log code range too wide for one mask packet"); // no such modem; the frame could not carry it anyway
+            // No such modem; the frame could not carry it anyway.
+            TLOG_ERR("log code range too wide for one mask packet");
             continue;
         }
         tovak_packet p = { DIAG_CMD_LOG_CONFIG, 0, 0, 0 };
