@@ -54,12 +54,20 @@ std::vector<std::string> captures_in(const std::string& dir)
     return names;
 }
 
-// The daemon among pid's descendants, by its name.
+// The daemon among pid's descendants, by its name; an ARM build runs as
+// qemu with the daemon's path among its arguments.
 pid_t find_daemon(pid_t pid)
 {
     const std::string proc = "/proc/" + std::to_string(pid);
-    if (read_file(proc + "/comm") == "tovakd\n")
+    const std::string comm = read_file(proc + "/comm");
+    if (comm == "tovakd\n")
         return pid;
+    if (comm.rfind("qemu-", 0) == 0) {
+        std::istringstream args(read_file(proc + "/cmdline"));
+        for (std::string arg; std::getline(args, arg, '\0');)
+            if (arg.size() >= 7 && arg.compare(arg.size() - 7, 7, "/tovakd") == 0)
+                return pid;
+    }
     std::istringstream children(read_file(proc + "/task/" + std::to_string(pid) + "/children"));
     pid_t found = -1;
     for (pid_t child; found < 0 && children >> child;)
