@@ -41,8 +41,7 @@ TEST(Log, CauseLineExactBytes)
     }
 }
 
-// A message longer than a line's room is cut, and the line still ends in one
-// newline.
+// A message longer than a line's room is cut, and still ends in one newline.
 TEST(Log, ALongMessageIsCutToItsRoom)
 {
     const std::string longer(3000, 'x');
