@@ -9,6 +9,7 @@
 #include "common/tovak_mutex.h"
 #include "logging/tovak_diag.h"
 #include "platform/diag.h"
+#include "protocol/tovak_layouts.h"
 
 #define LOG_MODULE "tovak_handler"
 
@@ -27,23 +28,13 @@ static const uint8_t QUERY_SSID_RANGES[] = { DIAG_CMD_EXT_MSG_CONFIG, EXT_MSG_RE
 static const uint8_t QUERY_EVENT_MASK[] = { DIAG_CMD_EVENT_MASK_GET, 0, 0, 0 };
 // clang-format on
 
-static uint16_t get_u16(const std::vector<uint8_t>& a, size_t at)
-{
-    return uint16_t(a[at] | a[at + 1] << 8);
-}
-
-static uint32_t get_u32(const std::vector<uint8_t>& a, size_t at)
-{
-    return uint32_t(a[at]) | uint32_t(a[at + 1]) << 8 | uint32_t(a[at + 2]) << 16 | uint32_t(a[at + 3]) << 24;
-}
-
 bool tovak_data_take_log_ranges(const std::vector<uint8_t>& answer, tovak_config& c)
 {
     if (answer.size() < LOG_RANGES_MIN_SIZE) {
         TLOG("Critical Error: size error in logging config req\n");
         return false;
     }
-    uint32_t status = get_u32(answer, 8);
+    uint32_t status = tovak_get_u32(answer.data() + 8);
     if (status != 0) {
         TLOG("Critical Error: Can't get successful logging config rsp\n");
         return false;
@@ -55,7 +46,7 @@ bool tovak_data_take_log_ranges(const std::vector<uint8_t>& answer, tovak_config
         return false;
     }
     for (size_t i = 0; i < count; i++)
-        c.log_last_items.push_back(get_u32(answer, LOG_RANGES_HEADER + 4 * i));
+        c.log_last_items.push_back(tovak_get_u32(answer.data() + LOG_RANGES_HEADER + 4 * i));
     return true;
 }
 
@@ -69,7 +60,7 @@ bool tovak_data_take_ssid_ranges(const std::vector<uint8_t>& answer, tovak_confi
         TLOG("Critical Error: failure in extendedMsgRptConfig request\n");
         return false;
     }
-    uint32_t count = get_u32(answer, 4);
+    uint32_t count = tovak_get_u32(answer.data() + 4);
     if (answer.size() < SSID_RANGES_MIN_WITH_RANGES) {
         TLOG("Critical Error: size error in extended msg range\n");
         return false;
@@ -78,7 +69,7 @@ bool tovak_data_take_ssid_ranges(const std::vector<uint8_t>& answer, tovak_confi
     size_t present = (answer.size() - SSID_RANGES_HEADER) / 4;
     size_t taken = std::min<size_t>(count, present);
     for (size_t i = 0; i < taken; i++) {
-        uint32_t range = get_u32(answer, SSID_RANGES_HEADER + 4 * i);
+        uint32_t range = tovak_get_u32(answer.data() + SSID_RANGES_HEADER + 4 * i);
         TLOG("msg range %d = 0x%08x\n", int(i), range);
         c.msg_ssid_ranges.push_back(range);
     }
@@ -91,7 +82,7 @@ bool tovak_data_take_event_count(const std::vector<uint8_t>& answer, tovak_confi
         TLOG("Critical Error: size error in event mask req\n");
         return false;
     }
-    c.event_id_count = get_u16(answer, 4);
+    c.event_id_count = tovak_get_u16(answer.data() + 4);
     TLOG("Number of event ID = %d\n", int(c.event_id_count));
     return true;
 }

@@ -3,26 +3,15 @@
 #include <algorithm>
 
 #include "common/tovak_log.h"
+#include "protocol/tovak_layouts.h"
 
 #define LOG_MODULE "tovak_handler"
-
-static void put_u16(tovak_packet& p, uint16_t v)
-{
-    p.push_back(uint8_t(v));
-    p.push_back(uint8_t(v >> 8));
-}
-
-static void put_u32(tovak_packet& p, uint32_t v)
-{
-    for (int i = 0; i < 4; i++)
-        p.push_back(uint8_t(v >> (8 * i)));
-}
 
 tovak_packet tovak_build_event_mask_packet(const std::vector<uint16_t>& ids, uint16_t n)
 {
     tovak_packet p = { DIAG_CMD_EVENT_MASK_SET, 0 };
-    put_u16(p, 0);
-    put_u16(p, n);
+    tovak_put_u16(&p, 0);
+    tovak_put_u16(&p, n);
     // One byte more than needed when n is a multiple of 8; the modem has
     // always been sent this length.
     const size_t mask_len = (size_t(n) >> 3) + 1;
@@ -54,9 +43,9 @@ std::vector<tovak_packet> tovak_build_log_mask_packets(const std::vector<uint16_
             continue;
         }
         tovak_packet p = { DIAG_CMD_LOG_CONFIG, 0, 0, 0 };
-        put_u32(p, LOG_CONFIG_OP_SET_MASK);
-        put_u32(p, q);
-        put_u32(p, last);
+        tovak_put_u32(&p, LOG_CONFIG_OP_SET_MASK);
+        tovak_put_u32(&p, q);
+        tovak_put_u32(&p, last);
         const size_t mask_at = p.size();
         p.resize(mask_at + size_t(mask_len), 0);
         for (auto it = first; it != sorted.end() && (*it >> 12) == q; ++it) {
@@ -87,9 +76,9 @@ std::vector<tovak_packet> tovak_build_msg_mask_packets(const std::vector<std::pa
             continue;
         }
         tovak_packet p = { DIAG_CMD_EXT_MSG_CONFIG, EXT_MSG_SET_RT_MASK };
-        put_u16(p, r.first);
-        put_u16(p, r.last);
-        put_u16(p, 0);
+        tovak_put_u16(&p, r.first);
+        tovak_put_u16(&p, r.last);
+        tovak_put_u16(&p, 0);
         auto it = std::lower_bound(sorted.begin(), sorted.end(), std::make_pair(r.first, uint32_t(0)));
         for (uint32_t ssid = r.first; ssid <= r.last; ssid++) {
             uint32_t mask = 0;
@@ -97,7 +86,7 @@ std::vector<tovak_packet> tovak_build_msg_mask_packets(const std::vector<std::pa
                 mask = it->second;
                 ++it;
             }
-            put_u32(p, mask);
+            tovak_put_u32(&p, mask);
         }
         out.push_back(std::move(p));
     }
