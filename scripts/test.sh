@@ -2,7 +2,8 @@
 # test.sh [STAGE...]: builds and runs the tests in stages, in this order:
 #   plain  the format check, then every test, plain build
 #   asan   every test under AddressSanitizer and UndefinedBehaviorSanitizer
-#   tsan   the concurrent tests (ctest label "concurrent") under ThreadSanitizer
+#   tsan   the concurrent tests (ctest label "concurrent") and the hostile
+#          clients' tests under ThreadSanitizer
 #   fuzz   each libFuzzer target for TOVAK_FUZZ_SECONDS (default 45) with
 #          ASan and UBSan, inside a sandbox whose device paths are scratch
 #   cross  the armhf daemon under qemu (scripts/cross-test.sh)
@@ -55,15 +56,21 @@ asan() {
 }
 
 tsan() {
-    begin "ThreadSanitizer build, concurrent tests"
+    begin "ThreadSanitizer build, concurrent and hostile tests"
     configure "$top/build-tsan" -DTOVAK_TSAN=ON
     cmake --build "$top/build-tsan" --target tovak_unit_tests tovak_e2e_tests tovak_fault_campaign_tests tovakd tovak-sim \
         tovak-devsim
     # The daemon runs as its own process; the tests fail on any report in
     # its output, so a race never passes silently.
-    TOVAK_TEST_TIME_SCALE=${TOVAK_TEST_TIME_SCALE:-4} \
-    TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1} \
-        ctest --test-dir "$top/build-tsan" -L concurrent -j "$jobs" --output-on-failure --timeout 900
+    # The hostile clients' tests too: most hold one connection, but the
+    # daemon meets each with its own threads.
+    local select
+    for select in "-L concurrent" "-R ^Hostile -LE concurrent"; do
+        # shellcheck disable=SC2086
+        TOVAK_TEST_TIME_SCALE=${TOVAK_TEST_TIME_SCALE:-4} \
+        TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1} \
+            ctest --test-dir "$top/build-tsan" $select -j "$jobs" --output-on-failure --timeout 900
+    done
     end tsan
 }
 
