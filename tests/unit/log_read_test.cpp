@@ -280,14 +280,15 @@ TEST(LogReadConfig, TheFactoryFileAndTheDaemonsNumberRules)
     EXPECT_FALSE(cfg.dpl_on);
     EXPECT_EQ((std::set<uint16_t>{ 1, 15, 19 }), cfg.ifaces);
 
-    ASSERT_TRUE(lr_parse_config("<EventIDs>0x12,\t00007</EventIDs><LogCodes>12 b061\n0x0X10</LogCodes>"
-                                "<MessageLevels>5/3 nolevel 6/40 7/31</MessageLevels><DplState> on </DplState>"
-                                "<IfIDs>300</IfIDs>",
+    // Lines joined with nothing, '#' comments dropped, "on" exactly: as the daemon reads them.
+    ASSERT_TRUE(lr_parse_config("<EventIDs>0x12,\t00007</EventIDs><LogCodes>12 b061\n0c0 0x0X10\n# b0c0\n</LogCodes>"
+                                "<MessageLevels>5/3 nolevel 6/40 7/31 # 8/1\n9/\n1</MessageLevels>"
+                                "<DplState> on </DplState><IfIDs>300</IfIDs>",
                                 &cfg));
     EXPECT_EQ((std::set<uint16_t>{ 0, 7 }), cfg.events);
-    EXPECT_EQ((std::set<uint16_t>{ 0, 0x12, 0xB061 }), cfg.codes);
-    EXPECT_EQ((std::set<std::pair<uint16_t, uint8_t>>{ { 5, 3 }, { 7, 31 } }), cfg.messages);
-    EXPECT_TRUE(cfg.dpl_on);
+    EXPECT_EQ((std::set<uint16_t>{ 0, 0x12, 0xFFFF }), cfg.codes);
+    EXPECT_EQ((std::set<std::pair<uint16_t, uint8_t>>{ { 5, 3 }, { 7, 31 }, { 9, 1 } }), cfg.messages);
+    EXPECT_FALSE(cfg.dpl_on);
     EXPECT_EQ((std::set<uint16_t>{ 44 }), cfg.ifaces) << "the modem takes the low byte";
     EXPECT_FALSE(lr_parse_config("not a configuration", &cfg));
 }
