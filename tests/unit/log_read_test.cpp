@@ -557,6 +557,8 @@ TEST_F(LogReadCtl, SummaryExitStatusGatesOnMissingItemsAndBadFrames)
     hdlc_frame_append(noisy, pkt.data(), pkt.size(), 1);
     const std::string bad = file("bad.qmdl", noisy);
     const std::string other = file("other.qmdl", framed({ log_packet(0xB0E2, { 1 }) }));
+    LogEntry ev; // tag 72451, no name for it here, values [1]
+    ev.binary = { 0x03, 0x1B, 0x01, 0x00, 3, 1, 0, 1, 0, 0, 0 };
     struct Case {
         std::vector<std::string> args;
         int rc;
@@ -571,6 +573,7 @@ TEST_F(LogReadCtl, SummaryExitStatusGatesOnMissingItemsAndBadFrames)
         { { "--summary", "--config", dir.path() + "/none", good }, 1, "is not a readable dm.cfg" },
         { { good, dir.path() + "/none" }, 1, "cannot open" },
         { { file("text", Bytes(100, 'a')) }, 1, "is not a modem log or a capture file" },
+        { { file("adbevents_1.log", logger_entry_bytes(ev)) }, 0, " I [72451] : [1]\n" },
         { {}, 2, "no file given" },
         { { "--code", "zz", good }, 2, "bad --code 'zz'" },
         { { "--event", "70000", good }, 2, "bad --event '70000'" },
