@@ -1,5 +1,6 @@
 #include "log_read.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "log_read_names.h"
@@ -384,16 +385,45 @@ std::string lr_format_message(const char* fmt, size_t fmt_len, const uint32_t* a
 
 namespace {
 
-std::string element(const std::string& text, const std::string& tag, bool* found)
+// The file as the daemon reads it: lines that begin with '#' dropped, the
+// others cut at their first '#'.
+std::vector<std::string> kept_lines(const std::string& text)
+{
+    std::vector<std::string> lines;
+    for (size_t at = 0; at < text.size();) {
+        const size_t nl = std::min(text.find('\n', at), text.size());
+        const void* hash = memchr(text.data() + at, '#', nl - at);
+        if (hash != text.data() + at)
+            lines.push_back(text.substr(at, (hash ? size_t(static_cast<const char*>(hash) - text.data()) : nl) - at));
+        at = nl + 1;
+    }
+    return lines;
+}
+
+// An element's value as the daemon takes it: from its first open tag, over
+// lines joined with nothing, to the close tag (looked for from the start of
+// each line).
+std::string element(const std::vector<std::string>& lines, const std::string& tag, bool* found)
 {
     const std::string open = "<" + tag + ">", close = "</" + tag + ">";
-    size_t a = text.find(open);
-    if (a == std::string::npos)
+    size_t i = 0, a = std::string::npos;
+    while (i < lines.size() && (a = lines[i].find(open)) == std::string::npos)
+        i++;
+    if (i == lines.size())
         return "";
-    a += open.size();
-    size_t b = text.find(close, a);
     *found = true;
-    return text.substr(a, b == std::string::npos ? std::string::npos : b - a);
+    a += open.size();
+    const size_t b = lines[i].find(close);
+    if (b != std::string::npos)
+        return lines[i].substr(a, b >= a ? b - a : std::string::npos);
+    std::string value = lines[i].substr(a);
+    for (i++; i < lines.size(); i++) {
+        const size_t end = lines[i].find(close);
+        value.append(lines[i], 0, end);
+        if (end != std::string::npos)
+            break;
+    }
+    return value;
 }
 
 std::vector<std::string> tokens(const std::string& s)
@@ -426,15 +456,16 @@ bool both_prefixes(const std::string& t)
 
 } // namespace
 
-bool lr_parse_config(const std::string& text, LrConfig* cfg)
+bool lr_parse_config(const std::string& file, LrConfig* cfg)
 {
     *cfg = LrConfig();
+    const std::vector<std::string> lines = kept_lines(file);
     bool found = false;
-    for (const std::string& t : tokens(element(text, "EventIDs", &found)))
+    for (const std::string& t : tokens(element(lines, "EventIDs", &found)))
         cfg->events.insert(number(t, both_prefixes(t) ? 16 : 10));
-    for (const std::string& t : tokens(element(text, "LogCodes", &found)))
+    for (const std::string& t : tokens(element(lines, "LogCodes", &found)))
         cfg->codes.insert(number(t, both_prefixes(t) ? 10 : 16));
-    for (const std::string& t : tokens(element(text, "MessageLevels", &found))) {
+    for (const std::string& t : tokens(element(lines, "MessageLevels", &found))) {
         const size_t slash = t.find('/');
         if (slash == std::string::npos)
             continue;
@@ -444,11 +475,9 @@ bool lr_parse_config(const std::string& text, LrConfig* cfg)
             cfg->messages.insert({ number(a, both_prefixes(a) ? 16 : 10), uint8_t(level) });
     }
     bool dpl = false;
-    std::string state = element(text, "DplState", &dpl);
-    state.erase(0, state.find_first_not_of(" \t\r\n"));
-    state.erase(state.find_last_not_of(" \t\r\n") + 1);
-    cfg->dpl_on = state == "on";
-    for (const std::string& t : tokens(element(text, "IfIDs", &dpl)))
+    // Exactly "on", blanks and all, as the daemon takes it.
+    cfg->dpl_on = element(lines, "DplState", &dpl) == "on";
+    for (const std::string& t : tokens(element(lines, "IfIDs", &dpl)))
         cfg->ifaces.insert(uint8_t(number(t, both_prefixes(t) ? 16 : 10)));
     return found;
 }

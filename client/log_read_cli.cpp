@@ -249,12 +249,14 @@ void print_entry(std::ostream& out, const std::string& file, const LrLogEntry& e
                  const std::map<uint32_t, std::string>& tags)
 {
     LrLogEntry named;
-    const LrLogEntry& e = entry.binary && !tags.empty() ? named : entry;
+    const LrLogEntry& e = entry.binary && !entry.tag.empty() ? named : entry;
     if (&e == &named) {
         named = entry;
         auto it = tags.find(uint32_t(strtoul(entry.tag.c_str(), nullptr, 10)));
-        if (it != tags.end() && !entry.tag.empty())
+        if (it != tags.end())
             named.tag = it->second;
+        else if (!json) // as logcat shows a tag it has no name for
+            named.tag = "[" + entry.tag + "]";
     }
     if (json) {
         const int64_t t = entry_us(e);

@@ -280,14 +280,15 @@ TEST(LogReadConfig, TheFactoryFileAndTheDaemonsNumberRules)
     EXPECT_FALSE(cfg.dpl_on);
     EXPECT_EQ((std::set<uint16_t>{ 1, 15, 19 }), cfg.ifaces);
 
-    ASSERT_TRUE(lr_parse_config("<EventIDs>0x12,\t00007</EventIDs><LogCodes>12 b061\n0x0X10</LogCodes>"
-                                "<MessageLevels>5/3 nolevel 6/40 7/31</MessageLevels><DplState> on </DplState>"
-                                "<IfIDs>300</IfIDs>",
+    // Lines joined with nothing, '#' comments dropped, "on" exactly: as the daemon reads them.
+    ASSERT_TRUE(lr_parse_config("<EventIDs>0x12,\t00007</EventIDs><LogCodes>12 b061\n0c0 0x0X10\n# b0c0\n</LogCodes>"
+                                "<MessageLevels>5/3 nolevel 6/40 7/31 # 8/1\n9/\n1</MessageLevels>"
+                                "<DplState> on </DplState><IfIDs>300</IfIDs>",
                                 &cfg));
     EXPECT_EQ((std::set<uint16_t>{ 0, 7 }), cfg.events);
-    EXPECT_EQ((std::set<uint16_t>{ 0, 0x12, 0xB061 }), cfg.codes);
-    EXPECT_EQ((std::set<std::pair<uint16_t, uint8_t>>{ { 5, 3 }, { 7, 31 } }), cfg.messages);
-    EXPECT_TRUE(cfg.dpl_on);
+    EXPECT_EQ((std::set<uint16_t>{ 0, 0x12, 0xFFFF }), cfg.codes);
+    EXPECT_EQ((std::set<std::pair<uint16_t, uint8_t>>{ { 5, 3 }, { 7, 31 }, { 9, 1 } }), cfg.messages);
+    EXPECT_FALSE(cfg.dpl_on);
     EXPECT_EQ((std::set<uint16_t>{ 44 }), cfg.ifaces) << "the modem takes the low byte";
     EXPECT_FALSE(lr_parse_config("not a configuration", &cfg));
 }
@@ -556,6 +557,8 @@ TEST_F(LogReadCtl, SummaryExitStatusGatesOnMissingItemsAndBadFrames)
     hdlc_frame_append(noisy, pkt.data(), pkt.size(), 1);
     const std::string bad = file("bad.qmdl", noisy);
     const std::string other = file("other.qmdl", framed({ log_packet(0xB0E2, { 1 }) }));
+    LogEntry ev; // tag 72451, no name for it here, values [1]
+    ev.binary = { 0x03, 0x1B, 0x01, 0x00, 3, 1, 0, 1, 0, 0, 0 };
     struct Case {
         std::vector<std::string> args;
         int rc;
@@ -570,6 +573,7 @@ TEST_F(LogReadCtl, SummaryExitStatusGatesOnMissingItemsAndBadFrames)
         { { "--summary", "--config", dir.path() + "/none", good }, 1, "is not a readable dm.cfg" },
         { { good, dir.path() + "/none" }, 1, "cannot open" },
         { { file("text", Bytes(100, 'a')) }, 1, "is not a modem log or a capture file" },
+        { { file("adbevents_1.log", logger_entry_bytes(ev)) }, 0, " I [72451] : [1]\n" },
         { {}, 2, "no file given" },
         { { "--code", "zz", good }, 2, "bad --code 'zz'" },
         { { "--event", "70000", good }, 2, "bad --event '70000'" },
