@@ -12,8 +12,6 @@
 
 // Where the platform writes the modem log until an output path is set.
 #define DEFAULT_MODEM_LOG_DIR "/sdcard/diag_logs"
-// Where capture commits go until an output path is set.
-#define DEFAULT_CAPTURE_DIR "/sdcard/syslog"
 
 namespace {
 
@@ -56,12 +54,6 @@ std::string read_text(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-std::string parent_dir(const std::string& path)
-{
-    size_t slash = path.rfind('/');
-    return slash == std::string::npos || slash == 0 ? "/" : path.substr(0, slash);
 }
 
 std::string strip_slash(std::string dir)
@@ -107,11 +99,12 @@ CtlEffects::CtlEffects(const CtlOptions& opt, TovakClient& client, const TovakCo
 std::vector<std::string> CtlEffects::watched_dirs() const
 {
     std::vector<std::string> dirs;
-    std::string out = ctl_log_facts(opt_).out_path;
+    CtlLogFacts facts = ctl_log_facts(opt_);
     bool capture = is(row_, CMD_ADBLOG_COMMIT);
-    dirs.push_back(capture ? DEFAULT_CAPTURE_DIR : DEFAULT_MODEM_LOG_DIR);
+    dirs.push_back(capture ? CTL_CAPTURE_DIR : DEFAULT_MODEM_LOG_DIR);
+    std::string out = capture ? facts.capture_dir : facts.out_path;
     if (!out.empty())
-        dirs.push_back(strip_slash(capture ? parent_dir(out) : out));
+        dirs.push_back(strip_slash(out));
     std::vector<std::string> files;
     for (const std::string& d : dirs) {
         std::string f = ctl_device_file(opt_, d);

@@ -98,11 +98,17 @@ void logging_part(const CtlOptions& opt, TovakClient& client, bool logging, Stat
            : path.empty() ? "the platform's default (not set since tovakd started)"
                           : path + " (until tovakd restarts: dm.cfg does not keep it)",
            "out_path", path.empty() ? "null" : tovak_json_string(path));
+    // An output path serves one capture commit; later ones go to the default.
+    if (known && !path.empty())
+        s->add("capture to",
+               facts.capture_dir.empty()
+                   ? CTL_CAPTURE_DIR "/ (the output path served one capture commit already)"
+                   : facts.capture_dir + " for the next capture commit, then " CTL_CAPTURE_DIR "/ again",
+               "capture_dir", tovak_json_string(facts.capture_dir.empty() ? CTL_CAPTURE_DIR "/" : facts.capture_dir));
     if (logging && facts.pending_edits > 0)
         s->warnings.push_back(std::to_string(facts.pending_edits) +
-                              " item edit(s) made while logging is on are in "
-                              "dm.cfg but not in the modem: they reach it at the next log on (tovakctl log-off, then "
-                              "tovakctl log-on)");
+                              " item edit(s) made while logging is on: dm.cfg and the modem may differ until the "
+                              "next log on (tovakctl log-off, then tovakctl log-on)");
     if (client.get_events(&events).done() && client.get_logs(&codes).done() && client.get_msgs(&msgs).done())
         s->add("items",
                std::to_string(events.size()) + " event ids, " + std::to_string(codes.size()) + " log codes, " +

@@ -12,6 +12,8 @@
 
 // Raised with any change a user of the command line would notice.
 #define TOVAKCTL_VERSION "1.1"
+// Where capture commits go until an output path is set, and after one.
+#define CTL_CAPTURE_DIR "/sdcard/syslog"
 
 #define CTL_EXIT_OK 0
 // Refused, an unexpected reply, the session closed, no daemon to reach.
@@ -76,6 +78,9 @@ struct CtlLogFacts {
     bool known = false; // the log is visible from here
     // The latest output path tovakd accepted; "" for the platform's default.
     std::string out_path;
+    // Where the next capture commit goes; "" for the default. A path serves
+    // one capture commit only.
+    std::string capture_dir;
     // Item edits since the modem's masks were last sent or cleared.
     int pending_edits = 0;
     // The modem's event id count, from the latest log on; -1 unknown.

@@ -47,7 +47,7 @@ TEST_F(CtlEffectsTest, ModemLoggingEditsCommitsAndSizes)
     expect({ "--json", "rm-event", "1609" }, 0, { "\"pending\":true" });
     expect({ "add-event", "4096" }, 0, { "saved in the configuration file; the modem gets it at the next log on, not now",
                                          "the modem reports 2200 event ids (0 to 2199): it will not log event 4096" });
-    expect({ "status" }, 1, { "2 item edit(s) made while logging is on are in dm.cfg but not in the modem" });
+    expect({ "status" }, 1, { "2 item edit(s) made while logging is on: dm.cfg and the modem may differ" });
     expect({ "log-size", "5" }, 1, { "while modem logging runs" });
     expect({ "commit" }, 0, { "wrote /sdcard/diag_logs/diag_log_" });
     expect({ "log-off" }, 0, { "no modem log file was written: log off writes none" });
@@ -69,14 +69,19 @@ TEST_F(CtlEffectsTest, OutputPathAndCaptureFilesWhereTheyLand)
     expect({ "status" }, 0, { "out path      the platform's default" });
     expect({ "out-path", "/sdcard/mine/dm" }, 0, {});
     expect({ "out-path", "also/relative" }, 1, {});
-    expect({ "status" }, 0, { "out path      /sdcard/mine/dm (until tovakd restarts" });
+    expect({ "status" }, 0,
+           { "out path      /sdcard/mine/dm (until tovakd restarts", "capture to    /sdcard/mine/ for the next" });
     expect({ "capture", "on" }, 0, {});
     expect({ "capture", "on" }, 0, { "nothing changed: capture was already on" });
     ASSERT_TRUE(wait_until(
         [&] { return run({ "capture-commit" }).out.find("wrote /sdcard/mine/adbmain_") != std::string::npos; }));
+    // The output path served that one capture commit.
+    expect({ "capture-commit" }, 0, { "wrote /sdcard/syslog/adbmain_" });
     expect({ "category-rm", "events" }, 0, { "nothing changed: the category was already off" });
     expect({ "category-rm", "main" }, 0, { "category off until tovakd restarts" });
-    expect({ "status" }, 0, { "main        off, 10000000 bytes (until tovakd restarts: dm.cfg says on" });
+    expect({ "status" }, 0,
+           { "main        off, 10000000 bytes (until tovakd restarts: dm.cfg says on",
+             "capture to    /sdcard/syslog/ (the" });
     // What does not survive a restart is gone after one.
     restart();
     expect({ "status" }, 0, { "out path      the platform's default", "main        on," });
