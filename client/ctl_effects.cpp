@@ -3,10 +3,12 @@
 // device's files where it can see them.
 #include <dirent.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 
 #include "tovakctl.h"
 
@@ -118,11 +120,13 @@ void CtlEffects::before()
 {
     if (edits_items(row_) || is(row_, CMD_LOG_ON) || is(row_, CMD_LOG_OFF) || is(row_, CMD_COMMIT_LOG))
         client_.get_log_state(&logging_);
-    if (edits_items(row_)) {
-        std::string path;
-        if (client_.get_config_file(&path).done())
-            config_ = ctl_device_file(opt_, path);
+    if (edits_items(row_) || is(row_, CMD_ADBLOG_SET_SIZE) || is(row_, CMD_ADBLOG_SET_CATEGORIES) ||
+        is(row_, CMD_SET_CONFIG_FILE)) {
+        if (client_.get_config_file(&config_name_before_).done())
+            config_ = ctl_device_file(opt_, config_name_before_);
         config_before_ = config_.empty() ? "" : read_text(config_);
+    }
+    if (edits_items(row_)) {
         uint16_t id = uint16_t(args_[0].num);
         if (is(row_, CMD_ADD_EVENT) || is(row_, CMD_RM_EVENT)) {
             std::vector<uint16_t> ids;
@@ -154,11 +158,20 @@ void CtlEffects::before()
         present_ = v != 0;
     } else if (is(row_, CMD_DPL_SET_STATE)) {
         known_ = client_.get_dpl_state(&present_).done();
+    } else if (is(row_, CMD_DPL_RESET)) {
+        std::vector<uint16_t> ids;
+        known_ = client_.get_dpl_state(&present_).done() && client_.get_dpl_ifaces(&ids).done();
+        present_ = present_ || !ids.empty();
+    } else if (is(row_, CMD_ADBLOG_SET_SIZE)) {
+        known_ = client_.get_capture_state(&capture_).done() &&
+                 client_.get_capture_size(uint32_t(args_[0].num), &size_before_).done();
     }
-    if (is(row_, CMD_COMMIT_LOG) || is(row_, CMD_LOG_OFF) || is(row_, CMD_ADBLOG_COMMIT))
-        for (const std::string& dir : watched_dirs())
+    if (is(row_, CMD_COMMIT_LOG) || is(row_, CMD_LOG_OFF) || is(row_, CMD_ADBLOG_COMMIT)) {
+        dirs_ = watched_dirs();
+        for (const std::string& dir : dirs_)
             for (const auto& f : list_files(dir))
                 files_before_.insert(f.first);
+    }
 }
 
 void CtlEffects::unchanged(const std::string& why, CtlEffect* e)
@@ -227,6 +240,21 @@ void CtlEffects::after(TovakShown* shown, CtlEffect* e)
         unchanged(std::string("autosave was already ") + (present_ ? "on" : "off"), e);
     } else if (is(row_, CMD_LOG_SIZE)) {
         log_size(e);
+    } else if (is(row_, CMD_ADBLOG_SET_SIZE) && known_) {
+        capture_size(shown, e);
+    } else if (is(row_, CMD_DPL_RESET) && known_) {
+        bool on = true;
+        std::vector<uint16_t> ids;
+        // The reply never tells; the state and the list do.
+        if (client_.get_dpl_state(&on).done() && client_.get_dpl_ifaces(&ids).done())
+            *shown = on || !ids.empty() ? TovakShown{ TovakVerdict::refused, "DPL is still on, or keeps interfaces" }
+                                        : TovakShown{ TovakVerdict::done, "" };
+        if (!present_)
+            unchanged("DPL was already off, with no interfaces", e);
+        else if (shown->verdict == TovakVerdict::done)
+            e->lines.push_back("DPL off, with no interfaces; dm.cfg keeps that");
+    } else if (is(row_, CMD_ADBLOG_SET_CATEGORIES) || is(row_, CMD_SET_CONFIG_FILE)) {
+        saved_elsewhere(shown, e);
     }
     if (is(row_, CMD_COMMIT_LOG) || is(row_, CMD_LOG_OFF) || is(row_, CMD_ADBLOG_COMMIT))
         new_files(shown, e);
@@ -264,10 +292,86 @@ void CtlEffects::log_size(CtlEffect* e)
     e->json.emplace_back("config_keeps", kept.empty() ? "null" : kept);
 }
 
+void CtlEffects::capture_size(TovakShown* shown, CtlEffect* e)
+{
+    uint32_t category = uint32_t(args_[0].num), in_use = 0;
+    if (capture_) {
+        *shown = { TovakVerdict::refused,
+                   "capture is on: tovakd takes a size only while it is off (tovakctl capture off)" };
+        return;
+    }
+    if (!client_.get_capture_size(category, &in_use).done())
+        return;
+    if (in_use == 0) {
+        *shown = { TovakVerdict::refused,
+                   "tovakd has no category " + std::to_string(category) + ", so nothing changed" };
+        return;
+    }
+    *shown = { TovakVerdict::done, "" };
+    // dm.cfg keeps one size per category, in category order.
+    bool visible = !config_.empty() && access(config_.c_str(), R_OK) == 0;
+    std::istringstream sizes(visible ? ctl_config_element(config_, "AdbSizeInfo") : "");
+    std::string item, kept;
+    for (uint32_t i = 0; std::getline(sizes, item, ','); i++)
+        if (i == category)
+            kept = item;
+    if (in_use == size_before_ && visible && read_text(config_) == config_before_)
+        unchanged("the size was already so", e);
+    e->lines.push_back("size asked " + std::to_string(args_[1].num) + " bytes, in use " + std::to_string(in_use) +
+                       " (kept within the limits), dm.cfg keeps " + (kept.empty() ? "(not visible here)" : kept));
+    e->json.emplace_back("asked", std::to_string(args_[1].num));
+    e->json.emplace_back("in_use", std::to_string(in_use));
+    e->json.emplace_back("config_keeps", kept.empty() ? "null" : kept);
+}
+
+// categories-save and set-config-file never reply; the categories, the
+// configuration file and its name after them tell.
+void CtlEffects::saved_elsewhere(TovakShown* shown, CtlEffect* e)
+{
+    std::string name;
+    if (!client_.get_config_file(&name).done())
+        return;
+    if (is(row_, CMD_SET_CONFIG_FILE)) {
+        bool taken = name == args_[0].text;
+        *shown = taken ? TovakShown{ TovakVerdict::done, "" }
+                       : TovakShown{ TovakVerdict::refused, "tovakd still names " + name };
+        if (taken && name == config_name_before_)
+            unchanged("it was the configuration file already", e);
+        else if (taken)
+            e->lines.push_back("later saves and log ons use " + name +
+                               (name == "/sdcard/dm.cfg" || name == CTL_STARTUP_CONFIG
+                                    ? ""
+                                    : "; at start-up tovakd still reads " CTL_STARTUP_CONFIG));
+        return;
+    }
+    std::vector<bool> enabled;
+    if (config_.empty() || access(config_.c_str(), R_OK) != 0 || !client_.get_categories(&enabled).done())
+        return;
+    std::string live, on;
+    for (size_t i = 0; i < enabled.size(); i++) {
+        live += std::string(i ? "," : "") + (enabled[i] ? "1" : "0");
+        if (enabled[i] && i < std::size(tovak_capture_category_names))
+            on += std::string(on.empty() ? "" : ", ") + tovak_capture_category_names[i];
+    }
+    std::string kept = ctl_config_element(config_, "Category");
+    if (kept != live) {
+        *shown = { TovakVerdict::refused, device_name(opt_, config_) + " keeps " + kept +
+                                              ", not the categories on now (" + live + "): read-only, or full?" };
+        return;
+    }
+    *shown = { TovakVerdict::done, "" };
+    if (read_text(config_) == config_before_)
+        unchanged("dm.cfg already kept these categories", e);
+    else
+        e->lines.push_back("saved in dm.cfg: " + (on.empty() ? std::string("no category") : on) +
+                           " on after a restart too");
+}
+
 void CtlEffects::new_files(TovakShown* shown, CtlEffect* e)
 {
     bool capture = is(row_, CMD_ADBLOG_COMMIT);
-    std::vector<std::string> dirs = watched_dirs();
+    // As before the command: a capture commit uses up the output path.
+    const std::vector<std::string>& dirs = dirs_;
     std::vector<std::string> items;
     if (dirs.empty()) {
         e->lines.push_back("the device's files are not visible from here, so tovakctl cannot list what was written");

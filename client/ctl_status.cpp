@@ -7,9 +7,6 @@
 
 #include "tovakctl.h"
 
-// tovakd reads this file at start-up, whatever the current path says.
-#define STARTUP_CONFIG "/data/media/0/dm.cfg"
-
 namespace {
 
 struct Status {
@@ -61,7 +58,7 @@ void config_file(const CtlOptions& opt, const std::string& path, bool logging, S
     if (path.size() < 7 || path.compare(path.size() - 7, 7, "/dm.cfg") != 0)
         s->warnings.push_back("the configuration file is " + path +
                               ", not a dm.cfg: saves go there, but after a "
-                              "restart tovakd reads " STARTUP_CONFIG " again");
+                              "restart tovakd reads " CTL_STARTUP_CONFIG " again");
     if (!file.empty() && !exists)
         s->warnings.push_back(path +
                               " does not exist: until a change is saved there, tovakd's settings live only in memory");
@@ -174,11 +171,11 @@ int ctl_status(const CtlOptions& opt, TovakClient& client, std::ostream& out, st
         logging_part(opt, client, logging, &s);
     } else if (client.last_status() == TovakStatus::ok) {
         // Every logging command is refused alike: say why, once.
-        std::string size = ctl_device_file(opt, STARTUP_CONFIG);
+        std::string size = ctl_device_file(opt, CTL_STARTUP_CONFIG);
         size = size.empty() ? "" : config_value(size, "BufferSize");
         s.warnings.push_back("tovakd refuses every logging command because its start-up of modem logging failed" +
                              (size.compare(0, 1, "-") == 0
-                                  ? ": " STARTUP_CONFIG " holds the negative <BufferSize> " + size
+                                  ? ": " CTL_STARTUP_CONFIG " holds the negative <BufferSize> " + size
                                   : std::string(" (see its log)")));
         s.add("logging", "unknown (refused)", "logging", "null");
     }

@@ -14,6 +14,8 @@
 #define TOVAKCTL_VERSION "1.1"
 // Where capture commits go until an output path is set, and after one.
 #define CTL_CAPTURE_DIR "/sdcard/syslog"
+// The configuration tovakd reads at start-up, whatever it was told since.
+#define CTL_STARTUP_CONFIG "/data/media/0/dm.cfg"
 
 #define CTL_EXIT_OK 0
 // Refused, an unexpected reply, the session closed, no daemon to reach.
@@ -113,6 +115,8 @@ private:
     void unchanged(const std::string& why, CtlEffect* e);
     void limit_warning(CtlEffect* e);
     void log_size(CtlEffect* e);
+    void capture_size(TovakShown* shown, CtlEffect* e);
+    void saved_elsewhere(TovakShown* shown, CtlEffect* e);
     void new_files(TovakShown* shown, CtlEffect* e);
 
     const CtlOptions& opt_;
@@ -120,7 +124,13 @@ private:
     const TovakCommand& row_;
     const TovakArgs& args_;
     bool logging_ = false, capture_ = false, known_ = false, present_ = false, same_mask_ = false;
+    // A capture size before the command.
+    uint32_t size_before_ = 0;
+    // The configuration file's name before set-config-file.
+    std::string config_name_before_;
     std::set<std::string> files_before_;
+    // Where a commit's files may appear.
+    std::vector<std::string> dirs_;
     // The configuration file as seen from here, and its text before an edit.
     std::string config_, config_before_;
 };

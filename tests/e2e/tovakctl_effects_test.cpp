@@ -52,6 +52,7 @@ TEST_F(CtlEffectsTest, ModemLoggingEditsCommitsAndSizes)
     expect({ "commit" }, 0, { "wrote /sdcard/diag_logs/diag_log_" });
     expect({ "log-off" }, 0, { "no modem log file was written: log off writes none" });
     expect({ "log-off" }, 1, { "logging was already off" });
+    expect({ "dpl-reset" }, 0, { "DPL off, with no interfaces; dm.cfg keeps that" });
     expect({ "--json", "log-size", "5" }, 0, { "\"asked\":5", "\"in_use\":1048576", "\"config_keeps\":5" });
     // clang-format on
     Run commit = run({ "commit" });
@@ -71,8 +72,10 @@ TEST_F(CtlEffectsTest, OutputPathAndCaptureFilesWhereTheyLand)
     expect({ "out-path", "also/relative" }, 1, {});
     expect({ "status" }, 0,
            { "out path      /sdcard/mine/dm (until tovakd restarts", "capture to    /sdcard/mine/ for the next" });
+    expect({ "--json", "capture-size", "events", "100" }, 0, { "\"in_use\":500000,\"config_keeps\":100" });
     expect({ "capture", "on" }, 0, {});
     expect({ "capture", "on" }, 0, { "nothing changed: capture was already on" });
+    expect({ "capture-size", "main", "100" }, 1, { "capture is on: tovakd takes a size only while it is off" });
     ASSERT_TRUE(wait_until(
         [&] { return run({ "capture-commit" }).out.find("wrote /sdcard/mine/adbmain_") != std::string::npos; }));
     // The output path served that one capture commit.
@@ -85,6 +88,9 @@ TEST_F(CtlEffectsTest, OutputPathAndCaptureFilesWhereTheyLand)
     // What does not survive a restart is gone after one.
     restart();
     expect({ "status" }, 0, { "out path      the platform's default", "main        on," });
+    expect({ "category-rm", "radio" }, 0, {});
+    expect({ "categories-save" }, 0, { "saved in dm.cfg: main, system on after a restart too" });
+    expect({ "categories-save" }, 0, { "nothing changed: dm.cfg already kept these categories" });
 }
 
 // Ctrl-C while log-on waits for boot completion: tovakctl says logging still

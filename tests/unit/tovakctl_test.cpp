@@ -149,7 +149,7 @@ const Exchange exchanges[] = {
     { 0x0f, { "buffer-size" },                "",                    { 4, "80f0fa02" },  0, "\"buffer_size\":50000000" },
     { 0x10, { "state" },                      "",                    { 4, "01000000" },  0, "\"logging\":true" },
     { 0x10, { "state" },                      "",                    { 4, "02000000" },  1, "expected 0 or 1, got 2" },
-    { 0x11, { "set-config-file", "/sdcard/dm.cfg" }, "0f00 '/sdcard/dm.cfg'00", UNTOUCHED, 0, "\"refused\":\"unknown\"" },
+    { 0x11, { "set-config-file", "/sdcard/dm.cfg" }, "0f00 '/sdcard/dm.cfg'00", UNTOUCHED, 0, "\"changed\":false" },
     { 0x12, { "config-file" },                "",                    { 17, "0f00 '/sdcard/dm.cfg'00" }, 0, "\"path\":\"/sdcard/dm.cfg\"" },
     { 0x13, { "system", "@@#ps" },            "0600 '@@#ps'00",      UNTOUCHED,          0, "\"refused\":\"unknown\"" },
     { 0x14, { "range" },                      "",                    { 8, "0100000002000000" }, 0, "\"first\":1,\"second\":2" },
@@ -162,7 +162,7 @@ const Exchange exchanges[] = {
     { 0x38, { "categories" },                 "",                    { 8, "0100000000000000" }, 0, "\"enabled\":[true,false]" },
     { 0x39, { "categories-save" },            "",                    UNTOUCHED,          0, "\"refused\":\"unknown\"" },
     { 0x3a, { "category-names" },             "",                    { 11, "'main,radio'00" }, 0, "\"names\":[\"main\",\"radio\"]" },
-    { 0x3b, { "capture-size", "0", "100" },   "00000000 64000000",   UNTOUCHED,          0, "\"refused\":\"unknown\"" },
+    { 0x3b, { "capture-size", "0", "100" },   "00000000 64000000",   UNTOUCHED,          1, "capture is on: tovakd takes a size only while it is off" },
     { 0x3c, { "capture-size", "0" },          "00000000",            { 4, "20a10700" },  0, "\"size\":500000" },
     { 0x3d, { "capture-limits" },             "",                    { 8, "20a10700002d3101" }, 0, "\"min\":500000,\"max\":20000000" },
     { 0x46, { "autosave", "off" },            "00000000",            { 0, "" },          0, "\"refused\":false" },
@@ -174,7 +174,7 @@ const Exchange exchanges[] = {
     { 0x52, { "dpl-ifaces" },                 "",                    { 9, "01000000 0103 'rmn'" }, 0, "\"interfaces\":[{\"id\":1,\"description\":\"rmn\"}]" },
     { 0x53, { "dpl-list" },                   "",                    { 8, "02000000 0100 2c01" }, 0, "\"interfaces\":[1,300]" },
     { 0x54, { "dpl-add", "300" },             "2c01",                { 0, "" },          0, "\"refused\":false" },
-    { 0x55, { "dpl-reset" },                  "",                    UNTOUCHED,          0, "\"refused\":\"unknown\"" },
+    { 0x55, { "dpl-reset" },                  "",                    UNTOUCHED,          0, "\"refused\":false,\"changed\":false" },
 };
 // clang-format on
 
@@ -195,6 +195,8 @@ TEST(TovakctlTable, EveryRowsRequestBytesAndReplyReading)
                         { 0x38, { 8, "0100000000000000" } },
                         { 0x49, { 4, "01000000" } },
                         { 0x51, { 4, "00000000" } },
+                        { 0x3c, { 4, "20a10700" } },
+                        { 0x53, { 4, "00000000" } },
                         { 0x12, CONFIG_PATH } });
         std::vector<std::string> args = { "--json" };
         args.insert(args.end(), x.args.begin(), x.args.end());
@@ -348,6 +350,8 @@ TEST(TovakctlArgs, SuggestionsNamesAndBases)
                         { 0x10, { 4, "00000000" } },
                         { 0x12, CONFIG_PATH },
                         { 0x0e, { 0, "" } },
+                        { 0x33, { 4, "00000000" } },
+                        { 0x3c, { 4, "20a10700" } },
                         { 0x38, { 16, "01000000010000000000000001000000" } } });
         ctl(x.args, daemon.client_fd());
         auto own = std::find_if(daemon.requests().begin(), daemon.requests().end(),
