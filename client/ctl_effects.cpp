@@ -121,7 +121,7 @@ void CtlEffects::before()
     if (edits_items(row_) || is(row_, CMD_LOG_ON) || is(row_, CMD_LOG_OFF) || is(row_, CMD_COMMIT_LOG))
         client_.get_log_state(&logging_);
     if (edits_items(row_) || is(row_, CMD_ADBLOG_SET_SIZE) || is(row_, CMD_ADBLOG_SET_CATEGORIES) ||
-        is(row_, CMD_SET_CONFIG_FILE)) {
+        is(row_, CMD_SET_CONFIG_FILE) || is(row_, CMD_LOG_SIZE)) {
         if (client_.get_config_file(&config_name_before_).done())
             config_ = ctl_device_file(opt_, config_name_before_);
         config_before_ = config_.empty() ? "" : read_text(config_);
@@ -165,6 +165,12 @@ void CtlEffects::before()
     } else if (is(row_, CMD_ADBLOG_SET_SIZE)) {
         known_ = client_.get_capture_state(&capture_).done() &&
                  client_.get_capture_size(uint32_t(args_[0].num), &size_before_).done();
+    } else if (is(row_, CMD_LOG_SIZE)) {
+        known_ = client_.get_buffer_size(&size_before_).done();
+    } else if (is(row_, CMD_DPL_SET_IF)) {
+        std::vector<uint16_t> ids;
+        known_ = client_.get_dpl_ifaces(&ids).done();
+        present_ = std::count(ids.begin(), ids.end(), uint16_t(args_[0].num)) > 0;
     }
     if (is(row_, CMD_COMMIT_LOG) || is(row_, CMD_LOG_OFF) || is(row_, CMD_ADBLOG_COMMIT)) {
         dirs_ = watched_dirs();
@@ -240,6 +246,10 @@ void CtlEffects::after(TovakShown* shown, CtlEffect* e)
         unchanged(std::string("autosave was already ") + (present_ ? "on" : "off"), e);
     } else if (is(row_, CMD_LOG_SIZE)) {
         log_size(e);
+    } else if (is(row_, CMD_DPL_SET_IF)) {
+        e->lines.push_back("the modem logs interface " + std::to_string(args_[0].num) +
+                           " from now, whether DPL is on or off; dm.cfg keeps it" +
+                           (known_ && present_ ? " (it was in the list already)" : ""));
     } else if (is(row_, CMD_ADBLOG_SET_SIZE) && known_) {
         capture_size(shown, e);
     } else if (is(row_, CMD_DPL_RESET) && known_) {
@@ -276,12 +286,10 @@ void CtlEffects::limit_warning(CtlEffect* e)
 
 void CtlEffects::log_size(CtlEffect* e)
 {
-    std::string path, kept;
-    if (client_.get_config_file(&path).done()) {
-        std::string file = ctl_device_file(opt_, path);
-        if (!file.empty())
-            kept = ctl_config_element(file, "BufferSize");
-    }
+    bool visible = !config_.empty() && access(config_.c_str(), R_OK) == 0;
+    std::string kept = visible ? ctl_config_element(config_, "BufferSize") : "";
+    if (known_ && taken_size == size_before_ && visible && read_text(config_) == config_before_)
+        unchanged("the size was already so", e);
     e->lines.push_back("size asked " + std::to_string(args_[0].num) + " bytes, in use " + std::to_string(taken_size) +
                        " (what the platform took), dm.cfg keeps " + (kept.empty() ? "(not visible here)" : kept) +
                        (kept == std::to_string(args_[0].num) && taken_size != args_[0].num

@@ -197,6 +197,7 @@ TEST(TovakctlTable, EveryRowsRequestBytesAndReplyReading)
                         { 0x51, { 4, "00000000" } },
                         { 0x3c, { 4, "20a10700" } },
                         { 0x53, { 4, "00000000" } },
+                        { 0x0f, { 4, "80f0fa02" } },
                         { 0x12, CONFIG_PATH } });
         std::vector<std::string> args = { "--json" };
         args.insert(args.end(), x.args.begin(), x.args.end());
