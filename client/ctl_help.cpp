@@ -413,6 +413,11 @@ std::string ctl_completion_bash()
            "        words=\"" +
            names +
            "--socket --root --json --timeout --help --version\"\n"
+           "    elif [ \"$sub\" = log-read ]; then\n"
+           "        case $cur in\n"
+           "        -*) words=\"--summary --config --pcap --json --code --event --ssid --kind --since --until --help\" "
+           ";;\n"
+           "        *) COMPREPLY=($(compgen -f -- \"$cur\")); return ;; esac\n"
            "    elif [ $n -eq 0 ]; then\n"
            "        case $sub in\n"
            "        out-path | set-config-file) COMPREPLY=($(compgen -f -- \"$cur\")); return ;;\n"

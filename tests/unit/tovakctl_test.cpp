@@ -582,6 +582,13 @@ TEST(TovakctlHelp, HelpAndCompletionComeFromTheTable)
     TempDir dir;
     ASSERT_TRUE(write_file(dir.path() + "/c.bash", completion.out));
     EXPECT_EQ(0, system(("bash -n " + dir.path() + "/c.bash").c_str()));
+    // log-read takes files in any position.
+    ASSERT_TRUE(write_file(dir.path() + "/diag_log_1.qmdl", "") &&
+                write_file(dir.path() + "/t.bash",
+                           ". " + dir.path() + "/c.bash; COMP_WORDS=(tovakctl log-read --json " + dir.path() +
+                               "/diag_); COMP_CWORD=3; _tovakctl; [ \"$COMPREPLY\" = " + dir.path() +
+                               "/diag_log_1.qmdl ]"));
+    EXPECT_EQ(0, system(("bash " + dir.path() + "/t.bash").c_str()));
     CtlRun zsh = local({ "completion", "zsh" });
     EXPECT_EQ(2, zsh.rc);
     EXPECT_NE(std::string::npos, zsh.err.find("only bash")) << zsh.err;
