@@ -109,14 +109,7 @@ CtlRun ctl(std::vector<std::string> args, int fd = -1)
     return { rc, out.str(), err.str() };
 }
 
-#define UNTOUCHED               \
-    {                           \
-        TOVAK_PKT_DATA_SIZE, "" \
-    }
-#define CONFIG_PATH                   \
-    {                                 \
-        17, "0f00 '/sdcard/dm.cfg'00" \
-    }
+const Reply UNTOUCHED{ TOVAK_PKT_DATA_SIZE, "" }, CONFIG_PATH{ 17, "0f00 '/sdcard/dm.cfg'00" };
 
 struct Exchange {
     uint32_t id;
