@@ -217,6 +217,8 @@ void CtlEffects::after(TovakShown* shown, CtlEffect* e)
             e->json.emplace_back("pending", "false");
         }
         limit_warning(e);
+    } else if (is(row_, CMD_LOG_ON) && !logging_ && shown->verdict == TovakVerdict::done) {
+        e->lines.push_back("logging on: the modem got the items dm.cfg holds; logging comes on again after a restart");
     } else if (is(row_, CMD_LOG_ON) && logging_) {
         unchanged("logging was already on, so tovakd sent nothing to the modem (edits made since the last log on "
                   "reach it after tovakctl log-off, then tovakctl log-on)",

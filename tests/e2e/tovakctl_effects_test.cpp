@@ -42,7 +42,7 @@ TEST_F(CtlEffectsTest, ModemLoggingEditsCommitsAndSizes)
     expect({ "add-event", "1498" }, 0, { "nothing changed: it was already there" });
     expect({ "rm-log", "0x1234" }, 0, { "nothing changed: it was not there" });
     expect({ "--json", "add-event", "1609" }, 0, { "\"changed\":true", "\"pending\":false" });
-    expect({ "log-on" }, 0, { "done" });
+    expect({ "log-on" }, 0, { "logging on: the modem got the items dm.cfg holds" });
     expect({ "log-on" }, 0, { "nothing changed: logging was already on, so tovakd sent nothing" });
     expect({ "--json", "rm-event", "1609" }, 0, { "\"pending\":true" });
     expect({ "add-event", "4096" }, 0, { "saved in the configuration file; the modem gets it at the next log on, not now",
