@@ -228,6 +228,16 @@ void CtlEffects::after(TovakShown* shown, CtlEffect* e)
         *shown = { TovakVerdict::refused, "logging was already off: tovakd refuses a log off then" };
     } else if ((is(row_, CMD_ADBLOG_ON) || is(row_, CMD_ADBLOG_OFF)) && known_ && capture_ == is(row_, CMD_ADBLOG_ON)) {
         unchanged(std::string("capture was already ") + (capture_ ? "on" : "off"), e);
+    } else if (is(row_, CMD_ADBLOG_ON) || is(row_, CMD_ADBLOG_OFF)) {
+        e->lines.push_back(std::string("capture ") + (is(row_, CMD_ADBLOG_ON) ? "on" : "off") +
+                           "; dm.cfg keeps it, so it stays so after a restart");
+    } else if (is(row_, CMD_OUT_PATH)) {
+        const std::string& path = args_[0].text;
+        e->lines.push_back("modem logs go to " + path + " from the next commit, the next capture commit's files to " +
+                           path.substr(0, path.rfind('/') + 1) +
+                           " (later ones to " CTL_CAPTURE_DIR "/ again); until tovakd restarts");
+    } else if (is(row_, CMD_SET_MSISDN)) {
+        e->lines.push_back("kept for later saves of modem data, until tovakd restarts");
     } else if (is(row_, CMD_ADBLOG_COMMIT) && known_ && !capture_) {
         *shown = { TovakVerdict::refused, "capture is off, and tovakd commits nothing then (tovakctl capture on)" };
         return;
