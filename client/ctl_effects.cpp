@@ -188,10 +188,15 @@ void CtlEffects::unchanged(const std::string& why, CtlEffect* e)
 
 void CtlEffects::after(TovakShown* shown, CtlEffect* e)
 {
+    const bool asked_on = !args_.empty() && args_[0].num != 0;
+    if (is(row_, CMD_DPL_SET_STATE) && known_ && present_ == asked_on && shown->verdict == TovakVerdict::refused) {
+        *shown = { TovakVerdict::refused, std::string("nothing changed: DPL was already ") + (asked_on ? "on" : "off") +
+                                              ", and tovakd refuses a switch to the state DPL is in" };
+        e->json.emplace_back("changed", "false");
+    }
     bool worked = shown->verdict == TovakVerdict::done || shown->verdict == TovakVerdict::unknown;
     if (!worked)
         return;
-    const bool asked_on = !args_.empty() && args_[0].num != 0;
     if (edits_items(row_)) {
         bool adds = is(row_, CMD_ADD_EVENT) || is(row_, CMD_ADD_LOG) || is(row_, CMD_ADD_MSG);
         if (known_ && adds && present_ && (!is(row_, CMD_ADD_MSG) || same_mask_))
@@ -225,7 +230,9 @@ void CtlEffects::after(TovakShown* shown, CtlEffect* e)
                   e);
     } else if (is(row_, CMD_LOG_OFF) && !logging_) {
         // The state check after log-off cannot tell this apart.
-        *shown = { TovakVerdict::refused, "logging was already off: tovakd refuses a log off then" };
+        *shown = { TovakVerdict::refused,
+                   "nothing changed: logging was already off, and tovakd refuses a log off then" };
+        e->json.emplace_back("changed", "false");
     } else if ((is(row_, CMD_ADBLOG_ON) || is(row_, CMD_ADBLOG_OFF)) && known_ && capture_ == is(row_, CMD_ADBLOG_ON)) {
         unchanged(std::string("capture was already ") + (capture_ ? "on" : "off"), e);
     } else if (is(row_, CMD_ADBLOG_ON) || is(row_, CMD_ADBLOG_OFF)) {

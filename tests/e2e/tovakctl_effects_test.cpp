@@ -53,6 +53,7 @@ TEST_F(CtlEffectsTest, ModemLoggingEditsCommitsAndSizes)
     expect({ "log-off" }, 0, { "no modem log file was written: log off writes none" });
     expect({ "log-off" }, 1, { "logging was already off" });
     expect({ "dpl-reset" }, 0, { "DPL off, with no interfaces; dm.cfg keeps that" });
+    expect({ "--json", "dpl", "off" }, 1, { "nothing changed: DPL was already off", "\"changed\":false" });
     expect({ "--json", "log-size", "5" }, 0, { "\"asked\":5", "\"in_use\":1048576", "\"config_keeps\":5" });
     expect({ "log-size", "5" }, 0, { "nothing changed: the size was already so" });
     // clang-format on
