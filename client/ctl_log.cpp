@@ -24,7 +24,7 @@ bool CtlLog::open(const CtlOptions& opt, bool from_end)
     if (!opt.device_files)
         return false;
     binary_ = opt.root.empty();
-    std::string path = binary_ ? MAIN_LOG_DEVICE : opt.root + SIM_LOGCAT;
+    path = binary_ ? MAIN_LOG_DEVICE : opt.root + SIM_LOGCAT;
     fd_ = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd_ < 0)
         return false;
@@ -114,14 +114,17 @@ CtlLogFacts ctl_log_facts(const CtlOptions& opt)
     CtlLogFacts f;
     CtlLog log;
     f.known = log.open(opt, false);
+    f.where = log.path;
     const std::string asked = "DMLogging out_path_name is ", taken = "ADB_LOG out_path_name is ",
                       events = "Number of event ID = ";
     std::string candidate, dir_before_commit;
     for (const std::string& msg : log.read()) {
         auto starts = [&](const std::string& s) { return msg.compare(0, s.size(), s) == 0; };
         if (starts("[!] TOVAKD Started")) {
+            std::string where = f.where;
             f = CtlLogFacts();
             f.known = true;
+            f.where = where;
         } else if (starts(asked)) {
             candidate = msg.substr(asked.size());
         } else if (starts(taken) && !candidate.empty()) {

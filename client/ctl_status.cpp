@@ -91,7 +91,9 @@ void logging_part(const CtlOptions& opt, TovakClient& client, bool logging, Stat
     known = facts.known;
     path = facts.out_path;
     s->add("out path",
-           !known         ? "unknown (tovakd tells it only in its log, not visible here)"
+           !known         ? "unknown (tovakd tells it only in its log" + (facts.where.empty()
+                                                                              ? std::string(", not visible here)")
+                                                                              : ", and " + facts.where + " cannot be read)")
            : path.empty() ? "the platform's default (not set since tovakd started)"
                           : path + " (until tovakd restarts: dm.cfg does not keep it)",
            "out_path", path.empty() ? "null" : tovak_json_string(path));

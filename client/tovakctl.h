@@ -64,6 +64,7 @@ public:
     CtlLog& operator=(const CtlLog&) = delete;
     // from_end: only lines logged from now on.
     bool open(const CtlOptions& opt, bool from_end);
+    std::string path;
     // The messages logged since the last call.
     std::vector<std::string> read();
 
@@ -78,6 +79,7 @@ private:
 // What tovakd's log tells since it last started.
 struct CtlLogFacts {
     bool known = false; // the log is visible from here
+    std::string where;  // the log's path here; "" when no device files are
     // The latest output path tovakd accepted; "" for the platform's default.
     std::string out_path;
     // Where the next capture commit goes; "" for the default. A path serves
