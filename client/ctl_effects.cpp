@@ -3,17 +3,17 @@
 // device's files where it can see them.
 #include <dirent.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 
 #include "tovakctl.h"
 
 // Where the platform writes the modem log until an output path is set.
 #define DEFAULT_MODEM_LOG_DIR "/sdcard/diag_logs"
-// Where capture commits go until an output path is set.
-#define DEFAULT_CAPTURE_DIR "/sdcard/syslog"
 
 namespace {
 
@@ -56,12 +56,6 @@ std::string read_text(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-std::string parent_dir(const std::string& path)
-{
-    size_t slash = path.rfind('/');
-    return slash == std::string::npos || slash == 0 ? "/" : path.substr(0, slash);
 }
 
 std::string strip_slash(std::string dir)
@@ -107,11 +101,12 @@ CtlEffects::CtlEffects(const CtlOptions& opt, TovakClient& client, const TovakCo
 std::vector<std::string> CtlEffects::watched_dirs() const
 {
     std::vector<std::string> dirs;
-    std::string out = ctl_log_facts(opt_).out_path;
+    CtlLogFacts facts = ctl_log_facts(opt_);
     bool capture = is(row_, CMD_ADBLOG_COMMIT);
-    dirs.push_back(capture ? DEFAULT_CAPTURE_DIR : DEFAULT_MODEM_LOG_DIR);
+    dirs.push_back(capture ? CTL_CAPTURE_DIR : DEFAULT_MODEM_LOG_DIR);
+    std::string out = capture ? facts.capture_dir : facts.out_path;
     if (!out.empty())
-        dirs.push_back(strip_slash(capture ? parent_dir(out) : out));
+        dirs.push_back(strip_slash(out));
     std::vector<std::string> files;
     for (const std::string& d : dirs) {
         std::string f = ctl_device_file(opt_, d);
@@ -125,11 +120,13 @@ void CtlEffects::before()
 {
     if (edits_items(row_) || is(row_, CMD_LOG_ON) || is(row_, CMD_LOG_OFF) || is(row_, CMD_COMMIT_LOG))
         client_.get_log_state(&logging_);
-    if (edits_items(row_)) {
-        std::string path;
-        if (client_.get_config_file(&path).done())
-            config_ = ctl_device_file(opt_, path);
+    if (edits_items(row_) || is(row_, CMD_ADBLOG_SET_SIZE) || is(row_, CMD_ADBLOG_SET_CATEGORIES) ||
+        is(row_, CMD_SET_CONFIG_FILE) || is(row_, CMD_LOG_SIZE)) {
+        if (client_.get_config_file(&config_name_before_).done())
+            config_ = ctl_device_file(opt_, config_name_before_);
         config_before_ = config_.empty() ? "" : read_text(config_);
+    }
+    if (edits_items(row_)) {
         uint16_t id = uint16_t(args_[0].num);
         if (is(row_, CMD_ADD_EVENT) || is(row_, CMD_RM_EVENT)) {
             std::vector<uint16_t> ids;
@@ -161,11 +158,26 @@ void CtlEffects::before()
         present_ = v != 0;
     } else if (is(row_, CMD_DPL_SET_STATE)) {
         known_ = client_.get_dpl_state(&present_).done();
+    } else if (is(row_, CMD_DPL_RESET)) {
+        std::vector<uint16_t> ids;
+        known_ = client_.get_dpl_state(&present_).done() && client_.get_dpl_ifaces(&ids).done();
+        present_ = present_ || !ids.empty();
+    } else if (is(row_, CMD_ADBLOG_SET_SIZE)) {
+        known_ = client_.get_capture_state(&capture_).done() &&
+                 client_.get_capture_size(uint32_t(args_[0].num), &size_before_).done();
+    } else if (is(row_, CMD_LOG_SIZE)) {
+        known_ = client_.get_buffer_size(&size_before_).done();
+    } else if (is(row_, CMD_DPL_SET_IF)) {
+        std::vector<uint16_t> ids;
+        known_ = client_.get_dpl_ifaces(&ids).done();
+        present_ = std::count(ids.begin(), ids.end(), uint16_t(args_[0].num)) > 0;
     }
-    if (is(row_, CMD_COMMIT_LOG) || is(row_, CMD_LOG_OFF) || is(row_, CMD_ADBLOG_COMMIT))
-        for (const std::string& dir : watched_dirs())
+    if (is(row_, CMD_COMMIT_LOG) || is(row_, CMD_LOG_OFF) || is(row_, CMD_ADBLOG_COMMIT)) {
+        dirs_ = watched_dirs();
+        for (const std::string& dir : dirs_)
             for (const auto& f : list_files(dir))
                 files_before_.insert(f.first);
+    }
 }
 
 void CtlEffects::unchanged(const std::string& why, CtlEffect* e)
@@ -176,10 +188,15 @@ void CtlEffects::unchanged(const std::string& why, CtlEffect* e)
 
 void CtlEffects::after(TovakShown* shown, CtlEffect* e)
 {
+    const bool asked_on = !args_.empty() && args_[0].num != 0;
+    if (is(row_, CMD_DPL_SET_STATE) && known_ && present_ == asked_on && shown->verdict == TovakVerdict::refused) {
+        *shown = { TovakVerdict::refused, std::string("nothing changed: DPL was already ") + (asked_on ? "on" : "off") +
+                                              ", and tovakd refuses a switch to the state DPL is in" };
+        e->json.emplace_back("changed", "false");
+    }
     bool worked = shown->verdict == TovakVerdict::done || shown->verdict == TovakVerdict::unknown;
     if (!worked)
         return;
-    const bool asked_on = !args_.empty() && args_[0].num != 0;
     if (edits_items(row_)) {
         bool adds = is(row_, CMD_ADD_EVENT) || is(row_, CMD_ADD_LOG) || is(row_, CMD_ADD_MSG);
         if (known_ && adds && present_ && (!is(row_, CMD_ADD_MSG) || same_mask_))
@@ -205,15 +222,29 @@ void CtlEffects::after(TovakShown* shown, CtlEffect* e)
             e->json.emplace_back("pending", "false");
         }
         limit_warning(e);
+    } else if (is(row_, CMD_LOG_ON) && !logging_ && shown->verdict == TovakVerdict::done) {
+        e->lines.push_back("logging on: the modem got the items dm.cfg holds; logging comes on again after a restart");
     } else if (is(row_, CMD_LOG_ON) && logging_) {
         unchanged("logging was already on, so tovakd sent nothing to the modem (edits made since the last log on "
                   "reach it after tovakctl log-off, then tovakctl log-on)",
                   e);
     } else if (is(row_, CMD_LOG_OFF) && !logging_) {
         // The state check after log-off cannot tell this apart.
-        *shown = { TovakVerdict::refused, "logging was already off: tovakd refuses a log off then" };
+        *shown = { TovakVerdict::refused,
+                   "nothing changed: logging was already off, and tovakd refuses a log off then" };
+        e->json.emplace_back("changed", "false");
     } else if ((is(row_, CMD_ADBLOG_ON) || is(row_, CMD_ADBLOG_OFF)) && known_ && capture_ == is(row_, CMD_ADBLOG_ON)) {
         unchanged(std::string("capture was already ") + (capture_ ? "on" : "off"), e);
+    } else if (is(row_, CMD_ADBLOG_ON) || is(row_, CMD_ADBLOG_OFF)) {
+        e->lines.push_back(std::string("capture ") + (is(row_, CMD_ADBLOG_ON) ? "on" : "off") +
+                           "; dm.cfg keeps it, so it stays so after a restart");
+    } else if (is(row_, CMD_OUT_PATH)) {
+        const std::string& path = args_[0].text;
+        e->lines.push_back("modem logs go to " + path + " from the next commit, the next capture commit's files to " +
+                           path.substr(0, path.rfind('/') + 1) +
+                           " (later ones to " CTL_CAPTURE_DIR "/ again); until tovakd restarts");
+    } else if (is(row_, CMD_SET_MSISDN)) {
+        e->lines.push_back("kept for later saves of modem data, until tovakd restarts");
     } else if (is(row_, CMD_ADBLOG_COMMIT) && known_ && !capture_) {
         *shown = { TovakVerdict::refused, "capture is off, and tovakd commits nothing then (tovakctl capture on)" };
         return;
@@ -234,6 +265,25 @@ void CtlEffects::after(TovakShown* shown, CtlEffect* e)
         unchanged(std::string("autosave was already ") + (present_ ? "on" : "off"), e);
     } else if (is(row_, CMD_LOG_SIZE)) {
         log_size(e);
+    } else if (is(row_, CMD_DPL_SET_IF)) {
+        e->lines.push_back("the modem logs interface " + std::to_string(args_[0].num) +
+                           " from now, whether DPL is on or off; dm.cfg keeps it" +
+                           (known_ && present_ ? " (it was in the list already)" : ""));
+    } else if (is(row_, CMD_ADBLOG_SET_SIZE) && known_) {
+        capture_size(shown, e);
+    } else if (is(row_, CMD_DPL_RESET) && known_) {
+        bool on = true;
+        std::vector<uint16_t> ids;
+        // The reply never tells; the state and the list do.
+        if (client_.get_dpl_state(&on).done() && client_.get_dpl_ifaces(&ids).done())
+            *shown = on || !ids.empty() ? TovakShown{ TovakVerdict::refused, "DPL is still on, or keeps interfaces" }
+                                        : TovakShown{ TovakVerdict::done, "" };
+        if (!present_)
+            unchanged("DPL was already off, with no interfaces", e);
+        else if (shown->verdict == TovakVerdict::done)
+            e->lines.push_back("DPL off, with no interfaces; dm.cfg keeps that");
+    } else if (is(row_, CMD_ADBLOG_SET_CATEGORIES) || is(row_, CMD_SET_CONFIG_FILE)) {
+        saved_elsewhere(shown, e);
     }
     if (is(row_, CMD_COMMIT_LOG) || is(row_, CMD_LOG_OFF) || is(row_, CMD_ADBLOG_COMMIT))
         new_files(shown, e);
@@ -255,12 +305,10 @@ void CtlEffects::limit_warning(CtlEffect* e)
 
 void CtlEffects::log_size(CtlEffect* e)
 {
-    std::string path, kept;
-    if (client_.get_config_file(&path).done()) {
-        std::string file = ctl_device_file(opt_, path);
-        if (!file.empty())
-            kept = ctl_config_element(file, "BufferSize");
-    }
+    bool visible = !config_.empty() && access(config_.c_str(), R_OK) == 0;
+    std::string kept = visible ? ctl_config_element(config_, "BufferSize") : "";
+    if (known_ && taken_size == size_before_ && visible && read_text(config_) == config_before_)
+        unchanged("the size was already so", e);
     e->lines.push_back("size asked " + std::to_string(args_[0].num) + " bytes, in use " + std::to_string(taken_size) +
                        " (what the platform took), dm.cfg keeps " + (kept.empty() ? "(not visible here)" : kept) +
                        (kept == std::to_string(args_[0].num) && taken_size != args_[0].num
@@ -271,10 +319,86 @@ void CtlEffects::log_size(CtlEffect* e)
     e->json.emplace_back("config_keeps", kept.empty() ? "null" : kept);
 }
 
+void CtlEffects::capture_size(TovakShown* shown, CtlEffect* e)
+{
+    uint32_t category = uint32_t(args_[0].num), in_use = 0;
+    if (capture_) {
+        *shown = { TovakVerdict::refused,
+                   "capture is on: tovakd takes a size only while it is off (tovakctl capture off)" };
+        return;
+    }
+    if (!client_.get_capture_size(category, &in_use).done())
+        return;
+    if (in_use == 0) {
+        *shown = { TovakVerdict::refused,
+                   "tovakd has no category " + std::to_string(category) + ", so nothing changed" };
+        return;
+    }
+    *shown = { TovakVerdict::done, "" };
+    // dm.cfg keeps one size per category, in category order.
+    bool visible = !config_.empty() && access(config_.c_str(), R_OK) == 0;
+    std::istringstream sizes(visible ? ctl_config_element(config_, "AdbSizeInfo") : "");
+    std::string item, kept;
+    for (uint32_t i = 0; std::getline(sizes, item, ','); i++)
+        if (i == category)
+            kept = item;
+    if (in_use == size_before_ && visible && read_text(config_) == config_before_)
+        unchanged("the size was already so", e);
+    e->lines.push_back("size asked " + std::to_string(args_[1].num) + " bytes, in use " + std::to_string(in_use) +
+                       " (kept within the limits), dm.cfg keeps " + (kept.empty() ? "(not visible here)" : kept));
+    e->json.emplace_back("asked", std::to_string(args_[1].num));
+    e->json.emplace_back("in_use", std::to_string(in_use));
+    e->json.emplace_back("config_keeps", kept.empty() ? "null" : kept);
+}
+
+// categories-save and set-config-file never reply; the categories, the
+// configuration file and its name after them tell.
+void CtlEffects::saved_elsewhere(TovakShown* shown, CtlEffect* e)
+{
+    std::string name;
+    if (!client_.get_config_file(&name).done())
+        return;
+    if (is(row_, CMD_SET_CONFIG_FILE)) {
+        bool taken = name == args_[0].text;
+        *shown = taken ? TovakShown{ TovakVerdict::done, "" }
+                       : TovakShown{ TovakVerdict::refused, "tovakd still names " + name };
+        if (taken && name == config_name_before_)
+            unchanged("it was the configuration file already", e);
+        else if (taken)
+            e->lines.push_back("later saves and log ons use " + name +
+                               (name == "/sdcard/dm.cfg" || name == CTL_STARTUP_CONFIG
+                                    ? ""
+                                    : "; at start-up tovakd still reads " CTL_STARTUP_CONFIG));
+        return;
+    }
+    std::vector<bool> enabled;
+    if (config_.empty() || access(config_.c_str(), R_OK) != 0 || !client_.get_categories(&enabled).done())
+        return;
+    std::string live, on;
+    for (size_t i = 0; i < enabled.size(); i++) {
+        live += std::string(i ? "," : "") + (enabled[i] ? "1" : "0");
+        if (enabled[i] && i < std::size(tovak_capture_category_names))
+            on += std::string(on.empty() ? "" : ", ") + tovak_capture_category_names[i];
+    }
+    std::string kept = ctl_config_element(config_, "Category");
+    if (kept != live) {
+        *shown = { TovakVerdict::refused, device_name(opt_, config_) + " keeps " + kept +
+                                              ", not the categories on now (" + live + "): read-only, or full?" };
+        return;
+    }
+    *shown = { TovakVerdict::done, "" };
+    if (read_text(config_) == config_before_)
+        unchanged("dm.cfg already kept these categories", e);
+    else
+        e->lines.push_back("saved in dm.cfg: " + (on.empty() ? std::string("no category") : on) +
+                           " on after a restart too");
+}
+
 void CtlEffects::new_files(TovakShown* shown, CtlEffect* e)
 {
     bool capture = is(row_, CMD_ADBLOG_COMMIT);
-    std::vector<std::string> dirs = watched_dirs();
+    // As before the command: a capture commit uses up the output path.
+    const std::vector<std::string>& dirs = dirs_;
     std::vector<std::string> items;
     if (dirs.empty()) {
         e->lines.push_back("the device's files are not visible from here, so tovakctl cannot list what was written");

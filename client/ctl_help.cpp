@@ -19,7 +19,7 @@ struct Extra {
 };
 const Extra extras[] = {
     { "status", "", "read everything a person asks first and point at what looks wrong" },
-    { "raw", "ID [HEX]", "send any frame (payload in hex); prints the reply's length and payload" },
+    { "raw", "ID [HEX]", "send any frame (payload in hex) and print the reply's length and payload" },
     { "log-read", "[--summary [--config DM_CFG]] [--pcap OUT] [--json] [FILTER...] FILE...",
       "read modem logs and capture files here, without tovakd; FILTER: --code HEX,.. --event ID,.. "
       "--ssid ID,.. --kind log|event|message|other|bad --since TIME --until TIME (UTC)" },
@@ -60,11 +60,11 @@ const Guide guides[] = {
     { "commit",          "modem log",     "tovakctl commit",                 "at once: the modem log so far goes to a file in the output directory", nullptr },
     { "log-size",        "modem log",     "tovakctl log-size 50000000",      "at once (logging must be off); the platform may adjust the size", "yes: dm.cfg keeps the size asked, and the platform adjusts it again at each start" },
     { "buffer-size",     "modem log",     "tovakctl buffer-size",            nullptr, nullptr },
-    { "out-path",        "modem log",     "tovakctl out-path /sdcard/logs/dm", "for the next commits: modem logs go to PATH, capture files beside it", "no: after a restart the platform's default applies again" },
+    { "out-path",        "modem log",     "tovakctl out-path /sdcard/logs/dm", "modem logs go to PATH from the next commit on; capture files go beside it for the next capture commit only, then to /sdcard/syslog again", "no: after a restart the platform's default applies again" },
     { "range",           "modem log",     "tovakctl range",                  nullptr, nullptr },
     { "capture",         "capture",       "tovakctl capture on",             "at once", "yes: saved in dm.cfg at once" },
     { "capture-state",   "capture",       "tovakctl capture-state",          nullptr, nullptr },
-    { "capture-commit",  "capture",       "tovakctl capture-commit",         "at once (capture must be on): one file per category beside the output path (/sdcard/syslog by default)", nullptr },
+    { "capture-commit",  "capture",       "tovakctl capture-commit",         "at once (capture must be on): one file per category in /sdcard/syslog, or beside an output path set since the last capture commit", nullptr },
     { "categories",      "capture",       "tovakctl categories",             nullptr, nullptr },
     { "category-add",    "capture",       "tovakctl category-add events",    "at once", "no, unless tovakctl categories-save follows" },
     { "category-rm",     "capture",       "tovakctl category-rm system",     "at once", "no, unless tovakctl categories-save follows" },
@@ -85,6 +85,7 @@ const Guide guides[] = {
     { "dpl-reset",       "device",        "tovakctl dpl-reset",              "at once", SAVED },
     { "system",          "diagnostics",   "tovakctl system \"@@#ps\"",       "at once; its output is in tovakd's log", nullptr },
     { "raw",             "diagnostics",   "tovakctl raw 0x0f",               nullptr, nullptr },
+    { "log-read",        "reading logs",  "tovakctl log-read --summary device/data/media/0/diag_logs/*.qmdl", nullptr, nullptr },
     { "help",            "help",          "tovakctl help add-msg",           nullptr, nullptr },
     { "completion",      "help",          "eval \"$(tovakctl completion bash)\"", nullptr, nullptr },
 };
@@ -242,8 +243,12 @@ std::string ctl_overall_help()
                 lines += "  " + use + std::string(use.size() < 34 ? 34 - use.size() : 1, ' ') + row->help + "\n";
             }
             if (const Extra* e = extra_named(g.word)) {
-                std::string use = form(e->name, e->syntax).substr(9);
-                lines += "  " + use + std::string(use.size() < 34 ? 34 - use.size() : 1, ' ') + e->help + "\n";
+                // A long form gets a line of its own; the help, up to its
+                // details, the next.
+                std::string use = form(e->name, e->syntax).substr(9), help = e->help;
+                lines += "  " + use +
+                         (use.size() < 34 ? std::string(34 - use.size(), ' ') : "\n" + std::string(36, ' ')) +
+                         help.substr(0, help.find(';')) + "\n";
             }
         }
         if (!lines.empty())
@@ -408,6 +413,11 @@ std::string ctl_completion_bash()
            "        words=\"" +
            names +
            "--socket --root --json --timeout --help --version\"\n"
+           "    elif [ \"$sub\" = log-read ]; then\n"
+           "        case $cur in\n"
+           "        -*) words=\"--summary --config --pcap --json --code --event --ssid --kind --since --until --help\" "
+           ";;\n"
+           "        *) COMPREPLY=($(compgen -f -- \"$cur\")); return ;; esac\n"
            "    elif [ $n -eq 0 ]; then\n"
            "        case $sub in\n"
            "        out-path | set-config-file) COMPREPLY=($(compgen -f -- \"$cur\")); return ;;\n"

@@ -24,7 +24,7 @@ bool CtlLog::open(const CtlOptions& opt, bool from_end)
     if (!opt.device_files)
         return false;
     binary_ = opt.root.empty();
-    std::string path = binary_ ? MAIN_LOG_DEVICE : opt.root + SIM_LOGCAT;
+    path = binary_ ? MAIN_LOG_DEVICE : opt.root + SIM_LOGCAT;
     fd_ = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd_ < 0)
         return false;
@@ -114,19 +114,29 @@ CtlLogFacts ctl_log_facts(const CtlOptions& opt)
     CtlLogFacts f;
     CtlLog log;
     f.known = log.open(opt, false);
+    f.where = log.path;
     const std::string asked = "DMLogging out_path_name is ", taken = "ADB_LOG out_path_name is ",
                       events = "Number of event ID = ";
-    std::string candidate;
+    std::string candidate, dir_before_commit;
     for (const std::string& msg : log.read()) {
         auto starts = [&](const std::string& s) { return msg.compare(0, s.size(), s) == 0; };
         if (starts("[!] TOVAKD Started")) {
-            f = CtlLogFacts{ true, "", 0, -1 };
+            std::string where = f.where;
+            f = CtlLogFacts();
+            f.known = true;
+            f.where = where;
         } else if (starts(asked)) {
             candidate = msg.substr(asked.size());
         } else if (starts(taken) && !candidate.empty()) {
             // Logged only once the platform took the path.
             f.out_path = candidate;
+            f.capture_dir = msg.substr(taken.size());
             candidate.clear();
+        } else if (starts("process adblog_commit")) {
+            dir_before_commit = f.capture_dir;
+            f.capture_dir.clear();
+        } else if (starts("ADBLOG: state is off so commit")) {
+            f.capture_dir = dir_before_commit;
         } else if (starts(">> getVariousInfoOnEventLogMessage")) {
             // A log on that sends the masks; a second log on never gets here.
             f.pending_edits = 0;

@@ -7,9 +7,6 @@
 
 #include "tovakctl.h"
 
-// tovakd reads this file at start-up, whatever the current path says.
-#define STARTUP_CONFIG "/data/media/0/dm.cfg"
-
 namespace {
 
 struct Status {
@@ -61,7 +58,7 @@ void config_file(const CtlOptions& opt, const std::string& path, bool logging, S
     if (path.size() < 7 || path.compare(path.size() - 7, 7, "/dm.cfg") != 0)
         s->warnings.push_back("the configuration file is " + path +
                               ", not a dm.cfg: saves go there, but after a "
-                              "restart tovakd reads " STARTUP_CONFIG " again");
+                              "restart tovakd reads " CTL_STARTUP_CONFIG " again");
     if (!file.empty() && !exists)
         s->warnings.push_back(path +
                               " does not exist: until a change is saved there, tovakd's settings live only in memory");
@@ -94,15 +91,23 @@ void logging_part(const CtlOptions& opt, TovakClient& client, bool logging, Stat
     known = facts.known;
     path = facts.out_path;
     s->add("out path",
-           !known         ? "unknown (tovakd tells it only in its log, not visible here)"
+           !known         ? "unknown (tovakd tells it only in its log" + (facts.where.empty()
+                                                                              ? std::string(", not visible here)")
+                                                                              : ", and " + facts.where + " cannot be read)")
            : path.empty() ? "the platform's default (not set since tovakd started)"
                           : path + " (until tovakd restarts: dm.cfg does not keep it)",
            "out_path", path.empty() ? "null" : tovak_json_string(path));
+    // An output path serves one capture commit; later ones go to the default.
+    if (known && !path.empty())
+        s->add("capture to",
+               facts.capture_dir.empty()
+                   ? CTL_CAPTURE_DIR "/ (the output path served one capture commit already)"
+                   : facts.capture_dir + " for the next capture commit, then " CTL_CAPTURE_DIR "/ again",
+               "capture_dir", tovak_json_string(facts.capture_dir.empty() ? CTL_CAPTURE_DIR "/" : facts.capture_dir));
     if (logging && facts.pending_edits > 0)
         s->warnings.push_back(std::to_string(facts.pending_edits) +
-                              " item edit(s) made while logging is on are in "
-                              "dm.cfg but not in the modem: they reach it at the next log on (tovakctl log-off, then "
-                              "tovakctl log-on)");
+                              " item edit(s) made while logging is on: dm.cfg and the modem may differ until the "
+                              "next log on (tovakctl log-off, then tovakctl log-on)");
     if (client.get_events(&events).done() && client.get_logs(&codes).done() && client.get_msgs(&msgs).done())
         s->add("items",
                std::to_string(events.size()) + " event ids, " + std::to_string(codes.size()) + " log codes, " +
@@ -168,11 +173,11 @@ int ctl_status(const CtlOptions& opt, TovakClient& client, std::ostream& out, st
         logging_part(opt, client, logging, &s);
     } else if (client.last_status() == TovakStatus::ok) {
         // Every logging command is refused alike: say why, once.
-        std::string size = ctl_device_file(opt, STARTUP_CONFIG);
+        std::string size = ctl_device_file(opt, CTL_STARTUP_CONFIG);
         size = size.empty() ? "" : config_value(size, "BufferSize");
         s.warnings.push_back("tovakd refuses every logging command because its start-up of modem logging failed" +
                              (size.compare(0, 1, "-") == 0
-                                  ? ": " STARTUP_CONFIG " holds the negative <BufferSize> " + size
+                                  ? ": " CTL_STARTUP_CONFIG " holds the negative <BufferSize> " + size
                                   : std::string(" (see its log)")));
         s.add("logging", "unknown (refused)", "logging", "null");
     }

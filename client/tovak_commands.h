@@ -191,7 +191,7 @@ bool tovak_req_raw(tovak_pkt* req, uint32_t cmd, const std::vector<uint8_t>& pay
       "the modem's answers to the requests that clear its masks") \
     X(CMD_LOG_SIZE,                 set_log_size,       "log-size",        "BYTES",               size,        none,   LogSize,     "size",        "set the modem log buffer size (logging must be off)", \
       "a size while modem logging runs: switch it off first (tovakctl log-off)", nullptr) \
-    X(CMD_OUT_PATH,                 set_out_path,       "out-path",        "PATH",                out_path,    none,   Status,      "", "set the modem log output path (Android log capture goes beside it)", \
+    X(CMD_OUT_PATH,                 set_out_path,       "out-path",        "PATH",                out_path,    none,   Status,      "", "set the modem log output path (the next capture commit goes beside it)", \
       "a path the platform does not take (a relative one, say), or any path when Android log capture failed at tovakd's start-up (capture merely off is fine)", nullptr) \
     X(CMD_COMMIT_LOG,               commit_log,         "commit",          "",                    none,        none,   Empty,       "",            "commit the modem log to its file", nullptr, nullptr) \
     X(CMD_ADD_EVENT,                add_event,          "add-event",       "ID",                  u16,         none,   Empty,       "",            "add an event id", nullptr, nullptr) \

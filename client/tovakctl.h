@@ -12,6 +12,10 @@
 
 // Raised with any change a user of the command line would notice.
 #define TOVAKCTL_VERSION "1.1"
+// Where capture commits go until an output path is set, and after one.
+#define CTL_CAPTURE_DIR "/sdcard/syslog"
+// The configuration tovakd reads at start-up, whatever it was told since.
+#define CTL_STARTUP_CONFIG "/data/media/0/dm.cfg"
 
 #define CTL_EXIT_OK 0
 // Refused, an unexpected reply, the session closed, no daemon to reach.
@@ -60,6 +64,7 @@ public:
     CtlLog& operator=(const CtlLog&) = delete;
     // from_end: only lines logged from now on.
     bool open(const CtlOptions& opt, bool from_end);
+    std::string path;
     // The messages logged since the last call.
     std::vector<std::string> read();
 
@@ -74,8 +79,12 @@ private:
 // What tovakd's log tells since it last started.
 struct CtlLogFacts {
     bool known = false; // the log is visible from here
+    std::string where;  // the log's path here; "" when no device files are
     // The latest output path tovakd accepted; "" for the platform's default.
     std::string out_path;
+    // Where the next capture commit goes; "" for the default. A path serves
+    // one capture commit only.
+    std::string capture_dir;
     // Item edits since the modem's masks were last sent or cleared.
     int pending_edits = 0;
     // The modem's event id count, from the latest log on; -1 unknown.
@@ -108,6 +117,8 @@ private:
     void unchanged(const std::string& why, CtlEffect* e);
     void limit_warning(CtlEffect* e);
     void log_size(CtlEffect* e);
+    void capture_size(TovakShown* shown, CtlEffect* e);
+    void saved_elsewhere(TovakShown* shown, CtlEffect* e);
     void new_files(TovakShown* shown, CtlEffect* e);
 
     const CtlOptions& opt_;
@@ -115,7 +126,13 @@ private:
     const TovakCommand& row_;
     const TovakArgs& args_;
     bool logging_ = false, capture_ = false, known_ = false, present_ = false, same_mask_ = false;
+    // A capture size before the command.
+    uint32_t size_before_ = 0;
+    // The configuration file's name before set-config-file.
+    std::string config_name_before_;
     std::set<std::string> files_before_;
+    // Where a commit's files may appear.
+    std::vector<std::string> dirs_;
     // The configuration file as seen from here, and its text before an edit.
     std::string config_, config_before_;
 };

@@ -121,12 +121,15 @@ TEST(Tovakctl, StatusOfADeviceAndTheOutPathFromTheDaemonsLog)
 {
     SimDevice dev;
     ASSERT_TRUE(dev.start()) << dev.failure();
-    EXPECT_EQ("done\n", ctl(dev, { "out-path", "/sdcard/logs/dm" }));
+    EXPECT_EQ("modem logs go to /sdcard/logs/dm from the next commit, the next capture commit's files to "
+              "/sdcard/logs/ (later ones to /sdcard/syslog/ again); until tovakd restarts\n",
+              ctl(dev, { "out-path", "/sdcard/logs/dm" }));
     int rc;
     nlohmann::json j = nlohmann::json::parse(ctl(dev, { "--json", "status" }, &rc), nullptr, false);
     EXPECT_EQ(0, rc) << j;
     EXPECT_EQ(nlohmann::json::array(), j["warnings"]);
     EXPECT_EQ("/sdcard/logs/dm", j["out_path"]);
+    EXPECT_EQ("/sdcard/logs/", j["capture_dir"]);
     EXPECT_EQ(14, j["items"]["events"]);
     EXPECT_EQ("events", j["categories"][2]["name"]);
 }

@@ -42,17 +42,20 @@ TEST_F(CtlEffectsTest, ModemLoggingEditsCommitsAndSizes)
     expect({ "add-event", "1498" }, 0, { "nothing changed: it was already there" });
     expect({ "rm-log", "0x1234" }, 0, { "nothing changed: it was not there" });
     expect({ "--json", "add-event", "1609" }, 0, { "\"changed\":true", "\"pending\":false" });
-    expect({ "log-on" }, 0, { "done" });
+    expect({ "log-on" }, 0, { "logging on: the modem got the items dm.cfg holds" });
     expect({ "log-on" }, 0, { "nothing changed: logging was already on, so tovakd sent nothing" });
     expect({ "--json", "rm-event", "1609" }, 0, { "\"pending\":true" });
     expect({ "add-event", "4096" }, 0, { "saved in the configuration file; the modem gets it at the next log on, not now",
                                          "the modem reports 2200 event ids (0 to 2199): it will not log event 4096" });
-    expect({ "status" }, 1, { "2 item edit(s) made while logging is on are in dm.cfg but not in the modem" });
+    expect({ "status" }, 1, { "2 item edit(s) made while logging is on: dm.cfg and the modem may differ" });
     expect({ "log-size", "5" }, 1, { "while modem logging runs" });
     expect({ "commit" }, 0, { "wrote /sdcard/diag_logs/diag_log_" });
     expect({ "log-off" }, 0, { "no modem log file was written: log off writes none" });
     expect({ "log-off" }, 1, { "logging was already off" });
+    expect({ "dpl-reset" }, 0, { "DPL off, with no interfaces; dm.cfg keeps that" });
+    expect({ "--json", "dpl", "off" }, 1, { "nothing changed: DPL was already off", "\"changed\":false" });
     expect({ "--json", "log-size", "5" }, 0, { "\"asked\":5", "\"in_use\":1048576", "\"config_keeps\":5" });
+    expect({ "log-size", "5" }, 0, { "nothing changed: the size was already so" });
     // clang-format on
     Run commit = run({ "commit" });
     size_t at = commit.out.find("wrote /sdcard/");
@@ -69,17 +72,27 @@ TEST_F(CtlEffectsTest, OutputPathAndCaptureFilesWhereTheyLand)
     expect({ "status" }, 0, { "out path      the platform's default" });
     expect({ "out-path", "/sdcard/mine/dm" }, 0, {});
     expect({ "out-path", "also/relative" }, 1, {});
-    expect({ "status" }, 0, { "out path      /sdcard/mine/dm (until tovakd restarts" });
+    expect({ "status" }, 0,
+           { "out path      /sdcard/mine/dm (until tovakd restarts", "capture to    /sdcard/mine/ for the next" });
+    expect({ "--json", "capture-size", "events", "100" }, 0, { "\"in_use\":500000,\"config_keeps\":100" });
     expect({ "capture", "on" }, 0, {});
     expect({ "capture", "on" }, 0, { "nothing changed: capture was already on" });
+    expect({ "capture-size", "main", "100" }, 1, { "capture is on: tovakd takes a size only while it is off" });
     ASSERT_TRUE(wait_until(
         [&] { return run({ "capture-commit" }).out.find("wrote /sdcard/mine/adbmain_") != std::string::npos; }));
+    // The output path served that one capture commit.
+    expect({ "capture-commit" }, 0, { "wrote /sdcard/syslog/adbmain_" });
     expect({ "category-rm", "events" }, 0, { "nothing changed: the category was already off" });
     expect({ "category-rm", "main" }, 0, { "category off until tovakd restarts" });
-    expect({ "status" }, 0, { "main        off, 10000000 bytes (until tovakd restarts: dm.cfg says on" });
+    expect({ "status" }, 0,
+           { "main        off, 10000000 bytes (until tovakd restarts: dm.cfg says on",
+             "capture to    /sdcard/syslog/ (the" });
     // What does not survive a restart is gone after one.
     restart();
     expect({ "status" }, 0, { "out path      the platform's default", "main        on," });
+    expect({ "category-rm", "radio" }, 0, {});
+    expect({ "categories-save" }, 0, { "saved in dm.cfg: main, system on after a restart too" });
+    expect({ "categories-save" }, 0, { "nothing changed: dm.cfg already kept these categories" });
 }
 
 // Ctrl-C while log-on waits for boot completion: tovakctl says logging still

@@ -109,14 +109,7 @@ CtlRun ctl(std::vector<std::string> args, int fd = -1)
     return { rc, out.str(), err.str() };
 }
 
-#define UNTOUCHED               \
-    {                           \
-        TOVAK_PKT_DATA_SIZE, "" \
-    }
-#define CONFIG_PATH                   \
-    {                                 \
-        17, "0f00 '/sdcard/dm.cfg'00" \
-    }
+const Reply UNTOUCHED{ TOVAK_PKT_DATA_SIZE, "" }, CONFIG_PATH{ 17, "0f00 '/sdcard/dm.cfg'00" };
 
 struct Exchange {
     uint32_t id;
@@ -149,7 +142,7 @@ const Exchange exchanges[] = {
     { 0x0f, { "buffer-size" },                "",                    { 4, "80f0fa02" },  0, "\"buffer_size\":50000000" },
     { 0x10, { "state" },                      "",                    { 4, "01000000" },  0, "\"logging\":true" },
     { 0x10, { "state" },                      "",                    { 4, "02000000" },  1, "expected 0 or 1, got 2" },
-    { 0x11, { "set-config-file", "/sdcard/dm.cfg" }, "0f00 '/sdcard/dm.cfg'00", UNTOUCHED, 0, "\"refused\":\"unknown\"" },
+    { 0x11, { "set-config-file", "/sdcard/dm.cfg" }, "0f00 '/sdcard/dm.cfg'00", UNTOUCHED, 0, "\"changed\":false" },
     { 0x12, { "config-file" },                "",                    { 17, "0f00 '/sdcard/dm.cfg'00" }, 0, "\"path\":\"/sdcard/dm.cfg\"" },
     { 0x13, { "system", "@@#ps" },            "0600 '@@#ps'00",      UNTOUCHED,          0, "\"refused\":\"unknown\"" },
     { 0x14, { "range" },                      "",                    { 8, "0100000002000000" }, 0, "\"first\":1,\"second\":2" },
@@ -162,7 +155,7 @@ const Exchange exchanges[] = {
     { 0x38, { "categories" },                 "",                    { 8, "0100000000000000" }, 0, "\"enabled\":[true,false]" },
     { 0x39, { "categories-save" },            "",                    UNTOUCHED,          0, "\"refused\":\"unknown\"" },
     { 0x3a, { "category-names" },             "",                    { 11, "'main,radio'00" }, 0, "\"names\":[\"main\",\"radio\"]" },
-    { 0x3b, { "capture-size", "0", "100" },   "00000000 64000000",   UNTOUCHED,          0, "\"refused\":\"unknown\"" },
+    { 0x3b, { "capture-size", "0", "100" },   "00000000 64000000",   UNTOUCHED,          1, "capture is on: tovakd takes a size only while it is off" },
     { 0x3c, { "capture-size", "0" },          "00000000",            { 4, "20a10700" },  0, "\"size\":500000" },
     { 0x3d, { "capture-limits" },             "",                    { 8, "20a10700002d3101" }, 0, "\"min\":500000,\"max\":20000000" },
     { 0x46, { "autosave", "off" },            "00000000",            { 0, "" },          0, "\"refused\":false" },
@@ -174,7 +167,7 @@ const Exchange exchanges[] = {
     { 0x52, { "dpl-ifaces" },                 "",                    { 9, "01000000 0103 'rmn'" }, 0, "\"interfaces\":[{\"id\":1,\"description\":\"rmn\"}]" },
     { 0x53, { "dpl-list" },                   "",                    { 8, "02000000 0100 2c01" }, 0, "\"interfaces\":[1,300]" },
     { 0x54, { "dpl-add", "300" },             "2c01",                { 0, "" },          0, "\"refused\":false" },
-    { 0x55, { "dpl-reset" },                  "",                    UNTOUCHED,          0, "\"refused\":\"unknown\"" },
+    { 0x55, { "dpl-reset" },                  "",                    UNTOUCHED,          0, "\"refused\":false,\"changed\":false" },
 };
 // clang-format on
 
@@ -195,6 +188,9 @@ TEST(TovakctlTable, EveryRowsRequestBytesAndReplyReading)
                         { 0x38, { 8, "0100000000000000" } },
                         { 0x49, { 4, "01000000" } },
                         { 0x51, { 4, "00000000" } },
+                        { 0x3c, { 4, "20a10700" } },
+                        { 0x53, { 4, "00000000" } },
+                        { 0x0f, { 4, "80f0fa02" } },
                         { 0x12, CONFIG_PATH } });
         std::vector<std::string> args = { "--json" };
         args.insert(args.end(), x.args.begin(), x.args.end());
@@ -348,6 +344,8 @@ TEST(TovakctlArgs, SuggestionsNamesAndBases)
                         { 0x10, { 4, "00000000" } },
                         { 0x12, CONFIG_PATH },
                         { 0x0e, { 0, "" } },
+                        { 0x33, { 4, "00000000" } },
+                        { 0x3c, { 4, "20a10700" } },
                         { 0x38, { 16, "01000000010000000000000001000000" } } });
         ctl(x.args, daemon.client_fd());
         auto own = std::find_if(daemon.requests().begin(), daemon.requests().end(),
@@ -429,24 +427,28 @@ TEST(TovakctlLog, FactsFromTheDaemonsLog)
     struct Case {
         std::vector<const char*> messages;
         const char* out_path;
+        const char* capture_dir; // where the next capture commit goes
         int pending;
         int64_t events;
     };
     // clang-format off
     const Case cases[] = {
-        { {}, "", 0, -1 },
+        { {}, "", "", 0, -1 },
         // Refused by the platform: no ADB_LOG line follows.
-        { { "DMLogging out_path_name is relative/x", "tovak_handler ERR >> 120" }, "", 0, -1 },
-        { { "DMLogging out_path_name is /sdcard/a", "ADB_LOG out_path_name is /sdcard/", "DMLogging out_path_name is bad" }, "/sdcard/a", 0, -1 },
-        { { "DMLogging out_path_name is /sdcard/a", "ADB_LOG out_path_name is /sdcard/", "[!] TOVAKD Started ver 1" }, "", 0, -1 },
+        { { "DMLogging out_path_name is relative/x", "tovak_handler ERR >> 120" }, "", "", 0, -1 },
+        // A capture commit refused (capture off) leaves the path for the next; one done uses it up.
+        { { "DMLogging out_path_name is /sdcard/a", "ADB_LOG out_path_name is /sdcard/", "DMLogging out_path_name is bad",
+            "process adblog_commit", "ADBLOG: state is off so commit operation is not allowed" }, "/sdcard/a", "/sdcard/", 0, -1 },
+        { { "DMLogging out_path_name is /sdcard/a", "ADB_LOG out_path_name is /sdcard/", "process adblog_commit" }, "/sdcard/a", "", 0, -1 },
+        { { "DMLogging out_path_name is /sdcard/a", "ADB_LOG out_path_name is /sdcard/", "[!] TOVAKD Started ver 1" }, "", "", 0, -1 },
         { { "Number of event ID = 2200", ">> getVariousInfoOnEventLogMessage", "handler_add_event, event id = 5",
-            "handler_rm_log, log id = 16687", "handler_add_msg ssid = 0x5, mask = 0x18" }, "", 3, 2200 },
+            "handler_rm_log, log id = 16687", "handler_add_msg ssid = 0x5, mask = 0x18" }, "", "", 3, 2200 },
         // A second log on sends nothing, so edits stay pending; a log off clears the masks.
-        { { "handler_rm_event, event id = 5", "process log_on", "Current log state is already LOG_STATE_START so do nothing" }, "", 1, -1 },
-        { { "handler_rm_msg ssid = 0x5", "process log_off" }, "", 0, -1 },
-        { { "handler_rm_msg ssid = 0x5", "process log_on", ">> getVariousInfoOnEventLogMessage" }, "", 0, -1 },
+        { { "handler_rm_event, event id = 5", "process log_on", "Current log state is already LOG_STATE_START so do nothing" }, "", "", 1, -1 },
+        { { "handler_rm_msg ssid = 0x5", "process log_off" }, "", "", 0, -1 },
+        { { "handler_rm_msg ssid = 0x5", "process log_on", ">> getVariousInfoOnEventLogMessage" }, "", "", 0, -1 },
         // Lines of other tags never count.
-        { { "handler_get_events output length = 5120" }, "", 0, -1 },
+        { { "handler_get_events output length = 5120" }, "", "", 0, -1 },
     };
     // clang-format on
     for (const Case& c : cases) {
@@ -461,6 +463,7 @@ TEST(TovakctlLog, FactsFromTheDaemonsLog)
         CtlLogFacts f = ctl_log_facts(opt);
         EXPECT_TRUE(f.known);
         EXPECT_EQ(c.out_path, f.out_path) << text;
+        EXPECT_EQ(c.capture_dir, f.capture_dir) << text;
         EXPECT_EQ(c.pending, f.pending_edits) << text;
         EXPECT_EQ(c.events, f.event_count) << text;
     }
@@ -549,15 +552,14 @@ TEST(TovakctlHelp, HelpAndCompletionComeFromTheTable)
     CtlRun help = local({ "--help" }), completion = local({ "completion", "bash" });
     EXPECT_EQ(0, help.rc);
     EXPECT_NE(std::string::npos, help.out.find("\nlogging:\n  status ")) << "status first";
-    for (size_t i = 0; i < tovak_command_count; i++) {
-        std::string name = tovak_commands[i].name, word = name.substr(0, name.find(' '));
+    for (const std::string& word : ctl_subcommand_names()) {
         EXPECT_NE(nullptr, ctl_group_of(word)) << word << " is in no group of --help";
-        EXPECT_NE(std::string::npos, help.out.find("\n  " + name)) << name;
+        EXPECT_NE(std::string::npos, help.out.find("\n  " + word + " ")) << word;
         CtlRun one = local({ word, "--help" });
         EXPECT_EQ(0, one.rc);
         EXPECT_EQ(0u, one.out.find("usage: tovakctl " + word)) << one.out;
         EXPECT_EQ(1u, count(one.out, "usage: ")) << "usage once: " << one.out;
-        EXPECT_NE(std::string::npos, one.out.find("\nExample: tovakctl " + word)) << one.out;
+        EXPECT_NE(std::string::npos, one.out.find("\nExample: ")) << one.out;
         EXPECT_EQ(one.out, local({ "help", word }).out);
     }
     // What changes something says when, and whether it lasts.
@@ -573,6 +575,13 @@ TEST(TovakctlHelp, HelpAndCompletionComeFromTheTable)
     TempDir dir;
     ASSERT_TRUE(write_file(dir.path() + "/c.bash", completion.out));
     EXPECT_EQ(0, system(("bash -n " + dir.path() + "/c.bash").c_str()));
+    // log-read takes files in any position.
+    ASSERT_TRUE(write_file(dir.path() + "/diag_log_1.qmdl", "") &&
+                write_file(dir.path() + "/t.bash",
+                           ". " + dir.path() + "/c.bash; COMP_WORDS=(tovakctl log-read --json " + dir.path() +
+                               "/diag_); COMP_CWORD=3; _tovakctl; [ \"$COMPREPLY\" = " + dir.path() +
+                               "/diag_log_1.qmdl ]"));
+    EXPECT_EQ(0, system(("bash " + dir.path() + "/t.bash").c_str()));
     CtlRun zsh = local({ "completion", "zsh" });
     EXPECT_EQ(2, zsh.rc);
     EXPECT_NE(std::string::npos, zsh.err.find("only bash")) << zsh.err;
