@@ -404,6 +404,13 @@ void CtlEffects::new_files(TovakShown* shown, CtlEffect* e)
         e->lines.push_back("the device's files are not visible from here, so tovakctl cannot list what was written");
         return;
     }
+    // Without the storage the first folder lies in, an empty listing would
+    // read as "nothing written".
+    const std::string storage = dirs[0].substr(0, dirs[0].rfind('/'));
+    if (access(storage.c_str(), F_OK) != 0) {
+        e->missing = storage;
+        return;
+    }
     for (const std::string& dir : dirs)
         for (const auto& [file, size] : list_files(dir))
             if (files_before_.count(file) == 0) {

@@ -207,6 +207,13 @@ int run_row(Ctl& c, const TovakCommand& row, const std::vector<std::string>& wor
     for (const std::string& l : effect.lines)
         lines += l + "\n";
     bool failed = res.shown.verdict == TovakVerdict::refused || res.shown.verdict == TovakVerdict::unexpected;
+    // Answered, but what it did is out of sight: as unsure as a time-out.
+    const bool unsure = !failed && !effect.missing.empty();
+    const std::string unseen =
+        unsure ? "tovakd answered, but " + effect.missing + " is missing, so tovakctl cannot tell what was written"
+               : "";
+    if (unsure)
+        effect.json.emplace_back("error", tovak_json_string(unseen));
     if (c.opt.json) {
         json.insert(json.begin(), { { "reply_len", std::to_string(res.reply_len) },
                                     { "refused", res.shown.verdict == TovakVerdict::unknown   ? "\"unknown\""
@@ -218,6 +225,8 @@ int run_row(Ctl& c, const TovakCommand& row, const std::vector<std::string>& wor
         json.insert(json.end(), report.json.begin(), report.json.end());
         json.insert(json.end(), effect.json.begin(), effect.json.end());
         print_json(c, row.name, row.id, json);
+    } else if (unsure) {
+        c.err << "tovakctl: " << row.name << ": " << unseen << "\n";
     } else if (res.shown.verdict == TovakVerdict::done) {
         c.out << (report.text.empty() && lines.empty() ? "done\n" : report.text + lines);
     } else if (res.shown.verdict == TovakVerdict::unknown) {
@@ -226,7 +235,7 @@ int run_row(Ctl& c, const TovakCommand& row, const std::vector<std::string>& wor
         c.err << "tovakctl: " << row.name << ": " << (res.shown.verdict == TovakVerdict::refused ? "refused: " : "")
               << res.shown.note << "\n";
     }
-    return failed ? CTL_EXIT_FAILED : CTL_EXIT_OK;
+    return failed ? CTL_EXIT_FAILED : unsure ? CTL_EXIT_TIMEOUT : CTL_EXIT_OK;
 }
 
 // Pairs of hex digits; blanks and colons are ignored.

@@ -99,6 +99,9 @@ std::string ctl_config_element(const std::string& file, const std::string& tag);
 struct CtlEffect {
     std::vector<std::string> lines;
     std::vector<std::string> warnings;
+    // A folder of the device tovakctl had to read and could not find: what
+    // the command did cannot be told.
+    std::string missing;
     std::vector<std::pair<std::string, std::string>> json;
 };
 

@@ -62,6 +62,11 @@ TEST_F(CtlEffectsTest, ModemLoggingEditsCommitsAndSizes)
     ASSERT_NE(std::string::npos, at) << commit.all();
     std::string file = commit.out.substr(at + 14, commit.out.find(' ', at + 6) - at - 14);
     EXPECT_TRUE(file_exists(dev.path("data/media/0/" + file))) << file;
+    // The storage out of sight: an answered commit is as unsure as a time-out.
+    const std::string storage = dev.path("data/media/0");
+    ASSERT_EQ(0, rename(storage.c_str(), (storage + ".away").c_str()));
+    expect({ "commit" }, 3, { "data/media/0 is missing, so tovakctl cannot tell what was written" });
+    ASSERT_EQ(0, rename((storage + ".away").c_str(), storage.c_str()));
 }
 
 TEST_F(CtlEffectsTest, OutputPathAndCaptureFilesWhereTheyLand)
