@@ -375,8 +375,11 @@ std::string json_counts(const M& m, bool hex)
 std::string json_items(const std::vector<LrItem>& items)
 {
     std::string s = "[";
-    for (const LrItem& i : items)
-        s += (s.size() > 1 ? "," : "") + json_text(lr_item_text(i));
+    for (const LrItem& i : items) {
+        if (s.size() > 1)
+            s += ',';
+        s += json_text(lr_item_text(i));
+    }
     return s + "]";
 }
 

@@ -108,11 +108,12 @@ bool LrPcapWriter::open(FILE* out)
 {
     out_ = out;
     std::vector<uint8_t> h;
+    h.reserve(24);
     le32(h, 0xA1B2C3D4);
-    h.insert(h.end(), { 2, 0, 4, 0 }); // version 2.4
-    le32(h, 0);                        // GMT offset
-    le32(h, 0);                        // accuracy
-    le32(h, 262144);                   // snap length
+    le32(h, 2 | 4 << 16); // version 2.4: two u16
+    le32(h, 0);           // GMT offset
+    le32(h, 0);           // accuracy
+    le32(h, 262144);      // snap length
     le32(h, PCAP_LINKTYPE_RAW);
     failed_ = fwrite(h.data(), 1, h.size(), out_) != h.size();
     return !failed_;

@@ -310,20 +310,25 @@ std::string modem_summary(Device& d, const Args&)
             continue;
         const Modem& m = d.modem.modem(remote);
         std::string events, codes, msgs, dpl;
+        auto add = [](std::string& list, char sep, const std::string& item) {
+            if (!list.empty())
+                list += sep;
+            list += item;
+        };
         for (uint16_t id : m.enabled_events())
-            events += (events.empty() ? "" : " ") + std::to_string(id);
+            add(events, ' ', std::to_string(id));
         for (uint16_t code : m.enabled_log_codes())
-            codes += (codes.empty() ? "" : " ") + hex4(code);
+            add(codes, ' ', hex4(code));
         for (const auto& [ssid, mask] : m.msg_masks()) {
             std::string levels;
             for (unsigned bit = 0; bit < 32; bit++)
                 if (mask & (1u << bit))
-                    levels += (levels.empty() ? "" : ",") + std::to_string(bit);
-            msgs += (msgs.empty() ? "" : " ") + std::to_string(ssid) + ":" + (levels.empty() ? "-" : levels);
+                    add(levels, ',', std::to_string(bit));
+            add(msgs, ' ', std::to_string(ssid) + ":" + (levels.empty() ? "-" : levels));
         }
         for (const DplIface& i : m.dpl_ifaces())
             if (i.logging)
-                dpl += (dpl.empty() ? "" : " ") + std::to_string(i.id) + "(" + i.name + ")";
+                add(dpl, ' ', std::to_string(i.id) + "(" + i.name + ")");
         out += std::string(remote ? "remote" : "local") + " modem: event reporting " +
                (m.event_reporting() ? "on" : "off") + ", " + std::to_string(m.enabled_events().size()) + " of " +
                std::to_string(m.ranges().event_count) + " event ids\n";

@@ -160,7 +160,7 @@ TEST_F(Config, FilesEndingAtEveryChunkEdgeReadWhole)
 {
     const std::string tail = "<DplState>on</DplState>";
     for (size_t size : { tail.size(), size_t(8191), size_t(8192), size_t(8193), size_t(16385) }) {
-        const std::string text = size > tail.size() ? "#" + std::string(size - tail.size() - 2, 'x') + "\n" : "";
+        const std::string text = size > tail.size() ? std::string("#").append(size - tail.size() - 2, 'x') + "\n" : "";
         round_trip(text + tail);
         EXPECT_EQ(1u, tovak_config_get_dpl_state()) << size;
     }
