@@ -204,7 +204,7 @@ std::string chatter(Device& d, const Args& a)
 std::string fault(Device& d, const Args& a)
 {
     const std::string usage = "usage: fault drop N | corrupt N | delay MS | stall BUFFER on|off | silent on|off | "
-                              "logger-absent on|off | clear";
+                              "logger-absent on|off | size-refused on|off | clear";
     Faults& f = d.faults;
     bool on;
     if (a.size() == 2 && a[1] == "clear") {
@@ -227,11 +227,13 @@ std::string fault(Device& d, const Args& a)
             f.delay_ms = int(n);
         return "ok\n";
     }
-    if (a.size() == 3 && (a[1] == "silent" || a[1] == "logger-absent")) {
+    if (a.size() == 3 && (a[1] == "silent" || a[1] == "logger-absent" || a[1] == "size-refused")) {
         if (!on_off(a[2], &on))
             return error(a[1] + " takes on or off");
         if (a[1] == "silent") {
             f.modem_silent = on;
+        } else if (a[1] == "size-refused") {
+            f.size_refused = on;
         } else {
             if (on != f.logger_absent && d.on_logger_absent)
                 d.on_logger_absent(on);
@@ -362,8 +364,8 @@ const Verb VERBS[] = {
     { "log",            4, 99, "log BUFFER PRIO TAG MESSAGE...", "inject one entry (PRIO: V D I W E F or 2-7)", log },
     { "flood",          3, 3,  "flood BUFFER RATE COUNT",       "inject COUNT entries at RATE per second", flood },
     { "chatter",        1, 1,  "chatter on|off",                "the phone's own background logging", chatter },
-    { "fault",          1, 3,  "fault drop N|corrupt N|delay MS|stall BUFFER on|off|silent on|off|logger-absent on|off|clear",
-                                                                "faults on the modem's answers, the modem, the logger", fault },
+    { "fault",          1, 3,  "fault drop N|corrupt N|delay MS|stall BUFFER on|off|silent on|off|logger-absent on|off|size-refused on|off|clear",
+                                                                "faults on the modem's answers, the modem, the logger, the buffer size", fault },
     { "disk",           2, 2,  "disk fill PATH | disk free PATH", "fill the filesystem holding PATH (at most 256 MiB free), or free it", disk },
     { "daemon-kill",    0, 1,  "daemon-kill [SIGNAL]",          "signal the running tovakd (default 9)", daemon_kill },
     { "prop",           2, 3,  "prop get|set|clear KEY [VALUE]", "the device's system properties", prop },

@@ -11,11 +11,8 @@
 
 nlohmann::json Faults::status() const
 {
-    return { { "drop", drop_next },
-             { "corrupt", corrupt_next },
-             { "delay_ms", delay_ms },
-             { "silent", modem_silent },
-             { "logger_absent", logger_absent } };
+    return { { "drop", drop_next },      { "corrupt", corrupt_next },        { "delay_ms", delay_ms },
+             { "silent", modem_silent }, { "logger_absent", logger_absent }, { "size_refused", size_refused } };
 }
 
 DiskFiller::~DiskFiller()

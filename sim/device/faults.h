@@ -13,12 +13,14 @@ struct Faults {
     int delay_ms = 0;           // every diag answer waits this long
     bool modem_silent = false;  // the modem answers nothing and logs nothing
     bool logger_absent = false; // logd is gone: its socket is not there
+    bool size_refused = false;  // the platform takes no buffer size
 
     void clear_answers()
     {
         drop_next = corrupt_next = 0;
         delay_ms = 0;
         modem_silent = false;
+        size_refused = false;
     }
     nlohmann::json status() const;
 };

@@ -201,6 +201,10 @@ bool ModemService::op(uint32_t code, const uint8_t* args, size_t len, uint64_t u
         return true;
     }
     case SIM_OP_CHANGE_BUFFER_SIZE:
+        if (faults_.size_refused) {
+            *out = link_result(0);
+            return true;
+        }
         if (len >= 4) {
             buffer_size_ = std::clamp(int32_t(get_u32(args)), buffer_min_, buffer_max_);
             local_.trim(size_t(buffer_size_));

@@ -1,11 +1,13 @@
 // The mask request packets built from a configuration and the modem's
-// ranges, byte for byte, and what a failed range query leaves.
+// ranges, byte for byte, what a failed range query leaves, and a start-up
+// whose buffer size the platform refuses.
 #include <gtest/gtest.h>
 
 #include "hex_text.h"
 #include "linked_devsim.h"
 #include "logging/tovak_data.h"
 #include "logging/tovak_diag.h"
+#include "logging/tovak_logging.h"
 
 namespace {
 
@@ -132,6 +134,19 @@ TEST_F(Packets, AFailedRangeQueryOnTheModemFallsBackAndIsAskedAgain)
     size_t requests = sim.status()["request_count"].get<size_t>();
     EXPECT_EQ(1, getVariousInfoOnEventLogMessage());
     EXPECT_EQ(requests, sim.status()["request_count"].get<size_t>()) << "known ranges are not asked again";
+    EXPECT_EQ(0, sim.stop());
+}
+
+// The start-up stops where the platform takes no buffer size, and goes on
+// to the end once it does.
+TEST_F(Packets, AStartUpWhoseBufferSizeIsRefusedStopsThere)
+{
+    LinkedDevsim sim;
+    ASSERT_TRUE(sim.start());
+    ASSERT_EQ(0, devsim_ctl(sim.root(), { "fault", "size-refused", "on" }));
+    EXPECT_EQ(0u, tovak_handler_init());
+    ASSERT_EQ(0, devsim_ctl(sim.root(), { "fault", "size-refused", "off" }));
+    EXPECT_EQ(1u, tovak_handler_init());
     EXPECT_EQ(0, sim.stop());
 }
 
