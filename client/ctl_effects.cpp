@@ -180,6 +180,16 @@ void CtlEffects::before()
     }
 }
 
+bool CtlEffects::config_visible() const
+{
+    return !config_.empty() && access(config_.c_str(), R_OK) == 0;
+}
+
+bool CtlEffects::config_unchanged() const
+{
+    return read_text(config_) == config_before_;
+}
+
 void CtlEffects::unchanged(const std::string& why, CtlEffect* e)
 {
     e->lines.push_back("nothing changed: " + why);
@@ -206,7 +216,7 @@ void CtlEffects::after(TovakShown* shown, CtlEffect* e)
         else if (known_)
             e->json.emplace_back("changed", "true");
         bool changed = known_ && !(adds ? present_ && (!is(row_, CMD_ADD_MSG) || same_mask_) : !present_);
-        if (changed && !config_.empty() && read_text(config_) == config_before_) {
+        if (changed && !config_.empty() && config_unchanged()) {
             std::string warning = "tovakd could not save it: " + device_name(opt_, config_) +
                                   " did not change "
                                   "(read-only, or full?); the change lasts only until tovakd restarts";
@@ -305,9 +315,9 @@ void CtlEffects::limit_warning(CtlEffect* e)
 
 void CtlEffects::log_size(CtlEffect* e)
 {
-    bool visible = !config_.empty() && access(config_.c_str(), R_OK) == 0;
+    const bool visible = config_visible();
     std::string kept = visible ? ctl_config_element(config_, "BufferSize") : "";
-    if (known_ && taken_size == size_before_ && visible && read_text(config_) == config_before_)
+    if (known_ && taken_size == size_before_ && visible && config_unchanged())
         unchanged("the size was already so", e);
     e->lines.push_back("size asked " + std::to_string(args_[0].num) + " bytes, in use " + std::to_string(taken_size) +
                        " (what the platform took), dm.cfg keeps " + (kept.empty() ? "(not visible here)" : kept) +
@@ -336,13 +346,13 @@ void CtlEffects::capture_size(TovakShown* shown, CtlEffect* e)
     }
     *shown = { TovakVerdict::done, "" };
     // dm.cfg keeps one size per category, in category order.
-    bool visible = !config_.empty() && access(config_.c_str(), R_OK) == 0;
+    const bool visible = config_visible();
     std::istringstream sizes(visible ? ctl_config_element(config_, "AdbSizeInfo") : "");
     std::string item, kept;
     for (uint32_t i = 0; std::getline(sizes, item, ','); i++)
         if (i == category)
             kept = item;
-    if (in_use == size_before_ && visible && read_text(config_) == config_before_)
+    if (in_use == size_before_ && visible && config_unchanged())
         unchanged("the size was already so", e);
     e->lines.push_back("size asked " + std::to_string(args_[1].num) + " bytes, in use " + std::to_string(in_use) +
                        " (kept within the limits), dm.cfg keeps " + (kept.empty() ? "(not visible here)" : kept));
@@ -372,7 +382,7 @@ void CtlEffects::saved_elsewhere(TovakShown* shown, CtlEffect* e)
         return;
     }
     std::vector<bool> enabled;
-    if (config_.empty() || access(config_.c_str(), R_OK) != 0 || !client_.get_categories(&enabled).done())
+    if (!config_visible() || !client_.get_categories(&enabled).done())
         return;
     std::string live, on;
     for (size_t i = 0; i < enabled.size(); i++) {
@@ -387,7 +397,7 @@ void CtlEffects::saved_elsewhere(TovakShown* shown, CtlEffect* e)
         return;
     }
     *shown = { TovakVerdict::done, "" };
-    if (read_text(config_) == config_before_)
+    if (config_unchanged())
         unchanged("dm.cfg already kept these categories", e);
     else
         e->lines.push_back("saved in dm.cfg: " + (on.empty() ? std::string("no category") : on) +

@@ -118,6 +118,9 @@ public:
 private:
     std::vector<std::string> watched_dirs() const;
     void unchanged(const std::string& why, CtlEffect* e);
+    // dm.cfg readable here, and as it was before the command.
+    bool config_visible() const;
+    bool config_unchanged() const;
     void limit_warning(CtlEffect* e);
     void log_size(CtlEffect* e);
     void capture_size(TovakShown* shown, CtlEffect* e);
